@@ -1,0 +1,42 @@
+#include "host/PluginHost.h"
+
+#include <dlfcn.h>
+
+namespace pwr::host {
+
+PluginHost::~PluginHost() {
+    if (mHandle != nullptr) dlclose(mHandle);
+}
+
+bool PluginHost::load(const std::string& library, std::string* error) {
+    if (mHandle != nullptr) {
+        if (error != nullptr) *error = "a plug-in is already loaded";
+        return false;
+    }
+    mHandle = dlopen(library.c_str(), RTLD_NOW);
+    if (mHandle == nullptr) {
+        if (error != nullptr) *error = dlerror();
+        return false;
+    }
+    return true;
+}
+
+PowerOptFeatureFactory PluginHost::findFactory(const std::string& featureName) {
+    auto* registry = PowerOptFeature::mFeatureMapInstanceList;
+    if (registry == nullptr) return nullptr;
+    auto it = registry->find(featureName);
+    return it == registry->end() ? nullptr : it->second;
+}
+
+std::unique_ptr<PowerOptFeature> PluginHost::create(const std::string& featureName,
+                                                    const PowerOptFeatureInfo& info,
+                                                    std::string* error) {
+    PowerOptFeatureFactory factory = findFactory(featureName);
+    if (factory == nullptr) {
+        if (error != nullptr) *error = "no feature registered as " + featureName;
+        return nullptr;
+    }
+    return std::unique_ptr<PowerOptFeature>(factory(info));
+}
+
+}  // namespace pwr::host

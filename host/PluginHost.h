@@ -1,0 +1,36 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "feature/PowerOptFeature.h"
+
+namespace pwr::host {
+
+// Loads feature plug-ins and builds features the way the power service does: dlopen the library,
+// find the factory by feature name in the registry, call it with the parsed configuration, and
+// delete the feature through its virtual destructor.
+class PluginHost {
+  public:
+    PluginHost() = default;
+    ~PluginHost();
+    PluginHost(const PluginHost&) = delete;
+    PluginHost& operator=(const PluginHost&) = delete;
+
+    // Loads a plug-in library by file name or path. False (with `error` set) when it cannot be.
+    bool load(const std::string& library, std::string* error);
+
+    // The factory registered under `featureName`, or null.
+    static PowerOptFeatureFactory findFactory(const std::string& featureName);
+
+    // Builds the feature registered under `featureName`; null (with `error` set) when no factory
+    // is registered. Exceptions from the feature's constructor propagate, as they do to the host.
+    static std::unique_ptr<PowerOptFeature> create(const std::string& featureName,
+                                                   const PowerOptFeatureInfo& info,
+                                                   std::string* error);
+
+  private:
+    void* mHandle = nullptr;
+};
+
+}  // namespace pwr::host

@@ -1,0 +1,76 @@
+#include "platform/PowerHelper.h"
+
+#include <dlfcn.h>
+
+#include "platform/DevicePath.h"
+#include "platform/Log.h"
+#include "platform/Properties.h"
+
+using pwr::kModHelper;
+
+// One binding for the whole process: written only while a PowerHelper is being constructed,
+// before any timer or event thread of the feature exists, and only read afterwards.
+void* PowerHelper::perf_handle = nullptr;
+PerfLockAcquireFn PowerHelper::perflock_acq = nullptr;
+PerfLockReleaseFn PowerHelper::perflock_rel = nullptr;
+PerfHintFn PowerHelper::perflock_hint = nullptr;
+
+PowerHelper::PowerHelper() {
+    fpsNodePath = selectFilePath(fps_nodes, "/sys/class/drm/mxp-crtc-0/measured_fps");
+    fpsPeriodicityPath =
+            selectFilePath(fps_periodicity_nodes, "/sys/class/drm/mxp-crtc-0/fps_periodicity_ms");
+    if (!fpsStream.is_open()) fpsStream.open(pwr::devicePath(fpsNodePath));
+    {
+        pwr::MutexLock lock(fileMutex);
+        if (!usbStream.is_open()) usbStream.open(pwr::devicePath(kUsbStateNode));
+    }
+    getPerfhandle();
+    if (property_get_bool("vendor.debug.trace.power", false)) debugEnabled = 1;
+}
+
+PowerHelper::~PowerHelper() {
+    if (fpsStream.is_open()) fpsStream.close();
+    {
+        pwr::MutexLock lock(fileMutex);
+        if (usbStream.is_open()) usbStream.close();
+    }
+    // The entry points are left as they are: a PowerHelper built later binds them again.
+    if (perf_handle != nullptr) dlclose(perf_handle);
+}
+
+void PowerHelper::getPerfhandle() {
+    // RTLD_NOW: immediate binding, the platform's flags value 0 on its 32-bit C library.
+    perf_handle = dlopen(kPerfClientLibrary, RTLD_NOW);
+    if (perf_handle == nullptr) {
+        PWR_LOG(kModHelper, "getPerfhandle", 269, "Unable to open perf lib: %s", dlerror());
+        return;
+    }
+    perflock_acq = reinterpret_cast<PerfLockAcquireFn>(dlsym(perf_handle, "perf_lock_acq"));
+    if (perflock_acq == nullptr) {
+        PWR_LOG(kModHelper, "getPerfhandle", 275, "Unable to get perf_lock_acq handle");
+    }
+    perflock_rel = reinterpret_cast<PerfLockReleaseFn>(dlsym(perf_handle, "perf_lock_rel"));
+    if (perflock_rel == nullptr) {
+        PWR_LOG(kModHelper, "getPerfhandle", 280, "Unable to get perf_lock_rel handle");
+    }
+    perflock_hint = reinterpret_cast<PerfHintFn>(dlsym(perf_handle, "perf_hint"));
+    if (perflock_hint == nullptr) {
+        PWR_LOG(kModHelper, "getPerfhandle", 285, "Unable to get perflock_hint handle");
+    }
+}
+
+int PowerHelper::perflockAcquire(int /*handle*/, int duration, int* list, int numArgs) {
+    if (perflock_acq == nullptr) return -1;
+    // Always a new lock: the caller's handle never reaches the library.
+    return perflock_acq(0, duration, list, numArgs);
+}
+
+void PowerHelper::perflockRelease(int handle) {
+    if (handle == -1 || perflock_rel == nullptr) return;
+    perflock_rel(handle);
+}
+
+int PowerHelper::perfhintEnable(int hintId, char* packageName, int duration, int type) {
+    if (duration < 0 || perflock_hint == nullptr) return 0;
+    return perflock_hint(hintId, packageName, duration, type);
+}

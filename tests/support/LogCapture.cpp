@@ -1,0 +1,90 @@
+#include "tests/support/LogCapture.h"
+
+#include <android/log.h>
+
+#include <condition_variable>
+#include <mutex>
+
+namespace pwr::test {
+namespace {
+
+struct Sink {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<LogLine> lines;  // guarded by mutex
+};
+
+Sink& sink() {
+    static Sink s;
+    return s;
+}
+
+void captureLogger(const __android_logger_data* data, const char* message) {
+    Sink& s = sink();
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.lines.push_back(LogLine{data->priority, data->tag != nullptr ? data->tag : "",
+                                  message != nullptr ? message : ""});
+    }
+    s.changed.notify_all();
+}
+
+void nullLogger(const __android_logger_data*, const char*) {}
+
+}  // namespace
+
+LogCapture::LogCapture() {
+    clear();
+    __android_log_set_logger(captureLogger);
+}
+
+LogCapture::~LogCapture() {
+    __android_log_set_logger(nullLogger);
+}
+
+std::vector<LogLine> LogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(sink().mutex);
+    return sink().lines;
+}
+
+std::vector<std::string> LogCapture::messages() const {
+    std::vector<std::string> out;
+    for (const LogLine& line : lines()) out.push_back(line.message);
+    return out;
+}
+
+int LogCapture::count(const std::string& message) const {
+    int n = 0;
+    for (const LogLine& line : lines()) n += line.message == message ? 1 : 0;
+    return n;
+}
+
+int LogCapture::countContaining(const std::string& part) const {
+    int n = 0;
+    for (const LogLine& line : lines()) n += line.message.find(part) != std::string::npos ? 1 : 0;
+    return n;
+}
+
+bool LogCapture::waitFor(const std::string& part, int times,
+                         std::chrono::milliseconds timeout) const {
+    Sink& s = sink();
+    std::unique_lock<std::mutex> lock(s.mutex);
+    return s.changed.wait_for(lock, timeout, [&] {
+        int n = 0;
+        for (const LogLine& line : s.lines) {
+            n += line.message.find(part) != std::string::npos ? 1 : 0;
+        }
+        return n >= times;
+    });
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> lock(sink().mutex);
+    sink().lines.clear();
+}
+
+void installNullLogger() {
+    __android_log_set_logger(nullLogger);
+}
+
+}  // namespace pwr::test
