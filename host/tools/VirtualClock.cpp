@@ -81,6 +81,18 @@ void VirtualClock::advanceTo(int64_t ns) {
     }
 }
 
+bool VirtualClock::nextExpiryNs(int64_t* ns) {
+    MutexLock lock(mMutex);
+    bool found = false;
+    for (const auto& [key, entry] : mTimers) {
+        if (entry.armed && (!found || entry.expiryNs < *ns)) {
+            *ns = entry.expiryNs;
+            found = true;
+        }
+    }
+    return found;
+}
+
 int VirtualClock::timerCount() {
     MutexLock lock(mMutex);
     return static_cast<int>(mTimers.size());

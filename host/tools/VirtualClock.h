@@ -37,6 +37,10 @@ class VirtualClock {
     // may arm, disarm and delete timers; they must not advance the clock themselves.
     void advanceTo(int64_t ns) EXCLUDES(mMutex);
 
+    // The earliest pending expiry: true with `ns` set, false when no timer is armed. A simulator
+    // uses it to bring the device's nodes up to that time before advancing to it.
+    bool nextExpiryNs(int64_t* ns) EXCLUDES(mMutex);
+
     // Number of timers that exist / that are armed.
     int timerCount() EXCLUDES(mMutex);
     int armedCount() EXCLUDES(mMutex);

@@ -241,4 +241,40 @@ TEST_F(VirtualClockTest, PluginTimerServiceRunsOnVirtualTime) {
     timer.Timer_destroy(periodic);
 }
 
+TEST_F(VirtualClockTest, NextExpiryIsTheEarliestArmedTimer) {
+    int64_t next = -1;
+    EXPECT_FALSE(mClock.nextExpiryNs(&next));
+
+    Recorder slow;
+    Recorder fast;
+    timer_t slowId = slow.create();
+    timer_t fastId = fast.create();
+    itimerspec everySecond = spec(1, 0, 1, 0);
+    itimerspec in300 = spec(0, 300 * kMs, 0, 700 * kMs);
+    ASSERT_EQ(timer_settime(slowId, 0, &everySecond, nullptr), 0);
+    ASSERT_EQ(timer_settime(fastId, 0, &in300, nullptr), 0);
+    ASSERT_TRUE(mClock.nextExpiryNs(&next));
+    EXPECT_EQ(next - mStart, 300 * kMs);
+
+    // Each advance to the reported expiry fires exactly the timers due then.
+    std::vector<int64_t> stops;
+    while (mClock.nextExpiryNs(&next) && next - mStart <= 2 * kSecond) {
+        stops.push_back(next - mStart);
+        mClock.advanceTo(next);
+    }
+    EXPECT_THAT(stops, ElementsAre(300 * kMs, kSecond, 1700 * kMs, 2 * kSecond));
+    EXPECT_THAT(relative(fast.times), ElementsAre(300 * kMs, kSecond, 1700 * kMs));
+    EXPECT_THAT(relative(slow.times), ElementsAre(kSecond, 2 * kSecond));
+
+    // A disarmed timer is no longer reported.
+    itimerspec zero{};
+    ASSERT_EQ(timer_settime(fastId, 0, &zero, nullptr), 0);
+    ASSERT_TRUE(mClock.nextExpiryNs(&next));
+    EXPECT_EQ(next - mStart, 3 * kSecond);
+    ASSERT_EQ(timer_settime(slowId, 0, &zero, nullptr), 0);
+    EXPECT_FALSE(mClock.nextExpiryNs(&next));
+    EXPECT_EQ(timer_delete(slowId), 0);
+    EXPECT_EQ(timer_delete(fastId), 0);
+}
+
 }  // namespace
