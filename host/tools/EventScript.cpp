@@ -76,6 +76,73 @@ bool parseInteger(std::string_view word, int64_t min, int64_t max, int64_t* out)
     return true;
 }
 
+// The event of words[first] onwards: a verb and its arguments, as in a script line after its
+// time. False with `message` set (no file or line) when they do not make an event.
+bool parseEventWords(const std::vector<std::string_view>& words, size_t first, ScriptEvent* out,
+                     std::string* message) {
+    ScriptEvent event;
+    const std::string_view verb = words[first];
+    const size_t args = words.size() - first - 1;
+    auto word = [&](size_t i) { return words[first + 1 + i]; };
+    auto arg = [&](size_t i) { return std::string(word(i)); };
+    auto fail = [message](const std::string& text) {
+        *message = text;
+        return false;
+    };
+    if (verb == "start" || verb == "stop") {
+        if (args != 1) return fail(std::string(verb) + " takes one application name");
+        event.kind = verb == "start" ? ScriptEvent::Kind::Start : ScriptEvent::Kind::Stop;
+        event.payload.hintId = verb == "start" ? kEventAppStart : kEventAppStop;
+        event.payload.appName = arg(0);
+    } else if (verb == "gameoff") {
+        if (args > 1) return fail("gameoff takes at most an application name");
+        event.kind = ScriptEvent::Kind::GameOff;
+        event.payload.hintId = kEventGameOff;
+        if (args == 1) event.payload.appName = arg(0);
+    } else if (verb == "hint") {
+        if (args < 2 || args > 3) {
+            return fail("hint takes <type> <action> and optionally an application");
+        }
+        int64_t type = 0;
+        int64_t action = 0;
+        if (!parseInteger(word(0), 0, kMaxHintType, &type)) {
+            return fail("hint type \"" + arg(0) + "\" is not a number from 0 to 127");
+        }
+        if (!parseInteger(word(1), 0, kMaxHintAction, &action)) {
+            return fail("hint action \"" + arg(1) + "\" is not a number from 0 to 255");
+        }
+        event.kind = ScriptEvent::Kind::Hint;
+        event.payload.hintId = kEventUsablePowerModeHint;
+        event.payload.hintType = static_cast<uint32_t>(action << 7 | type);
+        if (args == 3) event.payload.appName = arg(2);
+    } else if (verb == "event") {
+        if (args < 2 || args > 3) {
+            return fail("event takes <hintId> <hintType> and optionally an application");
+        }
+        int64_t id = 0;
+        int64_t type = 0;
+        if (!parseInteger(word(0), std::numeric_limits<int32_t>::min(),
+                          std::numeric_limits<int32_t>::max(), &id)) {
+            return fail("hintId \"" + arg(0) + "\" is not a 32-bit number");
+        }
+        if (!parseInteger(word(1), 0, std::numeric_limits<uint32_t>::max(), &type)) {
+            return fail("hintType \"" + arg(1) + "\" is not an unsigned 32-bit number");
+        }
+        event.kind = ScriptEvent::Kind::Raw;
+        event.payload.hintId = static_cast<int32_t>(id);
+        event.payload.hintType = static_cast<uint32_t>(type);
+        if (args == 3) event.payload.appName = arg(2);
+    } else if (verb == "end") {
+        if (args != 0) return fail("end takes nothing after it");
+        event.kind = ScriptEvent::Kind::End;
+    } else {
+        return fail("unknown event \"" + std::string(verb) +
+                    "\"; expected start, stop, gameoff, hint, event or end");
+    }
+    *out = std::move(event);
+    return true;
+}
+
 class Parser {
   public:
     Parser(const std::string& file, EventScript* out, std::string* error)
@@ -125,61 +192,10 @@ class Parser {
             }
         }
         ScriptEvent event;
+        std::string message;
+        if (!parseEventWords(words, 1, &event, &message)) return fail(line, message);
         event.timeMs = time;
         event.line = line;
-        const std::string_view verb = words[1];
-        const size_t args = words.size() - 2;
-        auto arg = [&](size_t i) { return std::string(words[2 + i]); };
-        if (verb == "start" || verb == "stop") {
-            if (args != 1) return fail(line, std::string(verb) + " takes one application name");
-            event.kind = verb == "start" ? ScriptEvent::Kind::Start : ScriptEvent::Kind::Stop;
-            event.payload.hintId = verb == "start" ? kEventAppStart : kEventAppStop;
-            event.payload.appName = arg(0);
-        } else if (verb == "gameoff") {
-            if (args > 1) return fail(line, "gameoff takes at most an application name");
-            event.kind = ScriptEvent::Kind::GameOff;
-            event.payload.hintId = kEventGameOff;
-            if (args == 1) event.payload.appName = arg(0);
-        } else if (verb == "hint") {
-            if (args < 2 || args > 3) {
-                return fail(line, "hint takes <type> <action> and optionally an application");
-            }
-            int64_t type = 0;
-            int64_t action = 0;
-            if (!parseInteger(words[2], 0, kMaxHintType, &type)) {
-                return fail(line, "hint type \"" + arg(0) + "\" is not a number from 0 to 127");
-            }
-            if (!parseInteger(words[3], 0, kMaxHintAction, &action)) {
-                return fail(line, "hint action \"" + arg(1) + "\" is not a number from 0 to 255");
-            }
-            event.kind = ScriptEvent::Kind::Hint;
-            event.payload.hintId = kEventUsablePowerModeHint;
-            event.payload.hintType = static_cast<uint32_t>(action << 7 | type);
-            if (args == 3) event.payload.appName = arg(2);
-        } else if (verb == "event") {
-            if (args < 2 || args > 3) {
-                return fail(line, "event takes <hintId> <hintType> and optionally an application");
-            }
-            int64_t id = 0;
-            int64_t type = 0;
-            if (!parseInteger(words[2], std::numeric_limits<int32_t>::min(),
-                              std::numeric_limits<int32_t>::max(), &id)) {
-                return fail(line, "hintId \"" + arg(0) + "\" is not a 32-bit number");
-            }
-            if (!parseInteger(words[3], 0, std::numeric_limits<uint32_t>::max(), &type)) {
-                return fail(line, "hintType \"" + arg(1) + "\" is not an unsigned 32-bit number");
-            }
-            event.kind = ScriptEvent::Kind::Raw;
-            event.payload.hintId = static_cast<int32_t>(id);
-            event.payload.hintType = static_cast<uint32_t>(type);
-            if (args == 3) event.payload.appName = arg(2);
-        } else if (verb == "end") {
-            if (args != 0) return fail(line, "end takes nothing after it");
-            event.kind = ScriptEvent::Kind::End;
-        } else {
-            return fail(line, "unknown event \"" + std::string(verb) +
-                                      "\"; expected start, stop, gameoff, hint, event or end");
-        }
         mOut->events.push_back(std::move(event));
         return true;
     }
@@ -236,6 +252,15 @@ bool EventScript::parseText(std::string_view text, const std::string& name, Even
     *out = EventScript{};
     out->file = name;
     return Parser(name, out, error).parse(text);
+}
+
+bool EventScript::parseEvent(std::string_view text, ScriptEvent* out, std::string* error) {
+    const std::vector<std::string_view> words = splitWords(text);
+    if (words.empty()) {
+        *error = "no event";
+        return false;
+    }
+    return parseEventWords(words, 0, out, error);
 }
 
 bool EventScript::parseFile(const std::string& path, EventScript* out, std::string* error) {

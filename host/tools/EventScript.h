@@ -54,6 +54,11 @@ struct EventScript {
     static bool parseText(std::string_view text, const std::string& name, EventScript* out,
                           std::string* error);
     static bool parseFile(const std::string& path, EventScript* out, std::string* error);
+
+    // One event in the words of a script line after its time ("start com.example.game/.Main",
+    // "hint 3 1"), for other formats that embed events. Its time and line are left at 0. False
+    // with `error` set to what is wrong (without file or line).
+    static bool parseEvent(std::string_view text, ScriptEvent* out, std::string* error);
 };
 
 }  // namespace pwr::tools
