@@ -20,11 +20,13 @@
 #include <android-base/file.h>
 
 #include "platform/hostshim/DeviceRoot.h"
+#include "platform/hostshim/PropertyObserver.h"
 
 namespace {
 
 std::mutex gPropMutex;
 std::map<std::string, std::string> gMemoryProps;  // guarded by gPropMutex
+pwr::host::PropertyObserver gObserver;            // guarded by gPropMutex
 
 bool validKey(const char* key) {
     return key != nullptr && key[0] != '\0' && strchr(key, '/') == nullptr;
@@ -69,6 +71,15 @@ int writeStored(const char* key, const char* value) {
 
 }  // namespace
 
+namespace pwr::host {
+
+void setPropertyObserver(PropertyObserver observer) {
+    std::lock_guard<std::mutex> lock(gPropMutex);
+    gObserver = std::move(observer);
+}
+
+}  // namespace pwr::host
+
 extern "C" int property_get(const char* key, char* value, const char* default_value) {
     std::string stored;
     const char* src = nullptr;
@@ -87,11 +98,27 @@ extern "C" int property_get(const char* key, char* value, const char* default_va
     return static_cast<int>(len);
 }
 
-extern "C" int property_set(const char* key, const char* value) {
+namespace {
+
+int setStored(const char* key, const char* value) {
     if (!validKey(key)) return -EINVAL;
-    if (value == nullptr) value = "";
     if (strlen(value) >= PROPERTY_VALUE_MAX) return -EINVAL;
     return writeStored(key, value);
+}
+
+}  // namespace
+
+extern "C" int property_set(const char* key, const char* value) {
+    if (value == nullptr) value = "";
+    const int result = setStored(key, value);
+    pwr::host::PropertyObserver observer;
+    {
+        std::lock_guard<std::mutex> lock(gPropMutex);
+        observer = gObserver;
+    }
+    // Outside the lock, so that the observer may read properties.
+    if (observer) observer(key != nullptr ? key : "", value, result);
+    return result;
 }
 
 extern "C" int8_t property_get_bool(const char* key, int8_t default_value) {
