@@ -84,8 +84,11 @@ TEST(FeatureKeys, Check_AcceptedValuesThatMisbehave) {
     EXPECT_EQ(problems[1].message,
               "config \"GPU_Freq_THRESHOLD_LOW\" = \"1e30\" is not a finite "
               "number within the int range");
+    EXPECT_EQ(problems[0].effect, Effect::Misbehaves);
+    EXPECT_EQ(problems[1].effect, Effect::Misbehaves);
+    // Two dynamic profiles: the monitor indexes a third.
     EXPECT_EQ(problems[2].key, "DYN_");
-    for (const KeyProblem& p : problems) EXPECT_EQ(p.effect, Effect::Misbehaves) << p.key;
+    EXPECT_EQ(problems[2].effect, Effect::Undefined);
 
     info.profiles.clear();
     info.profiles["PROFILE_LIGHT_MODE"] = {{1, 2}};
@@ -100,13 +103,113 @@ TEST(FeatureKeys, Check_DeepModeKeysOnlyWhenDeepModeIsOn) {
     info.configs["DEEP_MODE"] = "1";
     info.configs["MAX_SAMPLE_NUM"] = "abc";
     const auto problems = FeatureKeys::check(info);
-    EXPECT_THAT(keysOf(problems),
-                ::testing::ElementsAre("VIDEO_SCALING_UP", "BROWSER_SCALING_UP", "GAME_SCALING_UP",
-                                       "VIDEO_SCALING_DOWN", "BROWSER_SCALING_DOWN",
-                                       "GAME_SCALING_DOWN", "MAX_SAMPLE_NUM",
-                                       "SCALING_DOWN_TASK_LOAD_BOOST", "CPUNODE", "CPUPOLICY",
-                                       "DEFAULT", "PSM_OPT_RESOURCE"));
+    std::vector<std::string> keys = keysOf(problems);
+    // The property pieces that follow are checked on their own below.
+    ASSERT_GE(keys.size(), 12u);
+    keys.resize(12);
+    EXPECT_THAT(keys, ::testing::ElementsAre(
+                              "VIDEO_SCALING_UP", "BROWSER_SCALING_UP", "GAME_SCALING_UP",
+                              "VIDEO_SCALING_DOWN", "BROWSER_SCALING_DOWN", "GAME_SCALING_DOWN",
+                              "MAX_SAMPLE_NUM", "SCALING_DOWN_TASK_LOAD_BOOST", "CPUNODE",
+                              "CPUPOLICY", "DEFAULT", "PSM_OPT_RESOURCE"));
     EXPECT_EQ(problems[6].effect, Effect::Throws);
+}
+
+PowerOptFeatureInfo deepConfig() {
+    PowerOptFeatureInfo info = pwr::test::minimalConfig();
+    info.configs["DEEP_MODE"] = "1";
+    for (const char* key : {"VIDEO_SCALING_UP", "BROWSER_SCALING_UP", "GAME_SCALING_UP"}) {
+        info.configs[key] = "400";
+    }
+    for (const char* key : {"VIDEO_SCALING_DOWN", "BROWSER_SCALING_DOWN", "GAME_SCALING_DOWN"}) {
+        info.configs[key] = "250";
+    }
+    info.configs["MAX_SAMPLE_NUM"] = "5";
+    info.configs["SCALING_DOWN_TASK_LOAD_BOOST"] = "-20";
+    info.configs["CPUNODE"] = "cpu4";
+    info.configs["CPUPOLICY"] = "policy4";
+    info.configs["PSM"] = "ignored,entry,left";
+    info.configs["DEEP_PROPS"] = "vendor.a,1,,vendor.b,0,";
+    info.profiles["DEFAULT"] = {{0x40C00000, 1}};
+    info.profiles["PSM_OPT_RESOURCE"] = {{0x40C68000}};
+    return info;
+}
+
+// Deep mode's list takes every config value but "PSM", in the map's own order, so each scalar
+// setting is a lone piece that pairs with whatever comes next.
+TEST(FeatureKeys, DeepModeProperties_TakesEveryConfigValueButPsmInMapOrder) {
+    const PowerOptFeatureInfo info = deepConfig();
+    std::vector<std::string> expected;
+    for (const auto& [key, value] : info.configs) {
+        if (key == "PSM") continue;
+        if (key == "DEEP_PROPS") {
+            for (const char* piece : {"vendor.a", "1", "vendor.b", "0"}) expected.push_back(piece);
+        } else {
+            expected.push_back(value);
+        }
+    }
+    // A copy, as the feature receives it, iterates alike.
+    const PowerOptFeatureInfo copy = info;
+    EXPECT_EQ(FeatureKeys::deepModeProperties(copy), expected);
+}
+
+TEST(FeatureKeys, Check_DeepModePropertyTextsMustHoldWholePairs) {
+    PowerOptFeatureInfo info = deepConfig();
+    // Only the property entry is left among the texts: the scalars are what breaks the pairs.
+    std::vector<std::string> lone;
+    for (const auto& [key, value] : info.configs) {
+        if (key != "PSM" && key != "DEEP_PROPS") lone.push_back(key);
+    }
+    const auto problems = FeatureKeys::check(info);
+    std::vector<std::string> flagged;
+    for (const KeyProblem& p : problems) {
+        EXPECT_EQ(p.effect, Effect::Misbehaves) << p.message;
+        if (p.message.find("not whole name,value pairs") != std::string::npos) {
+            flagged.push_back(p.key);
+        }
+    }
+    EXPECT_THAT(flagged, ::testing::UnorderedElementsAreArray(lone));
+    EXPECT_THAT(keysOf(problems), ::testing::Not(::testing::Contains("DEEP_PROPS")));
+    EXPECT_THAT(keysOf(problems), ::testing::Not(::testing::Contains("PSM")));
+
+    // A text with an odd number of pieces is flagged by its key too; so is a name that no
+    // property store accepts.
+    info.configs["DEEP_PROPS"] = "vendor.a,1,vendor.b";
+    info.configs["MORE_PROPS"] = "/sys/x,1";
+    bool oddText = false;
+    bool badName = false;
+    for (const KeyProblem& p : FeatureKeys::check(info)) {
+        oddText = oddText || (p.key == "DEEP_PROPS" &&
+                              p.message.find("3 comma-separated") != std::string::npos);
+        badName = badName || p.message.find("\"/sys/x\"") != std::string::npos;
+    }
+    EXPECT_TRUE(oddText);
+    EXPECT_TRUE(badName);
+}
+
+TEST(FeatureKeys, Check_ValuesTheMonitorsCannotWorkWith) {
+    PowerOptFeatureInfo info = gpuConfig();
+    info.configs["GAME_TIMER"] = "0";
+    info.configs["GPU_SAMPLE_COUNT"] = "-1";
+    info.configs["GPU_Freq_THRESHOLD_LOW"] = "700";
+    info.profiles["DYN_1"] = {{}};
+    EXPECT_THAT(keysOf(FeatureKeys::check(info)),
+                ::testing::ElementsAre("GAME_TIMER", "GPU_SAMPLE_COUNT", "GPU_Freq_THRESHOLD_LOW",
+                                       "DYN_1"));
+
+    PowerOptFeatureInfo deep = deepConfig();
+    deep.configs["MAX_SAMPLE_NUM"] = "0";
+    deep.configs["SCALING_DOWN_TASK_LOAD_BOOST"] = "20";
+    deep.configs["VIDEO_SCALING_UP"] = "0";
+    std::vector<std::string> keys;
+    for (const KeyProblem& p : FeatureKeys::check(deep)) {
+        // Leave out the property pairing, checked above.
+        if (p.message.find("comma-separated") == std::string::npos && p.key != "PROPERTIES") {
+            keys.push_back(p.key);
+        }
+    }
+    EXPECT_THAT(keys, ::testing::ElementsAre("MAX_SAMPLE_NUM", "SCALING_DOWN_TASK_LOAD_BOOST",
+                                             "VIDEO_SCALING_UP"));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cctype>
 #include <climits>
 #include <cmath>
+#include <map>
 #include <stdexcept>
 
 namespace pwr::tools {
@@ -33,6 +34,19 @@ constexpr char kDynamicProfileMark[] = "DYN_";
 constexpr size_t kDynamicProfilesUsed = 3;
 
 enum class Conversion { Double, Int };
+using Profile = std::vector<std::vector<int>>;
+
+// Appends the comma-separated pieces of `text` to `out`, leaving out empty ones, as the
+// feature's strtok_r split does.
+void splitInto(const std::string& text, std::vector<std::string>* out) {
+    size_t start = 0;
+    while (start <= text.size()) {
+        size_t end = text.find(',', start);
+        if (end == std::string::npos) end = text.size();
+        if (end > start) out->push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+}
 
 class Checker {
   public:
@@ -43,13 +57,24 @@ class Checker {
         profile("PROFILE_LIGHT_MODE");
         int deepMode = 0;
         if (number("DEEP_MODE", Conversion::Int, &deepMode) && deepMode != 0) {
-            for (const char* key : kDeepModeNumbers) number(key, Conversion::Int);
+            std::map<std::string, int> values;
+            for (const char* key : kDeepModeNumbers) {
+                int value = 0;
+                if (number(key, Conversion::Int, &value)) values[key] = value;
+            }
             for (const char* key : kDeepModeTexts) present(key);
             for (const char* name : kDeepModeProfiles) profile(name);
+            batterySettings(values);
+            deepModeProperties();
         }
         int gpuMode = 0;
         if (number("GPUMode", Conversion::Int, &gpuMode) && gpuMode != 0) {
-            for (const char* key : kGpuNumbers) number(key, Conversion::Double);
+            std::map<std::string, int> values;
+            for (const char* key : kGpuNumbers) {
+                int value = 0;
+                if (number(key, Conversion::Double, &value)) values[key] = value;
+            }
+            gpuSettings(values);
             dynamicProfiles();
         }
         return std::move(mProblems);
@@ -125,17 +150,119 @@ class Checker {
     }
 
     void dynamicProfiles() {
+        // In name order, as the monitor indexes them.
+        const std::map<std::string, Profile> ordered(mInfo.profiles.begin(), mInfo.profiles.end());
         size_t count = 0;
-        for (const auto& [name, lists] : mInfo.profiles) {
-            count += name.find(kDynamicProfileMark) != std::string::npos ? 1 : 0;
+        for (const auto& [name, lists] : ordered) {
+            if (name.find(kDynamicProfileMark) == std::string::npos) continue;
+            if (count < kDynamicProfilesUsed && (lists.empty() || lists[0].empty())) {
+                add(Effect::Misbehaves, name, true,
+                    "dynamic GPU profile \"" + name + "\" (level " + std::to_string(count) +
+                            ") has no lock list; choosing it leaves no profile held");
+            }
+            ++count;
         }
         if (count == 0) {
             add(Effect::NotReady, kDynamicProfileMark, true,
                 "no profile whose name contains \"DYN_\"; the GPU monitor needs three");
         } else if (count < kDynamicProfilesUsed) {
-            add(Effect::Misbehaves, kDynamicProfileMark, true,
+            add(Effect::Undefined, kDynamicProfileMark, true,
                 "only " + std::to_string(count) +
-                        " profile(s) whose name contains \"DYN_\"; the GPU monitor uses three");
+                        " profile(s) whose name contains \"DYN_\"; the GPU monitor picks among "
+                        "three and would read past the list");
+        }
+    }
+
+    // Values the GPU monitor accepts but cannot work with.
+    void gpuSettings(const std::map<std::string, int>& values) {
+        auto value = [&](const char* key, int* out) {
+            auto it = values.find(key);
+            if (it == values.end()) return false;
+            *out = it->second;
+            return true;
+        };
+        int v = 0;
+        if (value("GAME_TIMER", &v) && v <= 0) {
+            add(Effect::Misbehaves, "GAME_TIMER", false,
+                "config \"GAME_TIMER\" = " + std::to_string(v) +
+                        " ms: the game timer never ticks, so no GPU profile is ever chosen");
+        }
+        if (value("GPU_SAMPLE_COUNT", &v) && v <= 0) {
+            add(Effect::Misbehaves, "GPU_SAMPLE_COUNT", false,
+                "config \"GPU_SAMPLE_COUNT\" = " + std::to_string(v) +
+                        ": no sample is kept, so no GPU profile is ever chosen");
+        }
+        int low = 0;
+        int high = 0;
+        if (value("GPU_Freq_THRESHOLD_LOW", &low) && value("GPU_Freq_THRESHOLD_HIGH", &high) &&
+            low > high) {
+            add(Effect::Misbehaves, "GPU_Freq_THRESHOLD_LOW", false,
+                "config \"GPU_Freq_THRESHOLD_LOW\" = " + std::to_string(low) +
+                        " MHz is above GPU_Freq_THRESHOLD_HIGH = " + std::to_string(high) +
+                        " MHz: the balanced profile is never chosen");
+        }
+    }
+
+    // Values the battery monitor accepts but cannot work with.
+    void batterySettings(const std::map<std::string, int>& values) {
+        auto it = values.find("MAX_SAMPLE_NUM");
+        if (it != values.end() && it->second <= 0) {
+            add(Effect::Misbehaves, "MAX_SAMPLE_NUM", false,
+                "config \"MAX_SAMPLE_NUM\" = " + std::to_string(it->second) +
+                        ": the battery monitor never evaluates its samples");
+        }
+        it = values.find("SCALING_DOWN_TASK_LOAD_BOOST");
+        if (it != values.end() && it->second >= 0) {
+            add(Effect::Misbehaves, "SCALING_DOWN_TASK_LOAD_BOOST", false,
+                "config \"SCALING_DOWN_TASK_LOAD_BOOST\" = " + std::to_string(it->second) +
+                        ": only a negative value scales a task down; this one boosts nothing");
+        }
+        for (const char* key : {"GAME_SCALING_UP", "GAME_SCALING_DOWN", "BROWSER_SCALING_UP",
+                                "BROWSER_SCALING_DOWN", "VIDEO_SCALING_UP", "VIDEO_SCALING_DOWN"}) {
+            it = values.find(key);
+            if (it != values.end() && it->second == 0) {
+                add(Effect::Misbehaves, key, false,
+                    std::string("config \"") + key +
+                            "\" = 0: the battery monitor takes 0 as not configured and never "
+                            "acts for that application type");
+            }
+        }
+    }
+
+    // Deep mode takes every config value into its property list, the scalar settings included;
+    // pieces pair up as name, value in the map's order, so an entry that does not hold whole
+    // pairs shifts every pair after it.
+    void deepModeProperties() {
+        std::vector<std::string> pieces;
+        for (const auto& [key, value] : mInfo.configs) {
+            if (key == "PSM") continue;
+            const size_t before = pieces.size();
+            splitInto(value, &pieces);
+            const size_t count = pieces.size() - before;
+            if (count % 2 == 0) continue;
+            // Where this entry's pieces land: a piece at an even index is a name.
+            const bool startsAsValue = before % 2 == 1;
+            std::string message = "config \"" + key + "\" = \"" + value + "\" holds " +
+                                  std::to_string(count) +
+                                  " comma-separated piece(s), not whole name,value pairs; deep "
+                                  "mode takes every config value as properties, so \"";
+            message += startsAsValue ? pieces[before] + "\" becomes the value of property \"" +
+                                               pieces[before - 1] + "\""
+                                     : pieces[before] + "\" becomes a property name";
+            add(Effect::Misbehaves, key, false, message);
+        }
+        for (size_t i = 0; i + 1 < pieces.size(); i += 2) {
+            const std::string& name = pieces[i];
+            if (name.find('/') != std::string::npos || name.size() >= 92) {
+                add(Effect::Misbehaves, "PROPERTIES", false,
+                    "deep mode would set property \"" + name + "\" = \"" + pieces[i + 1] +
+                            "\", which is not a valid property name; the write fails");
+            }
+        }
+        if (pieces.size() % 2 == 1) {
+            add(Effect::Misbehaves, "PROPERTIES", false,
+                "deep mode's property list ends with \"" + pieces.back() +
+                        "\" alone, a name without a value, which is ignored");
         }
     }
 
@@ -147,6 +274,14 @@ class Checker {
 
 std::vector<KeyProblem> FeatureKeys::check(const PowerOptFeatureInfo& info) {
     return Checker(info).run();
+}
+
+std::vector<std::string> FeatureKeys::deepModeProperties(const PowerOptFeatureInfo& info) {
+    std::vector<std::string> pieces;
+    for (const auto& [key, value] : info.configs) {
+        if (key != "PSM") splitInto(value, &pieces);
+    }
+    return pieces;
 }
 
 const KeyProblem* FeatureKeys::first(const std::vector<KeyProblem>& problems,

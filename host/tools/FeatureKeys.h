@@ -12,6 +12,7 @@ struct KeyProblem {
     enum class Effect {
         NotReady,    // the feature's set-up stops here and the feature ignores every event
         Throws,      // the feature's constructor throws here (std::stod / std::stoi)
+        Undefined,   // the feature reads past the end of a list: undefined behaviour, a crash
         Misbehaves,  // accepted, but the feature will not behave as intended
     };
     Effect effect = Effect::NotReady;
@@ -30,6 +31,12 @@ class FeatureKeys {
     // set-ups are checked only when "DEEP_MODE" / "GPUMode" are present and non-zero, as the
     // feature reads them only then.
     static std::vector<KeyProblem> check(const PowerOptFeatureInfo& info);
+
+    // Deep mode's property list as the feature builds it: every config value except "PSM", in
+    // the map's own iteration order (a copy of the map iterates alike, so this is the order the
+    // feature sees), split at commas without empty pieces. Names and values alternate; an odd
+    // last piece is ignored by the feature.
+    static std::vector<std::string> deepModeProperties(const PowerOptFeatureInfo& info);
 
     // The first problem with the given effect, or null.
     static const KeyProblem* first(const std::vector<KeyProblem>& problems,
