@@ -1,6 +1,7 @@
 #include "host/tools/DeviceRootSession.h"
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <system_error>
@@ -8,13 +9,25 @@
 #include "platform/hostshim/DeviceRoot.h"
 
 namespace pwr::tools {
+namespace {
+
+// Where temporary trees go: $TMPDIR when set, else the memory-backed /dev/shm when there is one
+// (a simulation rewrites its nodes thousands of times a second; no disk needs to see that),
+// else the system's temporary folder.
+std::string temporaryBase(std::error_code& ec) {
+    const char* tmpdir = getenv("TMPDIR");
+    if (tmpdir != nullptr && tmpdir[0] != '\0') return tmpdir;
+    if (access("/dev/shm", W_OK | X_OK) == 0) return "/dev/shm";
+    return std::filesystem::temp_directory_path(ec).string();
+}
+
+}  // namespace
 
 bool DeviceRootSession::open(const std::string& root, const std::string& tool, std::string* error) {
     mPrevious = host::deviceRoot();
     std::error_code ec;
     if (root.empty()) {
-        std::string templ =
-                std::filesystem::temp_directory_path(ec).string() + "/" + tool + ".XXXXXX";
+        std::string templ = temporaryBase(ec) + "/" + tool + ".XXXXXX";
         if (ec || mkdtemp(templ.data()) == nullptr) {
             *error = "cannot create a temporary device tree in " + templ;
             return false;

@@ -14,7 +14,8 @@ class DeviceRootSession {
     DeviceRootSession& operator=(const DeviceRootSession&) = delete;
 
     // Uses `root` (created if missing, kept afterwards), or with an empty `root` a fresh
-    // temporary directory named after `tool`, removed afterwards. False with `error` set when
+    // temporary directory named after `tool` ($TMPDIR, else /dev/shm, else the system's
+    // temporary folder), removed afterwards. False with `error` set when
     // the directory cannot be made.
     bool open(const std::string& root, const std::string& tool, std::string* error);
 

@@ -1,0 +1,199 @@
+#include "host/sim/FakeDevice.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+
+#include <android-base/file.h>
+#include <android-base/unique_fd.h>
+
+#include "platform/DevicePath.h"
+
+namespace pwr::sim {
+namespace {
+
+constexpr char kGpuDir[] = "/sys/class/grax/grax-3d0/";
+constexpr char kCurrentNow[] = "/sys/class/power_supply/battery/current_now";
+constexpr char kTopAppProcs[] = "/dev/cpuset/top-app/cgroup.procs";
+// Folders the feature expects to exist: the state store's and the property store's.
+constexpr const char* kFolders[] = {"/data/vendor/pwr", "/data/property"};
+
+constexpr double kHzPerMhz = 1e6;
+constexpr double kPi = 3.14159265358979323846;
+
+double swing(double amplitude, int64_t periodMs, int64_t sinceMs) {
+    if (amplitude == 0 || periodMs <= 0) return 0;
+    return amplitude * std::sin(2 * kPi * static_cast<double>(sinceMs % periodMs) /
+                                static_cast<double>(periodMs));
+}
+
+std::string hz(uint64_t mhz) {
+    return std::to_string(mhz * 1000000ull);
+}
+
+}  // namespace
+
+bool FakeDevice::write(const std::string& devicePath, const std::string& content,
+                       std::string* error) {
+    Node& node = mNodes[devicePath];
+    if (node.fd != -1 && node.content == content) return true;
+    const std::string path = pwr::devicePath(devicePath);
+    // Each node stays open and is rewritten in place, then cut to length: opening a file for
+    // writing, or truncating it to zero, costs a millisecond or more on some file systems, and
+    // a long scenario rewrites its nodes thousands of times.
+    if (node.fd == -1) {
+        node.fd.reset(TEMP_FAILURE_RETRY(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644)));
+    }
+    if (node.fd == -1 ||
+        TEMP_FAILURE_RETRY(pwrite(node.fd, content.data(), content.size(), 0)) !=
+                static_cast<ssize_t>(content.size()) ||
+        TEMP_FAILURE_RETRY(ftruncate(node.fd, static_cast<off_t>(content.size()))) != 0) {
+        *error = "cannot write the device node " + path + ": " + strerror(errno);
+        node.fd.reset();
+        return false;
+    }
+    node.content = content;
+    return true;
+}
+
+bool FakeDevice::create(std::string* error) {
+    std::error_code ec;
+    std::vector<std::string> folders(std::begin(kFolders), std::end(kFolders));
+    if (!mScenario.gpuFrequenciesMhz.empty()) folders.push_back(kGpuDir);
+    if (!mScenario.battery.empty()) folders.push_back("/sys/class/power_supply/battery");
+    if (!mScenario.foreground.empty()) folders.push_back("/dev/cpuset/top-app");
+    for (const std::string& folder : folders) {
+        const std::string path = pwr::devicePath(folder);
+        std::filesystem::create_directories(path, ec);
+        if (!std::filesystem::is_directory(path)) {
+            *error = "cannot create the device folder " + path;
+            return false;
+        }
+    }
+    if (!mScenario.gpuFrequenciesMhz.empty()) {
+        std::string table;
+        for (auto it = mScenario.gpuFrequenciesMhz.rbegin();
+             it != mScenario.gpuFrequenciesMhz.rend(); ++it) {
+            table += (table.empty() ? "" : " ") + hz(*it);
+        }
+        if (!write(std::string(kGpuDir) + "gpu_available_frequencies", table + "\n", error)) {
+            return false;
+        }
+        for (uint64_t mhz : mScenario.gpuFrequenciesMhz) mTimeInStateUs[mhz] = 0;
+    }
+    mLastMs = 0;
+    return update(0, error);
+}
+
+std::map<uint64_t, double> FakeDevice::shares(const GpuPoint& point) const {
+    if (!point.residency.empty()) return point.residency;
+    const std::vector<uint64_t>& table = mScenario.gpuFrequenciesMhz;
+    // The two table frequencies around the average, weighted so that their mean is it.
+    size_t upper = 0;
+    while (upper + 1 < table.size() && static_cast<double>(table[upper]) < point.freqMhz) ++upper;
+    const double hi = static_cast<double>(table[upper]);
+    if (upper == 0 || hi <= point.freqMhz) return {{table[upper], 1.0}};
+    const double lo = static_cast<double>(table[upper - 1]);
+    const double atHi = (point.freqMhz - lo) / (hi - lo);
+    std::map<uint64_t, double> out{{table[upper], atHi}};
+    if (atHi < 1.0) out[table[upper - 1]] = 1.0 - atHi;
+    return out;
+}
+
+bool FakeDevice::update(int64_t nowMs, std::string* error) {
+    if (nowMs < mLastMs) nowMs = mLastMs;
+    const int64_t windowUs = (nowMs - mLastMs) * 1000;
+    if (!mScenario.gpu.empty() && !writeGpu(nowMs, windowUs, error)) return false;
+    if (!mScenario.battery.empty() && !writeBattery(nowMs, error)) return false;
+    if (!mScenario.foreground.empty() && !writeForeground(nowMs, error)) return false;
+    mLastMs = nowMs;
+    return true;
+}
+
+bool FakeDevice::writeGpu(int64_t nowMs, int64_t windowUs, std::string* error) {
+    // The time since the last update ran under the point in force at its start.
+    size_t previousCursor = mGpuCursor;
+    const int before = pointAt(mScenario.gpu, &previousCursor, mLastMs);
+    if (before >= 0 && windowUs > 0) {
+        for (const auto& [mhz, share] : shares(mScenario.gpu[before])) {
+            mTimeInStateUs[mhz] += share * static_cast<double>(windowUs);
+        }
+    }
+    const int now = pointAt(mScenario.gpu, &mGpuCursor, nowMs);
+    const GpuPoint* point = now >= 0 ? &mScenario.gpu[now] : nullptr;
+
+    std::string stats;
+    for (auto it = mTimeInStateUs.rbegin(); it != mTimeInStateUs.rend(); ++it) {
+        stats += (stats.empty() ? "" : " ") + std::to_string(std::llround(it->second));
+    }
+    if (!write(std::string(kGpuDir) + "gpu_clock_stats", stats + "\n", error)) return false;
+
+    // Before the first point the GPU idles at its lowest frequency.
+    uint64_t clockMhz = mScenario.gpuFrequenciesMhz.front();
+    int busy = 0;
+    if (point != nullptr) {
+        double best = -1;
+        for (const auto& [mhz, share] : shares(*point)) {
+            if (share >= best) {
+                best = share;
+                clockMhz = mhz;
+            }
+        }
+        const double value =
+                point->busy + swing(point->busySwing, point->swingPeriodMs, nowMs - point->timeMs);
+        busy = static_cast<int>(std::lround(std::min(100.0, std::max(0.0, value))));
+    }
+    mState.freqMhz = static_cast<double>(clockMhz);
+    mState.busy = busy;
+    if (!write(std::string(kGpuDir) + "gpuclk", hz(clockMhz) + "\n", error)) return false;
+    // Busy and total time of the last window; a window of no time keeps the previous one.
+    if (windowUs > 0 || mNodes.count(std::string(kGpuDir) + "gpubusy") == 0) {
+        const int64_t total = windowUs > 0 ? windowUs : 1000000;
+        const int64_t busyUs = total / 100 * busy;
+        if (!write(std::string(kGpuDir) + "gpubusy",
+                   std::to_string(busyUs) + " " + std::to_string(total) + "\n", error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool FakeDevice::writeBattery(int64_t nowMs, std::string* error) {
+    const int now = pointAt(mScenario.battery, &mBatteryCursor, nowMs);
+    double drain = 0;
+    if (now >= 0) {
+        const BatteryPoint& point = mScenario.battery[now];
+        drain = point.drainMa + swing(point.drainSwing, point.swingPeriodMs, nowMs - point.timeMs);
+    }
+    mState.drainMa = drain;
+    const long long microamps = std::llround(-drain * 1000.0);
+    return write(kCurrentNow, std::to_string(microamps) + "\n", error);
+}
+
+bool FakeDevice::writeForeground(int64_t nowMs, std::string* error) {
+    const int now = pointAt(mScenario.foreground, &mForegroundCursor, nowMs);
+    static const std::vector<ForegroundProcess> kNone;
+    const std::vector<ForegroundProcess>& procs =
+            now >= 0 ? mScenario.foreground[now].processes : kNone;
+    if (mState.foreground == &procs) return true;
+    std::string list;
+    for (const ForegroundProcess& process : procs) {
+        const std::string dir = "/proc/" + std::to_string(process.pid);
+        std::error_code ec;
+        std::filesystem::create_directories(pwr::devicePath(dir), ec);
+        // The command line is NUL-separated; a kernel thread's is empty.
+        std::string cmdline = process.cmdline;
+        if (!cmdline.empty()) cmdline.push_back('\0');
+        if (!write(dir + "/cmdline", cmdline, error)) return false;
+        list += std::to_string(process.pid) + "\n";
+    }
+    if (!write(kTopAppProcs, list, error)) return false;
+    mState.foreground = &procs;
+    return true;
+}
+
+}  // namespace pwr::sim

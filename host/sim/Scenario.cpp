@@ -1,0 +1,406 @@
+#include "host/sim/Scenario.h"
+
+#include <errno.h>
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <limits>
+#include <set>
+
+#include <android-base/file.h>
+#include <android-base/stringprintf.h>
+#include <nlohmann/json.hpp>
+
+namespace pwr::sim {
+namespace {
+
+using android::base::StringPrintf;
+using nlohmann::json;
+
+// Longer scenarios are not useful and would overflow nothing, but keep times far from it.
+constexpr double kMaxSeconds = 30.0 * 24 * 3600;
+constexpr int kMaxPid = (1 << 22);  // pid_max on 64-bit kernels
+
+// Raised inside the reader with the key path and the message; caught once at the top.
+struct Invalid {
+    std::string path;
+    std::string message;
+};
+
+std::string describeType(const json& value) {
+    return std::string(value.type_name());
+}
+
+// Reads one JSON object, knowing its key path for messages and refusing keys it was not told
+// about, so that a misspelt key is an error instead of a silently ignored setting.
+class Node {
+  public:
+    Node(const json& value, std::string path) : mValue(value), mPath(std::move(path)) {}
+
+    [[noreturn]] void fail(const std::string& message) const { throw Invalid{mPath, message}; }
+
+    const json& value() const { return mValue; }
+    const std::string& path() const { return mPath; }
+
+    Node object(const char* expecting) const {
+        if (!mValue.is_object())
+            fail(std::string("must be ") + expecting + ", not " + describeType(mValue));
+        return *this;
+    }
+
+    bool has(const char* key) const { return mValue.contains(key); }
+
+    Node child(const char* key) const {
+        if (!mValue.contains(key)) fail(std::string("\"") + key + "\" is missing");
+        return Node(mValue.at(key), join(key));
+    }
+
+    Node element(size_t index) const {
+        return Node(mValue.at(index), mPath + "[" + std::to_string(index) + "]");
+    }
+
+    std::string join(const std::string& key) const {
+        return mPath.empty() ? key : mPath + "." + key;
+    }
+
+    void onlyKeys(std::initializer_list<const char*> keys) const {
+        for (const auto& [key, unused] : mValue.items()) {
+            bool known = false;
+            for (const char* k : keys) known = known || key == k;
+            if (!known) {
+                std::string list;
+                for (const char* k : keys) list += (list.empty() ? "" : ", ") + std::string(k);
+                Node(unused, join(key)).fail("unknown key; expected one of " + list);
+            }
+        }
+    }
+
+    std::string text() const {
+        if (!mValue.is_string()) fail("must be a text, not " + describeType(mValue));
+        return mValue.get<std::string>();
+    }
+
+    bool boolean() const {
+        if (!mValue.is_boolean()) fail("must be true or false, not " + describeType(mValue));
+        return mValue.get<bool>();
+    }
+
+    double number(double min, double max) const {
+        if (!mValue.is_number()) fail("must be a number, not " + describeType(mValue));
+        const double v = mValue.get<double>();
+        if (!std::isfinite(v) || v < min || v > max) {
+            fail(StringPrintf("%g is outside %g to %g", v, min, max));
+        }
+        return v;
+    }
+
+    int64_t integer(int64_t min, int64_t max) const {
+        if (!mValue.is_number_integer())
+            fail("must be a whole number, not " + describeType(mValue));
+        const int64_t v =
+                mValue.is_number_unsigned()
+                        ? static_cast<int64_t>(std::min<uint64_t>(
+                                  mValue.get<uint64_t>(),
+                                  static_cast<uint64_t>(std::numeric_limits<int64_t>::max())))
+                        : mValue.get<int64_t>();
+        if (v < min || v > max) {
+            fail(StringPrintf("%lld is outside %lld to %lld", static_cast<long long>(v),
+                              static_cast<long long>(min), static_cast<long long>(max)));
+        }
+        return v;
+    }
+
+    // Seconds from the start, as milliseconds.
+    int64_t seconds() const { return std::llround(number(0, kMaxSeconds) * 1000.0); }
+
+    const json& array() const {
+        if (!mValue.is_array()) fail("must be a list, not " + describeType(mValue));
+        return mValue;
+    }
+
+  private:
+    const json& mValue;
+    std::string mPath;
+};
+
+// A period in seconds, as milliseconds; at least 1 ms.
+int64_t period(const Node& node) {
+    const int64_t ms = node.seconds();
+    if (ms < 1) node.fail("must be at least 0.001 s");
+    return ms;
+}
+
+int appType(const Node& node) {
+    if (node.value().is_string()) {
+        const std::string name = node.text();
+        if (name == "game") return 2;
+        if (name == "browser") return 3;
+        if (name == "video") return 5;
+        if (name == "other") return 0;
+        node.fail("\"" + name +
+                  "\" is not an application type; expected game, browser, video, "
+                  "other or a number");
+    }
+    return static_cast<int>(
+            node.integer(std::numeric_limits<int32_t>::min(), std::numeric_limits<int32_t>::max()));
+}
+
+// Times of a trace's points must not decrease.
+template <typename Point>
+void checkOrder(const Node& list, const std::vector<Point>& points) {
+    if (points.size() >= 2 && points.back().timeMs < points[points.size() - 2].timeMs) {
+        list.element(points.size() - 1)
+                .child("t")
+                .fail("is before the previous point's time; times must not decrease");
+    }
+}
+
+class Reader {
+  public:
+    Reader(Scenario* out) : mOut(out) {}
+
+    void read(const json& root) {
+        const Node top = Node(root, "").object("an object with the scenario");
+        top.onlyKeys({"name", "description", "config", "duration", "debug", "apps", "properties",
+                      "gpu", "battery", "foreground", "events"});
+        if (top.has("name")) mOut->name = top.child("name").text();
+        if (top.has("description")) mOut->description = top.child("description").text();
+        if (top.has("config")) {
+            const Node config = top.child("config");
+            mOut->configPath = config.text();
+            if (mOut->configPath.empty()) config.fail("must name the XML configuration");
+        }
+        mOut->durationMs = top.child("duration").seconds();
+        if (mOut->durationMs <= 0) top.child("duration").fail("must be more than 0 s");
+        if (top.has("debug")) mOut->debug = top.child("debug").boolean();
+        if (top.has("apps")) readApps(top.child("apps").object("an object of package: type"));
+        if (top.has("properties")) {
+            const Node props = top.child("properties").object("an object of name: value");
+            for (const auto& [key, value] : props.value().items()) {
+                const Node prop(value, props.join(key));
+                if (key.empty() || key.find('/') != std::string::npos) {
+                    prop.fail("is not a property name");
+                }
+                const std::string text = prop.text();
+                if (text.size() >= 92) prop.fail("is longer than a property value may be (91)");
+                mOut->properties[key] = text;
+            }
+        }
+        if (top.has("gpu")) readGpu(top.child("gpu").object("an object"));
+        if (top.has("battery")) readBattery(top.child("battery").object("an object"));
+        if (top.has("foreground")) readForeground(top.child("foreground").object("an object"));
+        if (top.has("events")) readEvents(top.child("events"));
+    }
+
+  private:
+    void readApps(const Node& apps) {
+        for (const auto& [package, type] : apps.value().items()) {
+            const Node app(type, apps.join(package));
+            if (package.empty()) app.fail("is not a package name");
+            mOut->apps.push_back(tools::ScriptApp{package, appType(app), 0});
+        }
+    }
+
+    void readGpu(const Node& gpu) {
+        gpu.onlyKeys({"frequencies_mhz", "trace"});
+        const Node table = gpu.child("frequencies_mhz");
+        const json& freqs = table.array();
+        if (freqs.size() < 2) table.fail("must list at least two frequencies");
+        std::set<uint64_t> seen;
+        for (size_t i = 0; i < freqs.size(); ++i) {
+            const Node f = table.element(i);
+            const uint64_t mhz = static_cast<uint64_t>(f.integer(1, 4294));  // Hz fits 32 bits
+            if (!seen.insert(mhz).second) f.fail("is listed twice");
+        }
+        mOut->gpuFrequenciesMhz.assign(seen.begin(), seen.end());
+        const double lowest = static_cast<double>(mOut->gpuFrequenciesMhz.front());
+        const double highest = static_cast<double>(mOut->gpuFrequenciesMhz.back());
+
+        const Node trace = gpu.child("trace");
+        const json& points = trace.array();
+        if (points.empty()) trace.fail("must hold at least one point");
+        for (size_t i = 0; i < points.size(); ++i) {
+            const Node p = trace.element(i).object("an object");
+            p.onlyKeys({"t", "freq_mhz", "busy", "busy_swing", "swing_period", "residency"});
+            GpuPoint point;
+            point.timeMs = p.child("t").seconds();
+            point.freqMhz = p.child("freq_mhz").number(lowest, highest);
+            point.busy = p.child("busy").number(0, 100);
+            readSwing(p, "busy_swing", 100, &point.busySwing, &point.swingPeriodMs);
+            if (p.has("residency")) {
+                const Node res = p.child("residency").object("an object of MHz: share");
+                double total = 0;
+                for (const auto& [key, share] : res.value().items()) {
+                    const Node entry(share, res.join(key));
+                    char* end = nullptr;
+                    errno = 0;
+                    const unsigned long long mhz = strtoull(key.c_str(), &end, 10);
+                    if (key.empty() || *end != '\0' || errno != 0 || seen.count(mhz) == 0) {
+                        entry.fail("is not a frequency of frequencies_mhz");
+                    }
+                    const double s = entry.number(0, 1e9);
+                    point.residency[mhz] = s;
+                    total += s;
+                }
+                if (total <= 0) res.fail("must give some time to a frequency");
+                for (auto& [mhz, s] : point.residency) s /= total;
+            }
+            mOut->gpu.push_back(point);
+            checkOrder(trace, mOut->gpu);
+        }
+    }
+
+    void readSwing(const Node& p, const char* key, double max, double* amplitude,
+                   int64_t* periodMs) {
+        if (p.has(key) != p.has("swing_period")) {
+            p.fail(std::string("\"") + key + "\" and \"swing_period\" go together");
+        }
+        if (!p.has(key)) return;
+        *amplitude = p.child(key).number(0, max);
+        *periodMs = period(p.child("swing_period"));
+    }
+
+    void readBattery(const Node& battery) {
+        battery.onlyKeys({"trace"});
+        const Node trace = battery.child("trace");
+        const json& points = trace.array();
+        if (points.empty()) trace.fail("must hold at least one point");
+        for (size_t i = 0; i < points.size(); ++i) {
+            const Node p = trace.element(i).object("an object");
+            p.onlyKeys({"t", "drain_ma", "drain_swing", "swing_period"});
+            BatteryPoint point;
+            point.timeMs = p.child("t").seconds();
+            point.drainMa = p.child("drain_ma").number(-100000, 100000);
+            readSwing(p, "drain_swing", 100000, &point.drainSwing, &point.swingPeriodMs);
+            mOut->battery.push_back(point);
+            checkOrder(trace, mOut->battery);
+        }
+    }
+
+    void readForeground(const Node& foreground) {
+        foreground.onlyKeys({"trace"});
+        const Node trace = foreground.child("trace");
+        const json& points = trace.array();
+        if (points.empty()) trace.fail("must hold at least one point");
+        for (size_t i = 0; i < points.size(); ++i) {
+            const Node p = trace.element(i).object("an object");
+            p.onlyKeys({"t", "processes"});
+            ForegroundPoint point;
+            point.timeMs = p.child("t").seconds();
+            const Node procs = p.child("processes");
+            const json& list = procs.array();
+            std::set<int> pids;
+            for (size_t j = 0; j < list.size(); ++j) {
+                const Node proc = procs.element(j).object("an object with pid and cmdline");
+                proc.onlyKeys({"pid", "cmdline"});
+                ForegroundProcess process;
+                process.pid = static_cast<int>(proc.child("pid").integer(1, kMaxPid));
+                if (!pids.insert(process.pid).second) proc.child("pid").fail("is listed twice");
+                process.cmdline = proc.child("cmdline").text();
+                if (process.cmdline.find('\0') != std::string::npos) {
+                    proc.child("cmdline").fail("must not hold a NUL character");
+                }
+                point.processes.push_back(process);
+            }
+            mOut->foreground.push_back(point);
+            checkOrder(trace, mOut->foreground);
+        }
+    }
+
+    void readEvents(const Node& events) {
+        const json& list = events.array();
+        for (size_t i = 0; i < list.size(); ++i) {
+            const Node e = events.element(i).object("an object with t and event or note");
+            e.onlyKeys({"t", "event", "note"});
+            ScenarioEvent event;
+            event.timeMs = e.child("t").seconds();
+            if (e.has("note")) event.note = e.child("note").text();
+            if (e.has("event")) {
+                const Node what = e.child("event");
+                std::string message;
+                if (!tools::EventScript::parseEvent(what.text(), &event.event, &message)) {
+                    what.fail(message);
+                }
+                if (event.event.kind == tools::ScriptEvent::Kind::End) {
+                    what.fail("\"end\" is not an event here; the scenario's duration ends it");
+                }
+                event.event.timeMs = event.timeMs;
+                event.hasEvent = true;
+            } else if (!e.has("note")) {
+                e.fail("needs \"event\", \"note\" or both");
+            }
+            if (event.timeMs > mOut->durationMs) {
+                e.child("t").fail("is after the scenario's duration");
+            }
+            mOut->events.push_back(std::move(event));
+            checkOrder(events, mOut->events);
+        }
+    }
+
+    Scenario* mOut;
+};
+
+// "<line>:<column>" of the byte at 1-based `position` of `text`.
+std::string lineAndColumn(std::string_view text, size_t position) {
+    const size_t end = std::min(position > 0 ? position - 1 : 0, text.size());
+    int line = 1;
+    size_t lineStart = 0;
+    for (size_t i = 0; i < end; ++i) {
+        if (text[i] == '\n') {
+            ++line;
+            lineStart = i + 1;
+        }
+    }
+    return std::to_string(line) + ":" + std::to_string(end - lineStart + 1);
+}
+
+// nlohmann's message without its "[json.exception.parse_error.101] parse error at line 1,
+// column 2: " prefix, whose position is given the usual way instead.
+std::string parseMessage(const std::string& what) {
+    const std::string marker = ": ";
+    size_t at = what.find("parse error");
+    if (at != std::string::npos) at = what.find(marker, at);
+    return at == std::string::npos ? what : what.substr(at + marker.size());
+}
+
+}  // namespace
+
+bool Scenario::parseText(std::string_view text, const std::string& name, Scenario* out,
+                         std::string* error) {
+    *out = Scenario{};
+    out->file = name;
+    json root;
+    try {
+        root = json::parse(text.begin(), text.end());
+    } catch (const json::parse_error& e) {
+        *error = name + ":" + lineAndColumn(text, e.byte) + ": " + parseMessage(e.what());
+        return false;
+    }
+    try {
+        Reader(out).read(root);
+    } catch (const Invalid& invalid) {
+        *error = name + ": " + (invalid.path.empty() ? "" : invalid.path + ": ") + invalid.message;
+        return false;
+    } catch (const json::exception& e) {
+        // Not expected: every access is checked first. Reported rather than thrown.
+        *error = name + ": " + e.what();
+        return false;
+    }
+    if (!out->configPath.empty() && out->configPath[0] != '/') {
+        const std::filesystem::path dir = std::filesystem::path(name).parent_path();
+        out->configPath = (dir / out->configPath).lexically_normal().string();
+    }
+    return true;
+}
+
+bool Scenario::parseFile(const std::string& path, Scenario* out, std::string* error) {
+    std::string content;
+    if (!android::base::ReadFileToString(path, &content)) {
+        *error = path + ": cannot read: " + strerror(errno);
+        return false;
+    }
+    return parseText(content, path, out, error);
+}
+
+}  // namespace pwr::sim

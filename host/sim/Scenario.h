@@ -1,0 +1,78 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/tools/EventScript.h"
+
+namespace pwr::sim {
+
+// The GPU from one time on (until the next point): the frequency it runs at and how busy it is.
+struct GpuPoint {
+    int64_t timeMs = 0;
+    double freqMhz = 0;  // time-weighted average frequency over the period
+    double busy = 0;     // percent
+    // Share of time at each table frequency (MHz) for the clock statistics; empty: split
+    // between the two table frequencies around freqMhz so that their mean is freqMhz.
+    std::map<uint64_t, double> residency;
+    double busySwing = 0;  // amplitude (percentage points) of a sine added to busy
+    int64_t swingPeriodMs = 0;
+};
+
+// The battery from one time on: discharge current in mA (negative while charging).
+struct BatteryPoint {
+    int64_t timeMs = 0;
+    double drainMa = 0;
+    double drainSwing = 0;  // amplitude (mA) of a sine added to the drain
+    int64_t swingPeriodMs = 0;
+};
+
+// A process of the foreground cpuset: its id and program name (empty for a kernel thread).
+struct ForegroundProcess {
+    int pid = 0;
+    std::string cmdline;
+};
+
+// The foreground cpuset from one time on.
+struct ForegroundPoint {
+    int64_t timeMs = 0;
+    std::vector<ForegroundProcess> processes;
+};
+
+// A timed event for the feature, or a note for the reader of the timeline.
+struct ScenarioEvent {
+    int64_t timeMs = 0;
+    bool hasEvent = false;
+    tools::ScriptEvent event;  // when hasEvent
+    std::string note;          // shown in the timeline; may accompany an event
+};
+
+// A simulation scenario (docs/pwr-sim.md): the application catalogue of the fake performance
+// library, the device's traces and the events, over a fixed duration. Times are in milliseconds
+// from the start; every list is in time order.
+struct Scenario {
+    std::string file;
+    std::string name;
+    std::string description;
+    std::string configPath;  // the XML configuration, resolved against the scenario's folder
+    int64_t durationMs = 0;
+    bool debug = false;  // "vendor.debug.trace.power" set before the feature is built
+    std::vector<tools::ScriptApp> apps;
+    std::map<std::string, std::string> properties;  // property store before the run
+    std::vector<uint64_t> gpuFrequenciesMhz;        // ascending; empty: no GPU nodes
+    std::vector<GpuPoint> gpu;
+    std::vector<BatteryPoint> battery;  // empty: no battery node
+    std::vector<ForegroundPoint> foreground;
+    std::vector<ScenarioEvent> events;
+
+    // False, with `error` set to one line "<file>:<line>:<column>: <what>" for text that is not
+    // JSON, or "<file>: <key path>: <what>" for a scenario that is not valid; nothing throws.
+    static bool parseText(std::string_view text, const std::string& name, Scenario* out,
+                          std::string* error);
+    static bool parseFile(const std::string& path, Scenario* out, std::string* error);
+};
+
+}  // namespace pwr::sim

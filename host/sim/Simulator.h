@@ -1,0 +1,28 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+
+#include "host/sim/Recording.h"
+
+namespace pwr::sim {
+
+struct SimOptions {
+    std::string pluginPath;    // the plug-in library to dlopen
+    std::string scenarioPath;  // JSON scenario
+    std::string configPath;    // XML configuration; empty: the scenario's "config"
+    std::string deviceRoot;    // fake device tree; empty: a fresh temporary one, removed after
+    bool debug = false;        // set "vendor.debug.trace.power" (as the scenario's "debug" does)
+};
+
+// Runs a scenario against a plug-in exactly as the power service drives it, on simulated time:
+// builds the fake device tree, loads the library, builds the feature from the XML configuration
+// through the registry, then moves the process's virtual clock from event to event and from
+// timer expiry to timer expiry, bringing the device's nodes up to each time first, and finally
+// deletes the feature. The process must provide the POSIX timer functions on the virtual clock
+// (link pwr_virtual_timers). Fills `out` with everything observed and returns 0; returns 1 after
+// one error line on `err` when an input is invalid, the plug-in cannot be loaded, the feature is
+// not built or ends not ready. Warnings about the configuration go to `err` too.
+int runSimulation(const SimOptions& options, Recording* out, std::ostream& err);
+
+}  // namespace pwr::sim

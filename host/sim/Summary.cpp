@@ -1,0 +1,161 @@
+#include "host/sim/Summary.h"
+
+#include <algorithm>
+
+#include <android-base/stringprintf.h>
+
+namespace pwr::sim {
+namespace {
+
+using android::base::StringPrintf;
+
+// Time during which a step counter holds a value that `keep` accepts, up to `endMs`.
+template <typename Keep>
+int64_t timeWhere(const CounterTrack& track, int64_t endMs, Keep keep) {
+    int64_t total = 0;
+    for (size_t i = 0; i < track.points.size(); ++i) {
+        const int64_t from = track.points[i].first;
+        const int64_t to = i + 1 < track.points.size() ? track.points[i + 1].first : endMs;
+        if (to > from && keep(track.points[i].second)) total += to - from;
+    }
+    return total;
+}
+
+std::string percent(int64_t part, int64_t whole) {
+    return whole > 0 ? StringPrintf("%5.1f%%",
+                                    100.0 * static_cast<double>(part) / static_cast<double>(whole))
+                     : "   - ";
+}
+
+std::string quotedOrUnset(const std::optional<std::string>& value) {
+    return value ? "\"" + *value + "\"" : "unset";
+}
+
+}  // namespace
+
+std::string formatTime(int64_t ms) {
+    const bool negative = ms < 0;
+    if (negative) ms = -ms;
+    return StringPrintf("%s%lld:%02lld:%02lld.%03lld", negative ? "-" : "",
+                        static_cast<long long>(ms / 3600000),
+                        static_cast<long long>(ms / 60000 % 60),
+                        static_cast<long long>(ms / 1000 % 60), static_cast<long long>(ms % 1000));
+}
+
+Summary Summary::of(const Recording& recording) {
+    Summary summary;
+    const int64_t end = recording.durationMs;
+    summary.durationMs = end;
+
+    std::map<std::string, ProfileTime> profiles;
+    int64_t profileMs = 0;
+    std::string previous;
+    for (const LockSlice& slice : recording.locks) {
+        const int64_t until = slice.endMs.value_or(end);
+        if (slice.kind == LockSlice::Kind::Profile) {
+            ProfileTime& time = profiles[slice.name];
+            time.name = slice.name;
+            time.heldMs += until - slice.startMs;
+            ++time.acquisitions;
+            profileMs += until - slice.startMs;
+            if (!previous.empty() && previous != slice.name) ++summary.profileSwitches;
+            previous = slice.name;
+        } else if (slice.kind == LockSlice::Kind::TaskBoost && slice.boostValue < 0) {
+            ++summary.boostAcquisitions;
+            summary.boostedMsByPid[slice.boostPid] += until - slice.startMs;
+        }
+        if (!slice.endMs) {
+            summary.heldAtEnd.push_back(StringPrintf("#%d %s", slice.handle, slice.name.c_str()));
+        }
+    }
+    for (auto& [name, time] : profiles) summary.profiles.push_back(time);
+    std::stable_sort(
+            summary.profiles.begin(), summary.profiles.end(),
+            [](const ProfileTime& a, const ProfileTime& b) { return a.heldMs > b.heldMs; });
+    summary.profiles.push_back(ProfileTime{"(none)", end - profileMs, 0});
+
+    auto boosted = recording.counters.find(kCounterBoostedTasks);
+    if (boosted != recording.counters.end()) {
+        summary.boostedMs = timeWhere(boosted->second, end, [](double v) { return v > 0; });
+    }
+    auto mode = recording.counters.find(kCounterPsmMode);
+    if (mode != recording.counters.end()) {
+        for (const auto& [t, value] : mode->second.points) {
+            const int m = static_cast<int>(value);
+            summary.msInMode[m] = timeWhere(mode->second, end,
+                                            [m](double v) { return static_cast<int>(v) == m; });
+        }
+    }
+    auto game = recording.counters.find(kCounterGameState);
+    if (game != recording.counters.end()) {
+        summary.gamingOnMs = timeWhere(game->second, end, [](double v) { return v == 1; });
+    }
+    for (const auto& [name, history] : recording.properties) {
+        Property property;
+        property.name = name;
+        property.before = history.before;
+        property.setTo = history.writes.empty() ? "" : history.writes.front().second;
+        property.after = history.last;
+        property.writes = static_cast<int>(history.writes.size());
+        property.restored = property.writes > 1 && property.after == history.before.value_or("0");
+        summary.properties.push_back(property);
+    }
+    return summary;
+}
+
+void writeSummary(const Summary& summary, const Recording& recording, std::ostream& out) {
+    const int64_t end = summary.durationMs;
+    out << "Summary: " << recording.scenarioName << ", " << formatTime(end) << " simulated with "
+        << recording.configFile << "\n\n";
+
+    out << "Profile locks (time held)\n";
+    size_t width = 6;
+    for (const auto& p : summary.profiles) width = std::max(width, p.name.size());
+    for (const auto& p : summary.profiles) {
+        out << StringPrintf("  %-*s  %s  %s", static_cast<int>(width), p.name.c_str(),
+                            formatTime(p.heldMs).c_str(), percent(p.heldMs, end).c_str());
+        if (p.acquisitions > 0) out << StringPrintf("  taken %d time(s)", p.acquisitions);
+        out << "\n";
+    }
+    out << "  profile switches: " << summary.profileSwitches << "\n";
+    if (!recording.dynamicProfiles.empty()) {
+        out << "  dynamic GPU profiles by level:";
+        for (size_t i = 0; i < recording.dynamicProfiles.size(); ++i) {
+            out << " " << i << " " << recording.dynamicProfiles[i];
+        }
+        out << "\n";
+    }
+
+    out << "\nPSM mode (time)\n";
+    static const char* const kModes[] = {"off", "light", "gaming", "battery watch"};
+    for (const auto& [mode, ms] : summary.msInMode) {
+        out << StringPrintf("  %d %-14s %s  %s\n", mode,
+                            mode >= 0 && mode <= 3 ? kModes[mode] : "?", formatTime(ms).c_str(),
+                            percent(ms, end).c_str());
+    }
+    out << "  gaming usable mode on: " << formatTime(summary.gamingOnMs) << "  "
+        << percent(summary.gamingOnMs, end) << "\n";
+
+    out << "\nTask-load boost\n";
+    out << "  time with a foreground task scaled down: " << formatTime(summary.boostedMs) << "  "
+        << percent(summary.boostedMs, end) << "\n";
+    out << "  boost locks with a scale: " << summary.boostAcquisitions << "\n";
+    for (const auto& [pid, ms] : summary.boostedMsByPid) {
+        out << StringPrintf("  pid %-7d %s\n", pid, formatTime(ms).c_str());
+    }
+
+    out << "\nProperties written by the feature\n";
+    if (summary.properties.empty()) out << "  none\n";
+    for (const auto& p : summary.properties) {
+        out << "  " << p.name << ": " << quotedOrUnset(p.before) << " -> \"" << p.setTo << "\"";
+        if (p.writes > 1) out << " -> ... -> \"" << p.after << "\"";
+        out << StringPrintf(" (%d write%s): ", p.writes, p.writes == 1 ? "" : "s");
+        out << (p.restored ? "restored" : p.writes > 1 ? "NOT restored" : "left changed") << "\n";
+    }
+
+    out << "\nLocks held when the run ended\n";
+    if (summary.heldAtEnd.empty()) out << "  none\n";
+    for (const std::string& held : summary.heldAtEnd) out << "  " << held << "\n";
+}
+
+}  // namespace pwr::sim

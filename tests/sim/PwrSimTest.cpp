@@ -1,0 +1,347 @@
+// Runs the pwr-sim tool as an engineer does, one scenario per process, and checks what it reports
+// against what the scenario and its configuration imply.
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <android-base/file.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "host/sim/Scenario.h"
+#include "host/tools/FeatureConfigXml.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+
+struct ToolRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+class PwrSimTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string templ = std::filesystem::temp_directory_path().string() + "/pwrsimtest.XXXXXX";
+        ASSERT_NE(mkdtemp(templ.data()), nullptr);
+        mDir = templ;
+    }
+    void TearDown() override { std::filesystem::remove_all(mDir); }
+
+    // Runs pwr-sim with `args`; its output is kept in files of the test's folder.
+    ToolRun run(const std::vector<std::string>& args) {
+        const std::string outPath = mDir + "/stdout";
+        const std::string errPath = mDir + "/stderr";
+        const pid_t pid = fork();
+        if (pid == 0) {
+            const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+            dup2(out, 1);
+            dup2(err, 2);
+            std::vector<char*> argv{const_cast<char*>(PWR_SIM_PATH)};
+            for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(PWR_SIM_PATH, argv.data());
+            _exit(127);
+        }
+        ToolRun result;
+        int status = 0;
+        EXPECT_EQ(waitpid(pid, &status, 0), pid);
+        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        android::base::ReadFileToString(outPath, &result.out);
+        android::base::ReadFileToString(errPath, &result.err);
+        return result;
+    }
+
+    std::string write(const std::string& name, const std::string& content) {
+        const std::string path = mDir + "/" + name;
+        EXPECT_TRUE(android::base::WriteStringToFile(content, path));
+        return path;
+    }
+
+    static std::string source(const std::string& path) {
+        return std::string(PWR_SOURCE_DIR) + "/" + path;
+    }
+
+    std::string mDir;
+};
+
+// Timeline lines "h:mm:ss.mmm  kind     text" as (ms, kind, text).
+struct Line {
+    int64_t ms;
+    std::string kind;
+    std::string text;
+};
+
+std::vector<Line> timeline(const std::string& text) {
+    std::vector<Line> lines;
+    static const std::regex kLine(R"(^(\d+):(\d\d):(\d\d)\.(\d\d\d)  (\S+)\s*(.*)$)");
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        std::smatch m;
+        if (!std::regex_match(line, m, kLine)) continue;
+        const int64_t ms = std::stoll(m[1]) * 3600000 + std::stoll(m[2]) * 60000 +
+                           std::stoll(m[3]) * 1000 + std::stoll(m[4]);
+        lines.push_back(Line{ms, m[5], m[6]});
+    }
+    return lines;
+}
+
+std::vector<Line> ofKind(const std::vector<Line>& lines, const std::string& kind,
+                         const std::string& containing = "") {
+    std::vector<Line> out;
+    for (const Line& l : lines) {
+        if (l.kind == kind && l.text.find(containing) != std::string::npos) out.push_back(l);
+    }
+    return out;
+}
+
+int intConfig(const pwr::tools::FeatureConfig& config, const char* key) {
+    return static_cast<int>(std::stod(config.info.configs.at(key)));
+}
+
+// The frequency the feature samples while the GPU runs at `mhz` on average: its time-in-state
+// average capacity, converted up to the first table frequency at or above it.
+uint64_t sampledMhz(const std::vector<uint64_t>& table, double mhz) {
+    for (uint64_t f : table) {
+        if (static_cast<double>(f) >= mhz) return f;
+    }
+    return table.back();
+}
+
+// The game scenario with its configuration: the profile of each phase follows from the
+// thresholds, the first switch time from the sampling settings, each later one comes within the
+// samples the average needs to cross a threshold plus three decisions.
+TEST_F(PwrSimTest, GameScenario_ProfilesAndSwitchTimesFollowTheConfiguration) {
+    pwr::sim::Scenario scenario;
+    pwr::tools::FeatureConfig config;
+    std::string error;
+    ASSERT_TRUE(
+            pwr::sim::Scenario::parseFile(source("configs/sim/game-climb.json"), &scenario, &error))
+            << error;
+    ASSERT_TRUE(pwr::tools::FeatureConfigXml::parseFile(scenario.configPath, &config, &error))
+            << error;
+    const int periodMs = intConfig(config, "GAME_TIMER");
+    const int samples = intConfig(config, "GPU_SAMPLE_COUNT");
+    const int stable = intConfig(config, "STABILITY_SAMPLE_COUNT");
+    const int low = intConfig(config, "GPU_Freq_THRESHOLD_LOW");
+    const int high = intConfig(config, "GPU_Freq_THRESHOLD_HIGH");
+    std::vector<std::string> dynamic;
+    for (const auto& [name, lists] : config.info.profiles) {
+        if (name.find("DYN_") != std::string::npos) dynamic.push_back(name);
+    }
+    std::sort(dynamic.begin(), dynamic.end());
+    ASSERT_EQ(dynamic.size(), 3u);
+
+    // The game runs from its start event to its stop event; each GPU phase after the loading
+    // one (the first with a small swing) must end on the profile its sampled frequency implies.
+    int64_t startMs = -1;
+    int64_t stopMs = -1;
+    for (const auto& e : scenario.events) {
+        if (!e.hasEvent) continue;
+        if (e.event.kind == pwr::tools::ScriptEvent::Kind::Start) startMs = e.timeMs;
+        if (e.event.kind == pwr::tools::ScriptEvent::Kind::Stop) stopMs = e.timeMs;
+    }
+    ASSERT_GE(startMs, 0);
+    ASSERT_GT(stopMs, startMs);
+    struct Phase {
+        int64_t from;
+        int64_t to;
+        std::string profile;
+    };
+    std::vector<Phase> phases;
+    for (size_t i = 0; i < scenario.gpu.size(); ++i) {
+        const auto& p = scenario.gpu[i];
+        if (p.timeMs <= startMs || p.timeMs >= stopMs || p.busySwing > 10) continue;
+        const int64_t to = i + 1 < scenario.gpu.size() ? scenario.gpu[i + 1].timeMs : stopMs;
+        const uint64_t mhz = sampledMhz(scenario.gpuFrequenciesMhz, p.freqMhz);
+        const int level = mhz < static_cast<uint64_t>(low)     ? 2
+                          : mhz <= static_cast<uint64_t>(high) ? 1
+                                                               : 0;
+        // Consecutive phases on the same level are one phase.
+        if (!phases.empty() && phases.back().profile == dynamic[level]) {
+            phases.back().to = std::min(to, stopMs);
+        } else {
+            phases.push_back(Phase{p.timeMs, std::min(to, stopMs), dynamic[level]});
+        }
+    }
+    ASSERT_EQ(phases.size(), 4u) << "the scenario settles, climbs twice and eases off";
+
+    const ToolRun r = run({source("configs/sim/game-climb.json"), "--out", mDir + "/out"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    const std::vector<Line> lines = timeline(r.out);
+    const std::vector<Line> acquired = ofKind(lines, "lock", "acquired");
+    ASSERT_EQ(acquired.size(), phases.size()) << r.out;
+    for (size_t i = 0; i < phases.size(); ++i) {
+        EXPECT_THAT(acquired[i].text, HasSubstr(" " + phases[i].profile + " {")) << i;
+        EXPECT_GT(acquired[i].ms, phases[i].from) << i;
+        EXPECT_LT(acquired[i].ms, phases[i].to) << i;
+    }
+    // The first decision needs a full list of settled samples (the tick at the phase's start
+    // already reads the settled busy value), the stable checks, then three decisions in a row.
+    EXPECT_EQ(acquired[0].ms, phases[0].from + periodMs * ((samples - 1) + (stable - 1) + 3));
+    // Later switches: the average crosses a threshold within a full list of new samples, and
+    // the third differing decision switches.
+    for (size_t i = 1; i < phases.size(); ++i) {
+        EXPECT_GE(acquired[i].ms, phases[i].from + 3 * periodMs) << i;
+        EXPECT_LE(acquired[i].ms, phases[i].from + (samples + 3) * periodMs) << i;
+    }
+    // Every switch releases the profile held before; the stop releases the last one.
+    const std::vector<Line> released = ofKind(lines, "lock", "released");
+    ASSERT_EQ(released.size(), phases.size());
+    for (size_t i = 0; i + 1 < phases.size(); ++i) EXPECT_EQ(released[i].ms, acquired[i + 1].ms);
+    EXPECT_EQ(released.back().ms, stopMs);
+    EXPECT_THAT(ofKind(lines, "game"), ::testing::SizeIs(2));
+    EXPECT_EQ(ofKind(lines, "game", "gaming state 1").at(0).ms, startMs);
+
+    // The summary adds up the same slices.
+    std::string summary;
+    ASSERT_TRUE(android::base::ReadFileToString(mDir + "/out/summary.txt", &summary));
+    EXPECT_THAT(summary, HasSubstr("profile switches: 3"));
+    EXPECT_THAT(summary, HasSubstr(dynamic[0] + "      0:04:02.000"));
+}
+
+TEST_F(PwrSimTest, TwoRunsGiveIdenticalOutput) {
+    const ToolRun first = run({source("configs/sim/game-climb.json"), "--out", mDir + "/a"});
+    const ToolRun second = run({source("configs/sim/game-climb.json"), "--out", mDir + "/b"});
+    ASSERT_EQ(first.status, 0) << first.err;
+    ASSERT_EQ(second.status, 0) << second.err;
+    // Only the output folder named on the last line differs.
+    auto body = [](const std::string& out) { return out.substr(0, out.rfind("\nWrote ")); };
+    EXPECT_EQ(body(first.out), body(second.out));
+    for (const char* file : {"timeline.txt", "summary.txt", "trace.json", "plot.svg"}) {
+        std::string a;
+        std::string b;
+        ASSERT_TRUE(android::base::ReadFileToString(mDir + "/a/" + file, &a)) << file;
+        ASSERT_TRUE(android::base::ReadFileToString(mDir + "/b/" + file, &b)) << file;
+        EXPECT_EQ(a, b) << file;
+        EXPECT_FALSE(a.empty()) << file;
+    }
+}
+
+// The trace opens in the trace viewers: valid JSON, counter tracks with values, one complete
+// slice per lock held, in microseconds.
+TEST_F(PwrSimTest, TraceHasCounterTracksAndLockSlices) {
+    const ToolRun r = run({source("configs/sim/game-climb.json"), "--quiet", "--out", mDir});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string text;
+    ASSERT_TRUE(android::base::ReadFileToString(mDir + "/trace.json", &text));
+    const nlohmann::json trace = nlohmann::json::parse(text);
+    std::map<std::string, int> counters;
+    std::vector<nlohmann::json> slices;
+    for (const auto& e : trace.at("traceEvents")) {
+        if (e.at("ph") == "C") ++counters[e.at("name").get<std::string>()];
+        if (e.at("ph") == "X") slices.push_back(e);
+    }
+    for (const char* name : {"GPU frequency (MHz)", "GPU busy (%)", "GPU profile level (level)",
+                             "Boosted tasks (tasks)", "PSM mode (mode)"}) {
+        EXPECT_GT(counters[name], 1) << name;
+    }
+    ASSERT_EQ(slices.size(), 4u);
+    EXPECT_EQ(slices[0].at("name"), "DYN_GPU_2_SAVING");
+    EXPECT_EQ(slices[0].at("ts").get<int64_t>(), 64500000);
+    EXPECT_GT(slices[0].at("dur").get<int64_t>(), 0);
+
+    std::string svg;
+    ASSERT_TRUE(android::base::ReadFileToString(mDir + "/plot.svg", &svg));
+    for (const char* label : {"GPU frequency (MHz)", "GPU busy (%)", "time (minutes)",
+                              "sampled by the feature", "DYN_GPU_1_BALANCED"}) {
+        EXPECT_THAT(svg, HasSubstr(label));
+    }
+}
+
+TEST_F(PwrSimTest, BadInputGetsOneErrorNamingFileAndPlace) {
+    const std::string json = write("bad.json", "{\n  \"duration\": 10,\n  \"apps\": {,}\n}\n");
+    ToolRun r = run({json});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "");
+    EXPECT_THAT(r.err, ::testing::StartsWith("pwr-sim: error: " + json + ":3:12: syntax error"));
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1);
+
+    const std::string wrong = write("wrong.json", R"({"duration": 10, "gpu": {"trace": []}})");
+    r = run({wrong, "--config", source("configs/game.xml")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "pwr-sim: error: " + wrong + ": gpu: \"frequencies_mhz\" is missing\n");
+
+    const std::string noConfig = write("noconfig.json", R"({"duration": 10})");
+    r = run({noConfig});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.err, HasSubstr(noConfig + ": no configuration"));
+
+    const std::string xml = write("bad.xml", "<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n");
+    r = run({noConfig, "--config", xml});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.err, ::testing::StartsWith("pwr-sim: error: " + xml + ":"));
+
+    // A configuration the feature throws on: the key and its line are named.
+    const std::string throwing =
+            write("throws.xml",
+                  "<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n"
+                  "<Config name=\"PSM_STATE\" value=\"zero\"/>\n</Configs>\n</Feature>\n");
+    r = run({noConfig, "--config", throwing});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.err, HasSubstr(throwing + ":3: config \"PSM_STATE\" = \"zero\" is not a number"));
+
+    r = run({"--frobnicate"});
+    EXPECT_EQ(r.status, 2);
+}
+
+TEST_F(PwrSimTest, CheckModeNamesEachProblemWithItsKey) {
+    ToolRun r = run({"--check", source("configs/game.xml")});
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_THAT(r.out, HasSubstr("0 errors, 0 warnings"));
+
+    const std::string two = write(
+            "two.xml",
+            "<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n"
+            "<Config name=\"PSM_STATE\" value=\"0\"/>\n<Config name=\"DEEP_MODE\" value=\"0\"/>\n"
+            "<Config name=\"GPUMode\" value=\"1\"/>\n<Config name=\"GAME_TIMER\" value=\"5OO\"/>\n"
+            "<Config name=\"GPU_SAMPLE_COUNT\" value=\"5\"/>\n"
+            "<Config name=\"STABILITY_SAMPLE_COUNT\" value=\"3\"/>\n"
+            "<Config name=\"GPU_Freq_THRESHOLD_LOW\" value=\"300\"/>\n"
+            "<Config name=\"GPU_Freq_THRESHOLD_HIGH\" value=\"600\"/>\n</Configs>\n<Profiles>\n"
+            "<Profile name=\"PROFILE_LIGHT_MODE\"><PerfLock>1, 2</PerfLock></Profile>\n"
+            "<Profile name=\"DYN_A\"><PerfLock>1, 2</PerfLock></Profile>\n"
+            "<Profile name=\"DYN_B\"><PerfLock>1, 3</PerfLock></Profile>\n"
+            "</Profiles>\n</Feature>\n");
+    r = run({"--check", two});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.out,
+                HasSubstr(two + ":6: warning: config \"GAME_TIMER\" = \"5OO\" is read as 5"));
+    EXPECT_THAT(r.out,
+                HasSubstr(two + ": error: config \"GPU_BUSY_STABILITY_THRESHOLD\" is missing"));
+    EXPECT_THAT(r.out, HasSubstr(two + ": error: only 2 profile(s) whose name contains \"DYN_\""));
+    EXPECT_THAT(r.out, HasSubstr(two + ": 2 errors, 1 warning"));
+
+    // Warnings alone pass, unless --strict.
+    const std::string warnOnly = write(
+            "warn.xml",
+            "<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n"
+            "<Config name=\"PSM_STATE\" value=\"0\"/>\n<Config name=\"DEEP_MODE\" value=\"0\"/>\n"
+            "<Config name=\"GPUMode\" value=\"0x1\"/>\n</Configs>\n<Profiles>\n"
+            "<Profile name=\"PROFILE_LIGHT_MODE\"><PerfLock>1, 2</PerfLock></Profile>\n"
+            "</Profiles>\n</Feature>\n");
+    EXPECT_EQ(run({"--check", warnOnly}).status, 0);
+    EXPECT_EQ(run({"--check", "--strict", warnOnly}).status, 1);
+
+    r = run({"--check", write("broken.xml", "<Feature")});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_THAT(r.out, HasSubstr("broken.xml:1: "));
+}
+
+}  // namespace

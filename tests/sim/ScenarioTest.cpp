@@ -1,0 +1,142 @@
+#include "host/sim/Scenario.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using pwr::sim::Scenario;
+using ::testing::HasSubstr;
+
+constexpr char kValid[] = R"({
+    "name": "mixed",
+    "config": "cfg/game.xml",
+    "duration": 90.5,
+    "debug": true,
+    "apps": {"com.example.game": "game", "com.example.tool": 7},
+    "properties": {"vendor.a": "0"},
+    "gpu": {
+        "frequencies_mhz": [300, 100, 200],
+        "trace": [
+            {"t": 0, "freq_mhz": 150, "busy": 20},
+            {"t": 10, "freq_mhz": 300, "busy": 80, "busy_swing": 5, "swing_period": 2,
+             "residency": {"200": 1, "300": 3}}
+        ]
+    },
+    "battery": {"trace": [{"t": 0, "drain_ma": 300}, {"t": 0.25, "drain_ma": -50}]},
+    "foreground": {"trace": [{"t": 1, "processes": [{"pid": 42, "cmdline": "app"},
+                                                    {"pid": 7, "cmdline": ""}]}]},
+    "events": [
+        {"t": 0.001, "event": "hint 2 1"},
+        {"t": 5, "event": "start com.example.game/.Main", "note": "a game"},
+        {"t": 9, "note": "only a note"}
+    ]
+})";
+
+bool parse(const std::string& text, Scenario* out, std::string* error) {
+    return Scenario::parseText(text, "dir/s.json", out, error);
+}
+
+std::string errorOf(const std::string& text) {
+    Scenario scenario;
+    std::string error;
+    EXPECT_FALSE(parse(text, &scenario, &error)) << text;
+    return error;
+}
+
+TEST(Scenario, ParseText_ReadsEverySection) {
+    Scenario s;
+    std::string error;
+    ASSERT_TRUE(parse(kValid, &s, &error)) << error;
+    EXPECT_EQ(s.name, "mixed");
+    EXPECT_EQ(s.configPath, "dir/cfg/game.xml");  // resolved against the scenario's folder
+    EXPECT_EQ(s.durationMs, 90500);
+    EXPECT_TRUE(s.debug);
+    ASSERT_EQ(s.apps.size(), 2u);
+    EXPECT_EQ(s.apps[0].package, "com.example.game");
+    EXPECT_EQ(s.apps[0].type, 2);
+    EXPECT_EQ(s.apps[1].type, 7);
+    EXPECT_EQ(s.properties.at("vendor.a"), "0");
+    EXPECT_THAT(s.gpuFrequenciesMhz, ::testing::ElementsAre(100, 200, 300));
+    ASSERT_EQ(s.gpu.size(), 2u);
+    EXPECT_EQ(s.gpu[1].timeMs, 10000);
+    EXPECT_EQ(s.gpu[1].swingPeriodMs, 2000);
+    EXPECT_DOUBLE_EQ(s.gpu[1].residency.at(200), 0.25);  // shares are normalised
+    EXPECT_DOUBLE_EQ(s.gpu[1].residency.at(300), 0.75);
+    ASSERT_EQ(s.battery.size(), 2u);
+    EXPECT_EQ(s.battery[1].timeMs, 250);
+    EXPECT_DOUBLE_EQ(s.battery[1].drainMa, -50);
+    ASSERT_EQ(s.foreground.size(), 1u);
+    EXPECT_EQ(s.foreground[0].processes[1].pid, 7);
+    EXPECT_EQ(s.foreground[0].processes[1].cmdline, "");
+    ASSERT_EQ(s.events.size(), 3u);
+    EXPECT_EQ(s.events[0].timeMs, 1);
+    EXPECT_EQ(s.events[0].event.payload.hintId, 0x15E0);
+    EXPECT_EQ(s.events[0].event.payload.hintType, 0x82u);
+    EXPECT_EQ(s.events[1].event.payload.appName, "com.example.game/.Main");
+    EXPECT_EQ(s.events[1].note, "a game");
+    EXPECT_FALSE(s.events[2].hasEvent);
+}
+
+TEST(Scenario, ParseText_SyntaxErrorsNameLineAndColumn) {
+    EXPECT_THAT(errorOf("{\n  \"duration\": 5,\n  \"name\": \"x\"\n  \"debug\": true\n}"),
+                ::testing::StartsWith("dir/s.json:4:9: syntax error while parsing object - "
+                                      "unexpected string literal"));
+    EXPECT_THAT(errorOf("{\"duration\": 5,"), ::testing::StartsWith("dir/s.json:1:16: "));
+    EXPECT_THAT(errorOf(""), ::testing::StartsWith("dir/s.json:1:1: "));
+}
+
+// Each mistake is reported once, naming the key path.
+TEST(Scenario, ParseText_InvalidScenariosNameTheKey) {
+    EXPECT_EQ(errorOf("[]"), "dir/s.json: must be an object with the scenario, not array");
+    EXPECT_EQ(errorOf("{}"), "dir/s.json: \"duration\" is missing");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "evnets": []})"),
+              "dir/s.json: evnets: unknown key; expected one of name, description, config, "
+              "duration, debug, apps, properties, gpu, battery, foreground, events");
+    EXPECT_EQ(errorOf(R"({"duration": "5"})"),
+              "dir/s.json: duration: must be a number, not string");
+    EXPECT_EQ(errorOf(R"({"duration": -1})"), "dir/s.json: duration: -1 is outside 0 to 2.592e+06");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "apps": {"a": "film"}})"),
+              "dir/s.json: apps.a: \"film\" is not an application type; expected game, browser, "
+              "video, other or a number");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 1, "event": "strat x"}]})"),
+              "dir/s.json: events[0].event: unknown event \"strat\"; expected start, stop, "
+              "gameoff, hint, event or end");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 1, "event": "hint 200 1"}]})"),
+              "dir/s.json: events[0].event: hint type \"200\" is not a number from 0 to 127");
+    EXPECT_EQ(
+            errorOf(R"({"duration": 5, "events": [{"t": 2, "note": "a"}, {"t": 1, "note": "b"}]})"),
+            "dir/s.json: events[1].t: is before the previous point's time; times must not "
+            "decrease");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 6, "note": "late"}]})"),
+              "dir/s.json: events[0].t: is after the scenario's duration");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 1}]})"),
+              "dir/s.json: events[0]: needs \"event\", \"note\" or both");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 1, "event": "end"}]})"),
+              "dir/s.json: events[0].event: \"end\" is not an event here; the scenario's "
+              "duration ends it");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "gpu": {"frequencies_mhz": [100, 200],
+                          "trace": [{"t": 0, "freq_mhz": 250, "busy": 5}]}})"),
+              "dir/s.json: gpu.trace[0].freq_mhz: 250 is outside 100 to 200");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "gpu": {"frequencies_mhz": [100, 200],
+                          "trace": [{"t": 0, "freq_mhz": 150, "busy": 5, "busy_swing": 3}]}})"),
+              "dir/s.json: gpu.trace[0]: \"busy_swing\" and \"swing_period\" go together");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "gpu": {"frequencies_mhz": [100, 200],
+                          "trace": [{"t": 0, "freq_mhz": 150, "busy": 5,
+                                     "residency": {"150": 1}}]}})"),
+              "dir/s.json: gpu.trace[0].residency.150: is not a frequency of frequencies_mhz");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "foreground": {"trace": [{"t": 0, "processes":
+                          [{"pid": 3, "cmdline": "a"}, {"pid": 3, "cmdline": "b"}]}]}})"),
+              "dir/s.json: foreground.trace[0].processes[1].pid: is listed twice");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "properties": {"a/b": "1"}})"),
+              "dir/s.json: properties.a/b: is not a property name");
+}
+
+TEST(Scenario, ParseFile_UnreadableFileIsNamed) {
+    Scenario scenario;
+    std::string error;
+    EXPECT_FALSE(Scenario::parseFile("/nonexistent/s.json", &scenario, &error));
+    EXPECT_THAT(error, HasSubstr("/nonexistent/s.json: cannot read: "));
+}
+
+}  // namespace
