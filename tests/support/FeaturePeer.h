@@ -34,6 +34,8 @@ class PSMPowerOptFeatureTestPeer {
     Timer_s* batteryTimer() const { return f.mBatteryTimerStruct; }
     Timer_s* deepTimer() const { return f.mDeepTimerStruct.load(); }
     int gameTimerMs() const { return f.mGameTimerMs; }
+    PMDatabase<PSMReferenceOutput>* pmDatabase() const { return f.mPmDatabase.get(); }
+    int pmDbStatus() const { return f.mPmDbStatus; }
 
     // Properties, deep mode, low-power entry.
     const std::vector<std::string>& propList() const { return f.mPropList; }
