@@ -42,6 +42,7 @@ class BatteryMonitor : public ::testing::Test {
   protected:
     void SetUp() override {
         fakeperf::reset();
+        tree.mkdirs(pwr::test::kStoreDirectory);
         fakeperf::setAppType("com.example.game", 2);
         fakeperf::setAppType("com.example.browser", 3);
         fakeperf::setAppType("com.example.video", 5);

@@ -42,7 +42,10 @@ constexpr std::chrono::seconds kDeepTimerWait(10);
 
 class DeepMode : public ::testing::Test {
   protected:
-    void SetUp() override { fakeperf::reset(); }
+    void SetUp() override {
+        fakeperf::reset();
+        tree.mkdirs(pwr::test::kStoreDirectory);
+    }
 
     // Index of the first captured message equal to `message`, -1 when there is none.
     int indexOf(const std::string& message) const {

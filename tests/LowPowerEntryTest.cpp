@@ -41,7 +41,10 @@ int processTimers() {
 
 class LowPowerEntry : public ::testing::Test {
   protected:
-    void SetUp() override { fakeperf::reset(); }
+    void SetUp() override {
+        fakeperf::reset();
+        tree.mkdirs(pwr::test::kStoreDirectory);
+    }
 
     DeviceTree tree;
     LogCapture log;
@@ -101,7 +104,7 @@ TEST_F(LowPowerEntry, DeepModeOffArmsNothingAndTouchesNoProperty) {
 
 TEST_F(LowPowerEntry, RecordsTheDeepModeSwitchUnderPsm) {
     FeatureHandle feature(deepModeConfig());
-    ASSERT_TRUE(PSMPowerOptFeatureTestPeer(*feature).hasStore());
+    ASSERT_TRUE(PSMPowerOptFeatureTestPeer(*feature).pmDatabase() != nullptr);
 
     feature->sendEvents(powerModeHint(3));
     feature->sendEvents(powerModeHint(3));

@@ -29,7 +29,10 @@ using ::testing::ElementsAre;
 
 class PropertyApply : public ::testing::Test {
   protected:
-    void SetUp() override { fakeperf::reset(); }
+    void SetUp() override {
+        fakeperf::reset();
+        tree.mkdirs(pwr::test::kStoreDirectory);
+    }
 
     DeviceTree tree;  // properties and the store live under the fake root
     LogCapture log;

@@ -82,7 +82,10 @@ std::vector<fakeperf::Call> lockCalls() {
 
 class TopTaskBoost : public ::testing::Test {
   protected:
-    void SetUp() override { fakeperf::reset(); }
+    void SetUp() override {
+        fakeperf::reset();
+        tree.mkdirs(pwr::test::kStoreDirectory);
+    }
 
     void writeProcess(int pid, const std::string& cmdline) const {
         tree.write(cmdlinePath(pid), cmdline);

@@ -8,6 +8,9 @@
 
 namespace pwr::test {
 
+// The state store's directory, part of the device's image: a fake tree must provide it.
+inline constexpr char kStoreDirectory[] = "/data/vendor/pwr";
+
 // Opcodes of the deep-mode configuration below, as the fake performance library receives them.
 inline constexpr int kDeepProfileOpcode = 0x40C10000;
 inline constexpr int kTaskBoostOpcode = 0x40C68000;

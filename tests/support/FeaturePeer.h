@@ -47,7 +47,6 @@ class PSMPowerOptFeatureTestPeer {
     int propResult() const { return f.mPropResult; }
     void setPropResult(int result) { f.mPropResult = result; }
     Timer_s* deepTimerCopy() const { return f.mDeepTimerStructCopy.load(); }
-    bool hasStore() const { return f.mPmDatabase != nullptr; }
 
     // Task boosts and the battery monitor.
     const Profile& taskBoostOpcodes() const { return f.taskBoostOpcodes; }
