@@ -181,6 +181,7 @@ void PSMPowerOptFeature::handlePowerModeHint(const AsyncTriggerPayload& payload)
 
 void PSMPowerOptFeature::leaveLowPowerMode() {
     // A deep-mode timer still waiting for its lock must not engage after the device has left.
+    // (A callback already running on the timer's thread is not waited for.)
     Timer().Timer_disable(mDeepTimerStruct.load());
     // Only an applied deep mode is reset: a second reset would find the saved values consumed
     // and clear the properties.

@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "feature/PSMPowerOptFeature.h"
@@ -276,6 +277,35 @@ TEST_F(BatteryMonitor, StartOfAnIneligibleAppWithdrawsBoosts) {
     EXPECT_THAT(boostRequests(), ElementsAre(unboosted(4100), unboosted(4200)));
     EXPECT_EQ(peer->boosted(), 0);
     EXPECT_FALSE(Timer().Timer_isActive(peer->batteryTimer())) << "not eligible: stays disarmed";
+}
+
+// The timer's thread ticks while the event thread resets and stops: every piece of state they
+// share is behind one mutex (ThreadSanitizer builds check it), and once both are done a final
+// reset leaves no task boosted.
+TEST_F(BatteryMonitor, TimerThreadAndEventThreadShareTheStateSafely) {
+    foreground("com.example.game");
+    tree.write(kCurrentNow, "-1000000\n");
+    std::thread timerThread([this] {
+        for (int i = 0; i < 400; ++i) PSMPowerOptFeature::batterytimerCallBack(&**feature);
+    });
+    AsyncTriggerPayload stop;
+    stop.hintId = 0x1002;
+    stop.appName = "com.example.game";
+    for (int i = 0; i < 100; ++i) {
+        (*feature)->ResetBattery();
+        (*feature)->sendEvents(stop);
+        (*feature)->getTopTask();
+    }
+    timerThread.join();
+
+    (*feature)->ResetBattery();
+
+    EXPECT_EQ(peer->boosted(), 0);
+    EXPECT_GT(boostRequests().size(), 0u) << "the two threads never met";
+    for (const auto& [handle, list] : fakeperf::heldLocks()) {
+        ASSERT_EQ(list.size(), 2u);
+        EXPECT_EQ(list[1] & 0xFF, 0) << "pid " << (list[1] >> 8) << " is still scaled down";
+    }
 }
 
 }  // namespace

@@ -22,6 +22,7 @@
 #include "tests/support/FeatureFactory.h"
 #include "tests/support/FeaturePeer.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TimerThreads.h"
 
 namespace {
 
@@ -262,6 +263,7 @@ TEST_F(DeepMode, ResetDeepMode_ReleasesUnlessTheResultIsZero) {
 // Leaving low-power mode before the deep profile was granted disarms the retrying timer, so
 // deep mode cannot engage afterwards, and resets nothing.
 TEST_F(DeepMode, LeavingBeforeTheLockIsGrantedStopsTheDeepTimer) {
+    PWR_REQUIRE_TIMER_THREADS();
     FeatureHandle feature(deepModeConfig());
     PSMPowerOptFeatureTestPeer peer(*feature);
     peer.setDebugEnabled(true);
@@ -284,6 +286,7 @@ TEST_F(DeepMode, LeavingBeforeTheLockIsGrantedStopsTheDeepTimer) {
 class DeepModeCycle : public DeepMode {
   protected:
     void SetUp() override {
+        PWR_REQUIRE_TIMER_THREADS();
         DeepMode::SetUp();
         feature.emplace(deepModeConfig());
         peer.emplace(**feature);
