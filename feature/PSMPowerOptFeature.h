@@ -27,6 +27,11 @@ struct GPUSample {
 
 using Profile = std::vector<std::vector<int>>;
 
+// Consecutive evaluations of the GPU monitor whose decision differed from the profile level in
+// force, counted for the whole process. Changed only under the evaluating feature's
+// mGpuSampleMutex; atomic because that mutex belongs to one feature and the count to all.
+extern std::atomic<int> gGpuProfileChangeCount;
+
 // The power-saving feature. The host builds it from its configuration and delivers events to it
 // one at a time on its event thread; timer threads run the game, battery and deep-mode callbacks.
 //
@@ -187,6 +192,15 @@ class PSMPowerOptFeature : public PowerOptFeature {
     int heldProfileHandle GUARDED_BY(profileMutex) = -1;
 
     // --- GPU stability monitor ---
+    // One game-timer tick: sample the GPU, then test stability or evaluate the profile.
+    void gameTimerTick() EXCLUDES(mGpuSampleMutex);
+    // The sample list as isGpuStable takes it: by reference, with mGpuSampleMutex released,
+    // since isGpuStable locks it itself before reading.
+    std::vector<GPUSample>& samplesForStabilityCheck() NO_THREAD_SAFETY_ANALYSIS {
+        return mGpuSamples;
+    }
+
+    // Settings, written by initGpuMonitor before the game timer is first armed.
     int mGameTimerMs = 0;
     int mGpuSampleCount = 0;
     int mStabilitySampleCount = 0;

@@ -27,6 +27,15 @@ class Statement {
         return sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size()), &mStmt, nullptr);
     }
     sqlite3_stmt* get() const { return mStmt; }
+    // Steps a statement that returns no rows and resets it for the next run. On failure `error`
+    // takes SQLite's message.
+    int run(sqlite3* db, std::string* error) {
+        int rc = sqlite3_step(mStmt);
+        if (rc == SQLITE_DONE) rc = SQLITE_OK;
+        if (rc != SQLITE_OK) *error = sqlite3_errmsg(db);
+        sqlite3_reset(mStmt);
+        return rc;
+    }
     int finalize() {
         int rc = sqlite3_finalize(mStmt);
         mStmt = nullptr;
@@ -57,6 +66,15 @@ void PMDatabase<Row>::ConnectionCloser::operator()(sqlite3* db) const {
 }
 
 template <typename Row>
+struct PMDatabase<Row>::FlushStatements {
+    Statement insert;
+    Statement update;
+    Statement begin;
+    Statement commit;
+    Statement rollback;
+};
+
+template <typename Row>
 PMDatabase<Row>::PMDatabase(std::string tableName, std::string directory, std::string fileName)
     : PMDBDataTable<Row>(std::move(tableName)),
       mDirectory(std::move(directory)),
@@ -74,7 +92,14 @@ std::string PMDatabase<Row>::path() const {
 }
 
 template <typename Row>
+bool PMDatabase<Row>::isOpen() {
+    pwr::MutexLock lock(mDbMutex);
+    return mDb != nullptr;
+}
+
+template <typename Row>
 pmdbError PMDatabase<Row>::openPMdb() {
+    pwr::MutexLock lock(mDbMutex);
     if (mDb != nullptr) return kPmdbSuccess;
     const std::string file = path();
     sqlite3* db = nullptr;
@@ -85,7 +110,7 @@ pmdbError PMDatabase<Row>::openPMdb() {
     if (rc != SQLITE_OK) {
         PWR_LOG(kModPmdb, "openPMdb", 101, "ERROR:Db=%s sql open failed, err=%d\n", file.c_str(),
                 rc);
-        closePMdb();
+        closeLocked();
         return kPmdbFailure;
     }
     // Writers then never block the readers; a failure leaves the default journal in use.
@@ -98,6 +123,7 @@ pmdbError PMDatabase<Row>::openPMdb() {
 
 template <typename Row>
 pmdbError PMDatabase<Row>::createPMdbTables() {
+    pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return kPmdbFailure;
     const std::string sql = "CREATE TABLE IF NOT EXISTS " + this->mTableName +
@@ -113,6 +139,7 @@ pmdbError PMDatabase<Row>::createPMdbTables() {
 template <typename Row>
 std::vector<std::unique_ptr<Row>> PMDatabase<Row>::readAllocateDR(const PMDBDataRowKey& key) {
     std::vector<std::unique_ptr<Row>> rows;
+    pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return rows;
     const char* table = this->mTableName.c_str();
@@ -160,6 +187,7 @@ std::vector<std::unique_ptr<Row>> PMDatabase<Row>::readAllocateDR(const PMDBData
 
 template <typename Row>
 int PMDatabase<Row>::getCountDR(const PMDBDataRowKey& key) {
+    pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return 0;
     const char* table = this->mTableName.c_str();
@@ -183,6 +211,7 @@ int PMDatabase<Row>::getCountDR(const PMDBDataRowKey& key) {
 
 template <typename Row>
 void PMDatabase<Row>::deleteAllDR(const PMDBDataRowKey& key) {
+    pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return;
     const char* table = this->mTableName.c_str();
@@ -209,46 +238,62 @@ void PMDatabase<Row>::deleteAllDR(const PMDBDataRowKey& key) {
 }
 
 template <typename Row>
-pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
+pmdbError PMDatabase<Row>::prepareFlushStatementsLocked() {
+    if (mFlush != nullptr) return kPmdbSuccess;
     sqlite3* db = mDb.get();
-    if (db == nullptr) return kPmdbFailure;
-    const char* table = this->mTableName.c_str();
-
-    Statement insert;
-    Statement update;
-    if (insert.prepare(db, "INSERT INTO " + this->mTableName +
-                                   "(intcol1, appName, rsvdName, blob) VALUES (?,?,?,?)") !=
-                SQLITE_OK ||
-        update.prepare(db, "UPDATE " + this->mTableName + " " +
-                                   "SET (intcol1, appName, rsvdName, blob) = (?,?,?,?) "
-                                   "WHERE (rowid) = (?)") != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "writeCachedDRToDisk", 240, "ERROR:Dbt=%s info=%s\n", table,
-                sqlite3_errmsg(db));
+    auto statements = std::make_unique<FlushStatements>();
+    if (statements->insert.prepare(db, "INSERT INTO " + this->mTableName +
+                                               "(intcol1, appName, rsvdName, blob) VALUES "
+                                               "(?,?,?,?)") != SQLITE_OK ||
+        statements->update.prepare(db, "UPDATE " + this->mTableName + " " +
+                                               "SET (intcol1, appName, rsvdName, blob) = "
+                                               "(?,?,?,?) WHERE (rowid) = (?)") != SQLITE_OK ||
+        statements->begin.prepare(db, "BEGIN IMMEDIATE TRANSACTION;") != SQLITE_OK ||
+        statements->commit.prepare(db, "COMMIT TRANSACTION;") != SQLITE_OK ||
+        statements->rollback.prepare(db, "ROLLBACK TRANSACTION;") != SQLITE_OK) {
+        PWR_LOG(kModPmdb, "writeCachedDRToDisk", 240, "ERROR:Dbt=%s info=%s\n",
+                this->mTableName.c_str(), sqlite3_errmsg(db));
         return kPmdbFailure;
     }
+    mFlush = std::move(statements);
+    return kPmdbSuccess;
+}
+
+template <typename Row>
+pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
+    pwr::MutexLock lock(mDbMutex);
+    sqlite3* db = mDb.get();
+    if (db == nullptr) return kPmdbFailure;
+    // Prepared once per connection: parsing them on every flush would cost as much as the
+    // write itself on a fast file system.
+    if (prepareFlushStatementsLocked() != kPmdbSuccess) return kPmdbFailure;
+    FlushStatements& st = *mFlush;
+    const char* table = this->mTableName.c_str();
+    std::string error;
 
     pmdbError status = kPmdbSuccess;
     // IMMEDIATE takes the write lock now, so the transaction cannot fail halfway for want of it.
     // Without a transaction every row still goes out on its own.
-    if (exec(db, "BEGIN IMMEDIATE TRANSACTION;") != SQLITE_OK) {
+    if (st.begin.run(db, &error) != SQLITE_OK) {
         status = kPmdbFailure;
         PWR_LOG(kModPmdb, "writeCachedDRToDisk", 247, "sql:ERROR:Dbt=%s info=%s\n", table,
-                sqlite3_errmsg(db));
-        if (exec(db, "ROLLBACK TRANSACTION;") != SQLITE_OK) {
+                error.c_str());
+        if (st.rollback.run(db, &error) != SQLITE_OK) {
             PWR_LOG(kModPmdb, "writeCachedDRToDisk", 250, "sql:ERROR:Dbt=%s info=%s\n", table,
-                    sqlite3_errmsg(db));
+                    error.c_str());
         }
     }
 
     // Bindings are static and never cleared between rows: a parameter that a row leaves unbound
     // keeps the value of the row written before it on the same statement. So every drained row
-    // stays alive until both statements are finalized.
+    // stays alive until the bindings are cleared after the loop, which also gives the next flush
+    // unbound parameters, as freshly prepared statements would have.
     std::vector<std::unique_ptr<Row>> drained;
     while (std::unique_ptr<Row> next = this->dequeueDR()) {
         drained.push_back(std::move(next));
         const Row& row = *drained.back();
         const bool isUpdate = row.rowid != 0;
-        sqlite3_stmt* s = isUpdate ? update.get() : insert.get();
+        sqlite3_stmt* s = isUpdate ? st.update.get() : st.insert.get();
         int rc;
         if (row.intcol1 != kPmdbIntUnset &&
             (rc = sqlite3_bind_int(s, 1, row.intcol1)) != SQLITE_OK) {
@@ -280,37 +325,39 @@ pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
             PWR_LOG(kModPmdb, "writeCachedDRToDisk", 294, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
         }
     }
+    sqlite3_clear_bindings(st.insert.get());
+    sqlite3_clear_bindings(st.update.get());
+    drained.clear();
 
-    if (exec(db, "COMMIT TRANSACTION;") != SQLITE_OK) {
+    if (st.commit.run(db, &error) != SQLITE_OK) {
         status = kPmdbFailure;
         PWR_LOG(kModPmdb, "writeCachedDRToDisk", 305, "sql:ERROR:Dbt=%s info=%s\n", table,
-                sqlite3_errmsg(db));
-        if (exec(db, "ROLLBACK TRANSACTION;") != SQLITE_OK) {
+                error.c_str());
+        if (st.rollback.run(db, &error) != SQLITE_OK) {
             PWR_LOG(kModPmdb, "writeCachedDRToDisk", 308, "sql:ERROR:Dbt=%s info=%s\n", table,
-                    sqlite3_errmsg(db));
+                    error.c_str());
         }
-    }
-
-    int rc = update.finalize();
-    if (rc != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "writeCachedDRToDisk", 313, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-    }
-    rc = insert.finalize();
-    if (rc != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "writeCachedDRToDisk", 316, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
     }
     return status;
 }
 
 template <typename Row>
 void PMDatabase<Row>::closePMdb() {
+    pwr::MutexLock lock(mDbMutex);
+    closeLocked();
+}
+
+template <typename Row>
+void PMDatabase<Row>::closeLocked() {
+    // The statements go first: a connection with live statements does not close.
+    mFlush.reset();
     sqlite3* db = mDb.release();
     if (db == nullptr) return;
     int rc = sqlite3_close(db);
     if (rc != SQLITE_OK) {
         PWR_LOG(kModPmdb, "closePMdb", 330, "ERROR:Db=%s sql close failed, err=%d\n",
                 path().c_str(), rc);
-        // Still open because a statement outlives it: SQLite closes it when the last one goes.
+        // Still open: SQLite releases it once nothing uses it any more.
         sqlite3_close_v2(db);
     }
 }

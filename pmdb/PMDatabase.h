@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Mutex.h"
 #include "pmdb/PMDBDataRowKey.h"
 #include "pmdb/PMDBDataTable.h"
 
@@ -14,8 +15,10 @@ struct sqlite3;
 // file directly. Failures are logged under "PMDB" and never thrown: every operation then returns
 // its neutral result. Instantiated in PMDatabase.cpp for PSMReferenceOutput.
 //
-// The connection is shared by every caller without a lock of its own: SQLite serialises the
-// calls, and only the cache needs the table's mutex.
+// Threads: the feature's event and timer threads share one connection. Each operation holds the
+// connection's mutex for its whole length, because SQLite builds in multi-thread mode (as on a
+// device) do not serialise a shared connection, and because a flush's transaction must not take
+// in, or roll back, another thread's statements. Lock order: connection mutex, then the cache's.
 template <typename Row>
 class PMDatabase : public PMDBDataTable<Row> {
   public:
@@ -26,22 +29,23 @@ class PMDatabase : public PMDBDataTable<Row> {
     ~PMDatabase() override;
 
     // Opens the connection, and switches a file-backed database to write-ahead logging.
-    pmdbError openPMdb();
+    pmdbError openPMdb() EXCLUDES(mDbMutex);
     // Creates the table if it is missing.
-    pmdbError createPMdbTables();
+    pmdbError createPMdbTables() EXCLUDES(mDbMutex);
     // The rows matching `key` in table order, at most 10,000; empty on any failure.
-    std::vector<std::unique_ptr<Row>> readAllocateDR(const PMDBDataRowKey& key);
+    std::vector<std::unique_ptr<Row>> readAllocateDR(const PMDBDataRowKey& key) EXCLUDES(mDbMutex);
     // Number of rows matching `key`; 0 on any failure.
-    int getCountDR(const PMDBDataRowKey& key);
+    int getCountDR(const PMDBDataRowKey& key) EXCLUDES(mDbMutex);
     // Deletes every row matching `key`.
-    void deleteAllDR(const PMDBDataRowKey& key);
+    void deleteAllDR(const PMDBDataRowKey& key) EXCLUDES(mDbMutex);
     // Writes every queued row in one transaction: rowid 0 inserts, any other rowid updates that
-    // row. A row whose write fails is dropped. With no connection the rows stay queued.
-    pmdbError writeCachedDRToDisk();
+    // row. A row whose write fails is dropped. With no connection, or when the statements cannot
+    // be prepared, the rows stay queued.
+    pmdbError writeCachedDRToDisk() EXCLUDES(mDbMutex);
     // Closes the connection and forgets it; later operations find no connection.
-    void closePMdb();
+    void closePMdb() EXCLUDES(mDbMutex);
 
-    bool isOpen() const { return mDb != nullptr; }
+    bool isOpen() EXCLUDES(mDbMutex);
     // The file opened, or ":memory:".
     std::string path() const;
 
@@ -54,8 +58,16 @@ class PMDatabase : public PMDBDataTable<Row> {
     struct ConnectionCloser {
         void operator()(sqlite3* db) const;
     };
+    // The flush's statements, prepared on the first flush and kept until the connection closes.
+    struct FlushStatements;
 
-    std::unique_ptr<sqlite3, ConnectionCloser> mDb;
+    pmdbError prepareFlushStatementsLocked() REQUIRES(mDbMutex);
+    void closeLocked() REQUIRES(mDbMutex);
+
+    pwr::Mutex mDbMutex;
+    // Declared before the statements so that it is destroyed after them.
+    std::unique_ptr<sqlite3, ConnectionCloser> mDb GUARDED_BY(mDbMutex);
+    std::unique_ptr<FlushStatements> mFlush GUARDED_BY(mDbMutex);
     const std::string mDirectory;
     const std::string mFileName;
 };

@@ -9,16 +9,18 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <android-base/unique_fd.h>
@@ -40,14 +42,18 @@ using android::base::unique_fd;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kProperties = 24;
+// At least this many kills, and more until enough of them have landed inside the list (the
+// list's speed drifts with the machine's load), up to the cap.
 constexpr int kRuns = 60;
+constexpr int kMinMidListKills = 30;
+constexpr int kMaxRuns = 300;
 constexpr char kStoreFile[] = "/data/vendor/pwr/InputPMDB.db";
 // Never a property value here: tells an unset property from a set one.
 constexpr char kUnset[] = "<unset>";
 
 // Child to parent, one byte each.
 constexpr char kReady = 'R';        // about to apply the list
-constexpr char kDone = 'D';         // the list is applied
+constexpr char kDone = 'D';         // the list is applied; the child's own timing follows
 constexpr char kPlaceholder = 'P';  // applyProp does not apply anything yet
 
 struct PropertyCase {
@@ -88,8 +94,28 @@ char readByte(int fd, std::chrono::milliseconds timeout) {
     return read(fd, &c, 1) == 1 ? c : 0;
 }
 
-// The child: builds a feature with its store, then applies the deep-mode list. Never returns.
-[[noreturn]] void applyInChild(int fd, const std::vector<PropertyCase>& cases, bool probe) {
+// Arms a one-shot timer of the monotonic clock that sends SIGKILL to this process after `delay`.
+// The kernel fires it at that moment of the child's own run, however the machine schedules
+// the parent.
+bool armKillTimer(std::chrono::microseconds delay) {
+    sigevent event{};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGKILL;
+    timer_t timer;
+    if (timer_create(CLOCK_MONOTONIC, &event, &timer) != 0) return false;
+    itimerspec spec{};
+    const long long nanos = std::max<long long>(
+            std::chrono::duration_cast<std::chrono::nanoseconds>(delay).count(), 1);  // 0 disarms
+    spec.it_value.tv_sec = static_cast<time_t>(nanos / 1000000000);
+    spec.it_value.tv_nsec = static_cast<long>(nanos % 1000000000);
+    return timer_settime(timer, 0, &spec, nullptr) == 0;
+}
+
+// The child: builds a feature with its store, then applies the deep-mode list, killed by its
+// timer `killAfter` into the list (or timed, for a calibration run). Never returns.
+[[noreturn]] void applyInChild(int fd, const std::vector<PropertyCase>& cases,
+                               std::optional<std::chrono::microseconds> killAfter) {
+    const bool probe = !killAfter.has_value();
     pwr::test::installNullLogger();
     std::string error;
     auto feature =
@@ -112,8 +138,14 @@ char readByte(int fd, std::chrono::milliseconds timeout) {
         list.push_back(c.deepValue);
     }
     (void)!write(fd, &kReady, 1);
+    if (killAfter && !armKillTimer(*killAfter)) _exit(4);
+    const auto start = Clock::now();
     psm.applyProp(list.data(), static_cast<int>(list.size()), 0);
-    (void)!write(fd, &kDone, 1);
+    const int64_t micros =
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
+    char done[1 + sizeof(micros)] = {kDone};
+    memcpy(done + 1, &micros, sizeof(micros));
+    (void)!write(fd, done, sizeof(done));
     for (;;) pause();
 }
 
@@ -126,8 +158,9 @@ struct RunResult {
     std::vector<std::string> faults;
 };
 
-// One run in a fresh device tree: set the old values, start the child, kill it `killAfter` after
-// it starts applying (never, for a calibration run), then check the tree it left.
+// One run in a fresh device tree: set the old values, start the child, have it killed
+// `killAfter` after it starts applying (not before the end, for a calibration run), then check
+// the tree it left.
 RunResult runOnce(const std::vector<PropertyCase>& cases,
                   std::optional<std::chrono::microseconds> killAfter) {
     RunResult result;
@@ -151,21 +184,20 @@ RunResult runOnce(const std::vector<PropertyCase>& cases,
     }
     if (pid == 0) {
         readEnd.reset();
-        applyInChild(writeEnd.get(), cases, /*probe=*/!killAfter.has_value());
+        applyInChild(writeEnd.get(), cases, killAfter);
     }
     writeEnd.reset();
 
+    // Then kDone, or the end of the pipe when the timer killed the child first.
     const char first = readByte(readEnd.get(), std::chrono::seconds(30));
-    const auto start = Clock::now();
     if (first == kReady) {
-        if (killAfter) {
-            std::this_thread::sleep_for(*killAfter);
-        } else {
-            result.finished = readByte(readEnd.get(), std::chrono::seconds(60)) == kDone;
-            result.applyTime =
-                    std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
+        result.finished = readByte(readEnd.get(), std::chrono::seconds(60)) == kDone;
+        int64_t micros = 0;
+        if (result.finished && read(readEnd.get(), &micros, sizeof(micros)) == sizeof(micros)) {
+            result.applyTime = std::chrono::microseconds(micros);
         }
     }
+    // A child that finished the list (or never reached it) is killed here instead.
     kill(pid, SIGKILL);
     int status = 0;
     waitpid(pid, &status, 0);
@@ -179,7 +211,6 @@ RunResult runOnce(const std::vector<PropertyCase>& cases,
                                 ")");
         return result;
     }
-    if (killAfter) result.finished = readByte(readEnd.get(), std::chrono::milliseconds(0)) == kDone;
 
     pwr::test::SqliteProbe probe(tree.hostPath(kStoreFile));
     if (!probe.ok()) {
@@ -236,7 +267,7 @@ TEST(PropertyCrash, KilledWhileApplyingDeepModeListLosesNoOldValue) {
     ASSERT_EQ(calibration.changed, kProperties);
     // The machine's speed drifts between runs: the span shrinks after a kill that came too late
     // and grows after one that came too early, so that most kills land inside the list.
-    double window = static_cast<double>(calibration.applyTime.count());
+    double window = std::max<double>(static_cast<double>(calibration.applyTime.count()), 1.0);
 
     const unsigned seed = std::random_device{}();
     std::mt19937 random(seed);
@@ -244,7 +275,9 @@ TEST(PropertyCrash, KilledWhileApplyingDeepModeListLosesNoOldValue) {
     int beforeFirst = 0;
     int midList = 0;
     int afterLast = 0;
-    for (int run = 0; run < kRuns; ++run) {
+    int runs = 0;
+    for (; runs < kMaxRuns && (runs < kRuns || midList < kMinMidListKills); ++runs) {
+        const int run = runs;
         std::uniform_real_distribution<double> delay(0, window);
         const std::chrono::microseconds killAfter(static_cast<long long>(delay(random)));
         const RunResult result = runOnce(cases, killAfter);
@@ -265,11 +298,11 @@ TEST(PropertyCrash, KilledWhileApplyingDeepModeListLosesNoOldValue) {
     }
     printf("seed %u, %d properties, apply time %lld us, %d kills: %d before the first change, "
            "%d mid-list, %d after the last; %d failed runs\n",
-           seed, kProperties, static_cast<long long>(calibration.applyTime.count()), kRuns,
+           seed, kProperties, static_cast<long long>(calibration.applyTime.count()), runs,
            beforeFirst, midList, afterLast, failedRuns);
     EXPECT_EQ(failedRuns, 0);
     // Kills that all missed the list would prove nothing.
-    EXPECT_GT(midList, kRuns / 4);
+    EXPECT_GE(midList, kMinMidListKills);
 }
 
 }  // namespace

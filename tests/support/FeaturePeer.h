@@ -30,6 +30,13 @@ class PSMPowerOptFeatureTestPeer {
         pwr::MutexLock lock(f.profileMutex);
         return f.heldProfileHandle;
     }
+    // Runs fn(heldProfileHandle) under profileMutex, so that what the performance library holds
+    // can be compared with the handle without a profile switch in between.
+    template <typename Fn>
+    void withHeldProfileHandle(Fn&& fn) {
+        pwr::MutexLock lock(f.profileMutex);
+        fn(f.heldProfileHandle);
+    }
     Timer_s* gameTimer() const { return f.mGameTimerStruct; }
     Timer_s* batteryTimer() const { return f.mBatteryTimerStruct; }
     Timer_s* deepTimer() const { return f.mDeepTimerStruct.load(); }
@@ -88,6 +95,42 @@ class PSMPowerOptFeatureTestPeer {
     std::vector<int> scalingThresholds() const {
         return {f.mGameScalingUp,      f.mGameScalingDown, f.mBrowserScalingUp,
                 f.mBrowserScalingDown, f.mVideoScalingUp,  f.mVideoScalingDown};
+    }
+
+    // --- GPU stability monitor ---
+    GraxInfo* graxInfo() const { return f.mGraxInfo; }
+    // Points the monitor at another GraxInfo, such as one built on the test's own device tree
+    // (the singleton keeps the tree of the first feature of the process). Before the game timer
+    // is armed.
+    void setGraxInfo(GraxInfo* info) { f.mGraxInfo = info; }
+    int gpuSampleCount() const { return f.mGpuSampleCount; }
+    int stabilitySampleCount() const { return f.mStabilitySampleCount; }
+    int gpuBusyStabilityThreshold() const { return f.mGpuBusyStabilityThreshold; }
+    int gpuFreqThresholdLow() const { return f.mGpuFreqThresholdLow; }
+    int gpuFreqThresholdHigh() const { return f.mGpuFreqThresholdHigh; }
+    const std::vector<Profile>& dynamicGpuProfiles() const { return f.mDynamicGpuProfiles; }
+    std::vector<GPUSample> gpuSamples() {
+        pwr::MutexLock lock(f.mGpuSampleMutex);
+        return f.mGpuSamples;
+    }
+    void setGpuSamples(std::vector<GPUSample> samples) {
+        pwr::MutexLock lock(f.mGpuSampleMutex);
+        f.mGpuSamples = std::move(samples);
+    }
+    int gpuProfileLevel() {
+        pwr::MutexLock lock(f.mGpuSampleMutex);
+        return f.mGpuProfileLevel;
+    }
+    void setGpuProfileLevel(int level) {
+        pwr::MutexLock lock(f.mGpuSampleMutex);
+        f.mGpuProfileLevel = level;
+    }
+    bool gpuCheckingStability() const { return f.mGpuCheckingStability; }
+    bool gpuEvaluating() const { return f.mGpuEvaluating; }
+    int gpuStableCount() const { return f.mGpuStableCount; }
+    void setGpuPhase(bool checkingStability, bool evaluating) {
+        f.mGpuCheckingStability = checkingStability;
+        f.mGpuEvaluating = evaluating;
     }
 
   private:
