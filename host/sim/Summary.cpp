@@ -150,7 +150,12 @@ void writeSummary(const Summary& summary, const Recording& recording, std::ostre
         out << "  " << p.name << ": " << quotedOrUnset(p.before) << " -> \"" << p.setTo << "\"";
         if (p.writes > 1) out << " -> ... -> \"" << p.after << "\"";
         out << StringPrintf(" (%d write%s): ", p.writes, p.writes == 1 ? "" : "s");
-        out << (p.restored ? "restored" : p.writes > 1 ? "NOT restored" : "left changed") << "\n";
+        if (p.restored) {
+            out << (p.before ? "restored" : "restored as \"0\" (it was unset)");
+        } else {
+            out << (p.writes > 1 ? "NOT restored" : "left changed");
+        }
+        out << "\n";
     }
 
     out << "\nLocks held when the run ended\n";

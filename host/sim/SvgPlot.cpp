@@ -14,7 +14,7 @@ namespace {
 using android::base::StringPrintf;
 
 constexpr double kWidth = 1100;
-constexpr double kLeft = 80;    // room for the vertical axis
+constexpr double kLeft = 110;  // room for the vertical axis and the lock lanes' names
 constexpr double kRight = 230;  // room for the legends
 constexpr double kTop = 84;
 constexpr double kPanelHeight = 120;
@@ -162,6 +162,15 @@ class Plot {
                 p.tickLabels[static_cast<double>(i)] = std::to_string(i);
                 p.notes.push_back(std::to_string(i) + " = " + mRec.dynamicProfiles[i]);
             }
+            panels.push_back(p);
+        }
+        const CounterTrack* mode = counter(kCounterPsmMode);
+        if (mode != nullptr && mode->points.size() > 1) {
+            Panel p{"PSM mode", {{mode, "mode in force"}}};
+            p.min = 0;
+            p.max = 3;
+            p.fixedRange = true;
+            p.tickLabels = {{0, "0 off"}, {1, "1 light"}, {2, "2 gaming"}, {3, "3 battery"}};
             panels.push_back(p);
         }
         const CounterTrack* boosted = counter(kCounterBoostedTasks);

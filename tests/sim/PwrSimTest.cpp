@@ -21,6 +21,7 @@
 
 #include "host/sim/Scenario.h"
 #include "host/tools/FeatureConfigXml.h"
+#include "host/tools/FeatureKeys.h"
 
 namespace {
 
@@ -216,7 +217,185 @@ TEST_F(PwrSimTest, GameScenario_ProfilesAndSwitchTimesFollowTheConfiguration) {
     EXPECT_THAT(summary, HasSubstr(dynamic[0] + "      0:04:02.000"));
 }
 
+// Loads a bundled scenario and its configuration.
+void loadBundled(const std::string& name, pwr::sim::Scenario* scenario,
+                 pwr::tools::FeatureConfig* config) {
+    std::string error;
+    ASSERT_TRUE(pwr::sim::Scenario::parseFile(std::string(PWR_SOURCE_DIR) + "/configs/sim/" + name,
+                                              scenario, &error))
+            << error;
+    ASSERT_TRUE(pwr::tools::FeatureConfigXml::parseFile(scenario->configPath, config, &error))
+            << error;
+}
+
+// The video on battery: the battery monitor evaluates every MAX_SAMPLE_NUM seconds from the
+// start of playback; each evaluation's average (logged with --debug) is checked against the
+// scenario's drain, and the boost decision against the video thresholds: above the upper one the
+// foreground tasks (not system_server, not kernel threads) are scaled down by the configured
+// value, below the lower one the scale is taken back, and stopping the video takes it back too.
+TEST_F(PwrSimTest, VideoScenario_BoostDecisionsFollowTheThresholds) {
+    pwr::sim::Scenario scenario;
+    pwr::tools::FeatureConfig config;
+    ASSERT_NO_FATAL_FAILURE(loadBundled("video-battery.json", &scenario, &config));
+    const int every = intConfig(config, "MAX_SAMPLE_NUM");
+    const int up = intConfig(config, "VIDEO_SCALING_UP");
+    const int down = intConfig(config, "VIDEO_SCALING_DOWN");
+    const int scale = intConfig(config, "SCALING_DOWN_TASK_LOAD_BOOST");
+    int64_t startMs = -1;
+    int64_t stopMs = -1;
+    for (const auto& e : scenario.events) {
+        if (e.hasEvent && e.event.kind == pwr::tools::ScriptEvent::Kind::Start) startMs = e.timeMs;
+        if (e.hasEvent && e.event.kind == pwr::tools::ScriptEvent::Kind::Stop) stopMs = e.timeMs;
+    }
+    ASSERT_GE(startMs, 0);
+    // The tasks boosted: the foreground ones at the first boost, as the cpuset lists them.
+    std::vector<int> eligible;
+    for (const auto& p : scenario.foreground.at(0).processes) {
+        if (!p.cmdline.empty() && p.cmdline.find("system_server") == std::string::npos) {
+            eligible.push_back(p.pid);
+        }
+    }
+    ASSERT_EQ(eligible.size(), 2u);
+
+    const ToolRun r = run({source("configs/sim/video-battery.json"), "--debug"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::vector<Line> lines = timeline(r.out);
+    const std::vector<Line> averages = ofKind(lines, "log", "Avg Current: ");
+    ASSERT_GE(averages.size(), 10u);
+    bool boosted = false;
+    int boosts = 0;
+    int unboosts = 0;
+    for (size_t i = 0; i < averages.size(); ++i) {
+        const int64_t t = averages[i].ms;
+        EXPECT_EQ(t, startMs + 1000 * every * static_cast<int64_t>(i + 1)) << i;
+        const double average =
+                std::stod(averages[i].text.substr(averages[i].text.find("Avg Current: ") + 13));
+        // Within the drain (and its swing) of the trace points the samples came from.
+        double lowest = 1e9;
+        double highest = -1e9;
+        for (const auto& p : scenario.battery) {
+            const bool overlaps = p.timeMs <= t;
+            const bool current =
+                    &p == &scenario.battery.back() || (&p + 1)->timeMs > t - 1000 * every;
+            if (overlaps && current) {
+                lowest = std::min(lowest, p.drainMa - p.drainSwing - 1);
+                highest = std::max(highest, p.drainMa + p.drainSwing);
+            }
+        }
+        EXPECT_GE(average, lowest) << "at " << t;
+        EXPECT_LE(average, highest) << "at " << t;
+
+        std::vector<Line> acquired;
+        for (const Line& l : ofKind(lines, "boost", "acquired")) {
+            if (l.ms == t) acquired.push_back(l);
+        }
+        if (average > up && !boosted) {
+            ASSERT_EQ(acquired.size(), eligible.size()) << "boost expected at " << t;
+            for (size_t k = 0; k < eligible.size(); ++k) {
+                const unsigned encoded =
+                        (static_cast<unsigned>(eligible[k]) << 8) | 0x80u | (-scale & 0x7F);
+                char hex[32];
+                snprintf(hex, sizeof(hex), "encoded 0x%X", encoded);
+                EXPECT_THAT(acquired[k].text, HasSubstr("pid " + std::to_string(eligible[k])));
+                EXPECT_THAT(acquired[k].text, HasSubstr("value " + std::to_string(scale)));
+                EXPECT_THAT(acquired[k].text, HasSubstr(hex));
+            }
+            boosted = true;
+            ++boosts;
+        } else if (average < down && boosted) {
+            ASSERT_EQ(acquired.size(), eligible.size()) << "unboost expected at " << t;
+            for (const Line& l : acquired) EXPECT_THAT(l.text, HasSubstr("value 0 (unboosted)"));
+            boosted = false;
+            ++unboosts;
+        } else {
+            EXPECT_TRUE(acquired.empty()) << "no change expected at " << t;
+        }
+    }
+    EXPECT_EQ(boosts, 2);
+    EXPECT_EQ(unboosts, 1);
+    // Stopping the video while boosted takes the scale back at once.
+    ASSERT_TRUE(boosted);
+    int atStop = 0;
+    for (const Line& l : ofKind(lines, "boost", "value 0 (unboosted)")) atStop += l.ms == stopMs;
+    EXPECT_EQ(atStop, static_cast<int>(eligible.size()));
+    EXPECT_TRUE(ofKind(lines, "boost", "system_server").empty());
+}
+
+// Deep mode: 1.5 s after each low-power hint the DEFAULT profile is taken and the property
+// list is applied, pair by pair, in the order the configuration check predicts (the scalar
+// settings included); leaving puts back the first character of each value from before.
+TEST_F(PwrSimTest, DeepModeScenario_PropertiesSetAndRestoredAsConfigured) {
+    pwr::sim::Scenario scenario;
+    pwr::tools::FeatureConfig config;
+    ASSERT_NO_FATAL_FAILURE(loadBundled("deep-mode.json", &scenario, &config));
+    const std::vector<std::string> pieces =
+            pwr::tools::FeatureKeys::deepModeProperties(config.info);
+    std::vector<int64_t> entries;
+    std::vector<int64_t> leaves;
+    for (const auto& e : scenario.events) {
+        const unsigned type = e.event.payload.hintType & 0x7F;
+        (type == 3 ? entries : leaves).push_back(e.timeMs);
+    }
+    ASSERT_EQ(entries.size(), 2u);
+    ASSERT_EQ(leaves.size(), 2u);
+
+    const std::string root = mDir + "/device";
+    const ToolRun r = run({source("configs/sim/deep-mode.json"), "--device-root", root});
+    ASSERT_EQ(r.status, 0) << r.err;
+    const std::vector<Line> lines = timeline(r.out);
+    const std::vector<Line> deep = ofKind(lines, "lock", "acquired #");
+    std::vector<Line> defaults;
+    for (const Line& l : deep) {
+        if (l.text.find(" DEFAULT {") != std::string::npos) defaults.push_back(l);
+    }
+    ASSERT_EQ(defaults.size(), entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) {
+        EXPECT_EQ(defaults[i].ms, entries[i] + 1500) << i;
+        // Every pair of the list is written at that moment, in order.
+        std::vector<std::string> written;
+        for (const Line& l : ofKind(lines, "prop")) {
+            if (l.ms != defaults[i].ms) continue;
+            // "<set|restored> <name> = "<value>" ...": the verb does not matter here.
+            const size_t name = l.text.find(' ') + 1;
+            const size_t eq = l.text.find(" = \"");
+            written.push_back(l.text.substr(name, eq - name));
+            written.push_back(l.text.substr(eq + 4, l.text.find('"', eq + 4) - eq - 4));
+        }
+        std::vector<std::string> expected(pieces.begin(), pieces.end() - pieces.size() % 2);
+        EXPECT_EQ(written, expected) << i;
+    }
+    // Leaving restores the scenario's properties: the single-character ones exactly, the
+    // longer one as its first character.
+    for (int64_t leave : leaves) {
+        for (const auto& [name, before] : scenario.properties) {
+            const std::string restored = "restored " + name + " = \"" + before.substr(0, 1) + "\"";
+            bool found = false;
+            for (const Line& l : ofKind(lines, "prop", restored)) found = found || l.ms == leave;
+            EXPECT_TRUE(found) << restored << " at " << leave;
+        }
+    }
+    EXPECT_THAT(
+            r.out,
+            HasSubstr("vendor.display.lpm: \"0\" -> \"1\" -> ... -> \"0\" (4 writes): restored"));
+    EXPECT_THAT(r.out,
+                HasSubstr("vendor.gpu.idle_level: \"12\" -> \"0\" -> ... -> \"1\" (4 writes): "
+                          "NOT restored"));
+    // The property store of the kept device tree holds what the summary says.
+    std::string value;
+    ASSERT_TRUE(
+            android::base::ReadFileToString(root + "/data/property/vendor.gpu.idle_level", &value));
+    EXPECT_EQ(value, "1");
+    EXPECT_TRUE(std::filesystem::exists(root + "/data/vendor/pwr/InputPMDB.db"));
+}
+
 TEST_F(PwrSimTest, TwoRunsGiveIdenticalOutput) {
+    for (const char* other : {"video-battery.json", "deep-mode.json"}) {
+        const ToolRun a = run({source(std::string("configs/sim/") + other)});
+        const ToolRun b = run({source(std::string("configs/sim/") + other)});
+        ASSERT_EQ(a.status, 0) << a.err;
+        EXPECT_EQ(a.out, b.out) << other;
+        EXPECT_EQ(a.err, b.err) << other;
+    }
     const ToolRun first = run({source("configs/sim/game-climb.json"), "--out", mDir + "/a"});
     const ToolRun second = run({source("configs/sim/game-climb.json"), "--out", mDir + "/b"});
     ASSERT_EQ(first.status, 0) << first.err;
