@@ -376,6 +376,20 @@ bool Scenario::parseText(std::string_view text, const std::string& name, Scenari
     } catch (const json::parse_error& e) {
         *error = name + ":" + lineAndColumn(text, e.byte) + ": " + parseMessage(e.what());
         return false;
+    } catch (const json::exception& e) {
+        // A number too large for a double: the message quotes it, which gives its place.
+        std::string message = e.what();
+        const size_t bracket = message.find("] ");
+        if (bracket != std::string::npos) message.erase(0, bracket + 2);
+        std::string place;
+        const size_t open = message.find('\'');
+        const size_t close = open == std::string::npos ? open : message.find('\'', open + 1);
+        if (close != std::string::npos) {
+            const size_t at = text.find(message.substr(open + 1, close - open - 1));
+            if (at != std::string_view::npos) place = ":" + lineAndColumn(text, at + 1);
+        }
+        *error = name + place + ": " + message;
+        return false;
     }
     try {
         Reader(out).read(root);

@@ -83,7 +83,12 @@ class Recorder {
             mBoostOpcode = boost->second[0][0];
         }
         auto state = config.info.configs.find("PSM_STATE");
-        if (state != config.info.configs.end()) mPsmState = atoi(state->second.c_str());
+        // Read as the feature reads it: std::stod (strtod: hex too), truncated toward zero. A
+        // value it cannot read never gets here: the feature would not have been built.
+        if (state != config.info.configs.end()) {
+            const double value = strtod(state->second.c_str(), nullptr);
+            if (std::isfinite(value) && std::fabs(value) < 1e9) mPsmState = static_cast<int>(value);
+        }
         for (const auto& [name, value] : scenario.properties) mPropertyValues[name] = value;
         for (const ForegroundPoint& point : scenario.foreground) {
             for (const ForegroundProcess& process : point.processes) {

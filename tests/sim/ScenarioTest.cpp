@@ -84,6 +84,9 @@ TEST(Scenario, ParseText_SyntaxErrorsNameLineAndColumn) {
                                       "unexpected string literal"));
     EXPECT_THAT(errorOf("{\"duration\": 5,"), ::testing::StartsWith("dir/s.json:1:16: "));
     EXPECT_THAT(errorOf(""), ::testing::StartsWith("dir/s.json:1:1: "));
+    // A number beyond a double's range is reported where it stands, not thrown.
+    EXPECT_EQ(errorOf("{\n  \"duration\": 1e400\n}"),
+              "dir/s.json:2:15: number overflow parsing '1e400'");
 }
 
 // Each mistake is reported once, naming the key path.
