@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdio>
 #include <filesystem>
 #include <map>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -89,15 +89,24 @@ struct Line {
 
 std::vector<Line> timeline(const std::string& text) {
     std::vector<Line> lines;
-    static const std::regex kLine(R"(^(\d+):(\d\d):(\d\d)\.(\d\d\d)  (\S+)\s*(.*)$)");
     std::istringstream in(text);
     std::string line;
     while (std::getline(in, line)) {
-        std::smatch m;
-        if (!std::regex_match(line, m, kLine)) continue;
-        const int64_t ms = std::stoll(m[1]) * 3600000 + std::stoll(m[2]) * 60000 +
-                           std::stoll(m[3]) * 1000 + std::stoll(m[4]);
-        lines.push_back(Line{ms, m[5], m[6]});
+        int h = 0;
+        int m = 0;
+        int sec = 0;
+        int ms = 0;
+        int used = 0;
+        if (sscanf(line.c_str(), "%d:%2d:%2d.%3d  %n", &h, &m, &sec, &ms, &used) != 4 ||
+            used == 0) {
+            continue;
+        }
+        const size_t kindEnd = line.find(' ', used);
+        const std::string kind = line.substr(used, kindEnd - used);
+        const size_t textStart =
+                kindEnd == std::string::npos ? line.size() : line.find_first_not_of(' ', kindEnd);
+        lines.push_back(Line{(((h * 60LL) + m) * 60 + sec) * 1000 + ms, kind,
+                             textStart == std::string::npos ? "" : line.substr(textStart)});
     }
     return lines;
 }
