@@ -28,6 +28,12 @@ class PSMPowerOptFeatureTestPeer {
     Timer_s* batteryTimer() const { return f.mBatteryTimerStruct; }
     Timer_s* deepTimer() const { return f.mDeepTimerStruct.load(); }
     int gameTimerMs() const { return f.mGameTimerMs; }
+    void setGameTimerMs(int ms) { f.mGameTimerMs = ms; }
+    // Low-power entry creates the deep timer; tests stand one in.
+    void setDeepTimer(Timer_s* timer) {
+        f.mDeepTimerStruct = timer;
+        f.mDeepTimerStructCopy = timer;
+    }
 
   private:
     PSMPowerOptFeature& f;
