@@ -23,7 +23,16 @@ PSMPowerOptFeature::PSMPowerOptFeature(PowerOptFeatureInfo info) : PowerOptFeatu
     }
     debugEnabled = powerHelper->debugEnabled != 0;
 
-    if (!initAnalyzeConfigs(info)) {
+    bool configured = false;
+    try {
+        configured = initAnalyzeConfigs(info);
+    } catch (...) {
+        // No destructor runs for a constructor that throws: give back the timers that the set-up
+        // steps created before the unparsable number was read.
+        deleteTimers();
+        throw;
+    }
+    if (!configured) {
         PWR_LOG(kModFeature, "PSMPowerOptFeature", 70, "Missing feature configs, return !!");
         return;
     }
@@ -67,10 +76,17 @@ bool PSMPowerOptFeature::initAnalyzeConfigs(PowerOptFeatureInfo& info) {
 
 PSMPowerOptFeature::~PSMPowerOptFeature() {
     PWR_LOG(kModFeature, "~PSMPowerOptFeature", 292, "Destructor %s", kFeatureName);
-    Timer timer;
-    timer.Timer_destroy(mDeepTimerStruct.load());
-    timer.Timer_destroy(mGameTimerStruct);
-    timer.Timer_destroy(mBatteryTimerStruct);
+    deleteTimers();
     // The helper goes before the remaining members; the database flushes its cache as it closes.
     powerHelper.reset();
+}
+
+void PSMPowerOptFeature::deleteTimers() {
+    Timer timer;
+    timer.Timer_destroy(mDeepTimerStruct.exchange(nullptr));
+    mDeepTimerStructCopy = nullptr;
+    timer.Timer_destroy(mGameTimerStruct);
+    mGameTimerStruct = nullptr;
+    timer.Timer_destroy(mBatteryTimerStruct);
+    mBatteryTimerStruct = nullptr;
 }

@@ -110,6 +110,8 @@ class PSMPowerOptFeature : public PowerOptFeature {
     int gameState() EXCLUDES(mStateMutex);
     void setPsmMode(int mode) EXCLUDES(mStateMutex);
     void setGameState(int state) EXCLUDES(mStateMutex);
+    // Deletes the deep, game and battery timers, in that order, and forgets them.
+    void deleteTimers();
 
     // --- Feature core ---
     std::unique_ptr<PowerOptClassifier> mPowerOptClassifier;
