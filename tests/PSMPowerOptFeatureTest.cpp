@@ -201,6 +201,12 @@ TEST_F(PSMPowerOptFeatureTest, UnparsableNumber_TimersCreatedBeforeAreDeleted) {
     EXPECT_EQ(TimerSyscalls::deleted(), created);
 }
 
+TEST_F(PSMPowerOptFeatureTest, OutOfRangeNumber_ThrowsInsteadOfTruncating) {
+    for (const char* value : {"1e10", "-3e9", "nan", "inf"}) {
+        EXPECT_THROW(createFeature(minimalConfig(value)), std::out_of_range) << value;
+    }
+}
+
 TEST_F(PSMPowerOptFeatureTest, GetData_BaseDefaultAnswers) {
     std::unique_ptr<PowerOptFeature> feature = createFeature(minimalConfig());
     featureData out;
