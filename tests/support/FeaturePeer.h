@@ -24,6 +24,12 @@ class PSMPowerOptFeatureTestPeer {
         pwr::MutexLock lock(f.profileMutex);
         return f.heldProfileHandle;
     }
+    // Hands the feature a lock taken elsewhere as its held profile, as the GPU monitor's switch
+    // would leave it, without the switch's own work.
+    void setHeldProfileHandle(int handle) {
+        pwr::MutexLock lock(f.profileMutex);
+        f.heldProfileHandle = handle;
+    }
     Timer_s* gameTimer() const { return f.mGameTimerStruct; }
     Timer_s* batteryTimer() const { return f.mBatteryTimerStruct; }
     Timer_s* deepTimer() const { return f.mDeepTimerStruct.load(); }
