@@ -101,9 +101,10 @@ class PSMPowerOptFeature : public PowerOptFeature {
   private:
     friend class PSMPowerOptFeatureTestPeer;
 
-    // Event paths of sendEvents; `key` is the application name up to its first slash.
-    void handleStart(const std::string& key);
-    void handleStop(const AsyncTriggerPayload& payload, const std::string& key);
+    // Event paths of sendEvents; `key` is the application name up to its first slash. The stop
+    // path cuts the key from the event's name only where it classifies.
+    void handleStart(std::string key);
+    void handleStop(AsyncTriggerPayload& payload);
     void handleGameOff();
     void handlePowerModeHint(const AsyncTriggerPayload& payload);
     int psmMode() EXCLUDES(mStateMutex);
