@@ -108,6 +108,8 @@ void PSMPowerOptFeature::handleStart(std::string key) {
     } else if (mode == kModeBatteryWatch) {
         const bool eligible = isPSMType(std::move(key));
         timer.Timer_disable(mBatteryTimerStruct);
+        // The tasks boosted for the app that was in front lose their boost.
+        ResetBattery();
         if (eligible && !timer.Timer_scheduleInterval(mBatteryTimerStruct, kBatteryPeriodMs)) {
             PWR_LOG(kModFeature, "sendEvents", 421, "Battery Timer couldn't be started\n");
         }
@@ -125,7 +127,10 @@ void PSMPowerOptFeature::handleStop(AsyncTriggerPayload& payload) {
         releaseProfileLock();
         setGameState(kGameStateOff);
     } else if (mode == kModeBatteryWatch) {
-        if (isPSMType(appKey(std::move(payload.appName)))) timer.Timer_disable(mBatteryTimerStruct);
+        if (isPSMType(appKey(std::move(payload.appName)))) {
+            timer.Timer_disable(mBatteryTimerStruct);
+            ResetBattery();
+        }
     }
 }
 
@@ -156,21 +161,37 @@ void PSMPowerOptFeature::handlePowerModeHint(const AsyncTriggerPayload& payload)
         case 0:
             releaseProfileLock();
             setPsmMode(0);
+            leaveLowPowerMode();
             break;
         case 1:
             releaseProfileLock();
             applyProfileLock(mLightModeProfile);
             setPsmMode(1);
+            leaveLowPowerMode();
             break;
         case 2:
             releaseProfileLock();
             setPsmMode(2);
+            leaveLowPowerMode();
             break;
         case 3:
             releaseProfileLock();
+            // Re-applying over an applied deep mode would save deep mode's own values as the
+            // ones to put back.
+            if (mDeepModeState == kDeepModeApplied) resetDeepMode();
             lowPowerInit();
             break;
         default:
             break;
     }
+}
+
+void PSMPowerOptFeature::leaveLowPowerMode() {
+    // A deep-mode timer still waiting for its lock must not engage after the device has left.
+    // (A callback already running on the timer's thread is not waited for.)
+    Timer().Timer_disable(mDeepTimerStruct.load());
+    // Only an applied deep mode is reset: a second reset would find the saved values consumed
+    // and clear the properties.
+    if (mDeepModeState == kDeepModeApplied) resetDeepMode();
+    ResetBattery();
 }

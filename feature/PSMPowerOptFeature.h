@@ -27,6 +27,11 @@ struct GPUSample {
 
 using Profile = std::vector<std::vector<int>>;
 
+// Consecutive evaluations of the GPU monitor whose decision differed from the profile level in
+// force, counted for the whole process. Changed only under the evaluating feature's
+// mGpuSampleMutex; atomic because that mutex belongs to one feature and the count to all.
+extern std::atomic<int> gGpuProfileChangeCount;
+
 // The power-saving feature. The host builds it from its configuration and delivers events to it
 // one at a time on its event thread; timer threads run the game, battery and deep-mode callbacks.
 //
@@ -68,14 +73,23 @@ class PSMPowerOptFeature : public PowerOptFeature {
     void releaseProfileLock() EXCLUDES(profileMutex);
 
     // --- System properties ---
+    // Appends the comma-separated tokens of `text` to `out`; `text` itself is left untouched.
     void ConvertToStringArray(const char* text, std::vector<std::string>& out);
+    // Sets each name/value pair of the first `count` elements, saving the first character of every
+    // old value in the state store before the property changes. -1 when there is no pair, else
+    // the length of the last old value read.
     int applyProp(std::string* list, int count, int duration);
+    // applyProp over a whole list; -1 for an empty one.
     int readAndApplyProp(std::vector<std::string> list, int duration);
+    // Sets every name of the list back to the one character the state store saved for it.
     void releaseProp(std::vector<std::string> list);
 
     // --- Top tasks and task-load boost ---
-    bool getTopTask();
-    void updateTaskloadboost(std::string pid, int maxNumTask, int value);
+    // Lists up to four foreground processes (not system_server, not kernel threads) and gives
+    // each the configured scaling value; false when none was found.
+    bool getTopTask() EXCLUDES(mBatteryMutex);
+    // Replaces the task-load-boost lock of process `pid` by one carrying `value` (0 undoes it).
+    void updateTaskloadboost(std::string pid, int maxNumTask, int value) EXCLUDES(mBatteryMutex);
 
     // --- GPU stability monitor ---
     bool initGpuMonitor(PowerOptFeatureInfo& info);
@@ -90,12 +104,37 @@ class PSMPowerOptFeature : public PowerOptFeature {
     char pmDbRead(std::string key);
 
     // --- Low-power entry, battery monitor, deep mode ---
+    //
+    // Leaving power saving. Event dispatch decides when deep mode and the battery boosts end:
+    // - A usable power mode hint of type 0, 1 or 2 moves the device out of low-power mode. After
+    //   the hint's own steps, a deep-mode timer that is still retrying is disarmed (deep mode
+    //   must not engage once the device has left it), an applied deep mode is left with
+    //   resetDeepMode (every property it changed comes back) and ResetBattery withdraws the
+    //   task-load boosts of the foreground tasks.
+    // - A type-3 hint that finds deep mode already applied leaves it (resetDeepMode) before
+    //   low-power entry runs again, so that re-applying saves the user's values and not deep
+    //   mode's own.
+    // - In PSM mode 3, every start or stop event that disarms the battery timer also calls
+    //   ResetBattery: the tasks boosted for the application that was in front lose their boost.
+    // resetDeepMode is called only while deep mode is applied: a second reset would find the
+    // saved values already consumed and clear the properties.
+
+    // Reconciles the stored deep-mode switch with the configured one; arms the deep-mode timer
+    // when deep mode is configured on.
     void lowPowerInit();
-    void getBatteryStatus();
+    // Takes one sample of the battery's discharge current.
+    void getBatteryStatus() EXCLUDES(mBatteryMutex);
+    // Battery timer tick: a sample, and every MAX_SAMPLE_NUM ticks a boost decision.
     static void batterytimerCallBack(void* feature);
-    void ResetBattery();
+    // Withdraws the task-load boosts and clears the counters.
+    void ResetBattery() EXCLUDES(mBatteryMutex);
+    // Reads the deep-mode and battery-monitor settings, creates the battery timer and opens the
+    // state store; false when a required setting is missing.
     bool initDeepMode(PowerOptFeatureInfo& info);
+    // Deep-mode timer tick: takes the deep profile and, once it is held, stops the timer and
+    // applies the properties.
     static void deeptimerCallBack(void* feature);
+    // Leaves deep mode and puts the properties back.
     void resetDeepMode();
 
   private:
@@ -113,6 +152,16 @@ class PSMPowerOptFeature : public PowerOptFeature {
     void setGameState(int state) EXCLUDES(mStateMutex);
     // Deletes the deep, game and battery timers, in that order, and forgets them.
     void deleteTimers();
+    // The device leaves low-power mode (hint types 0 to 2): see "Leaving power saving" above.
+    void leaveLowPowerMode();
+
+    // Battery monitor and task boosts with mBatteryMutex held.
+    bool getTopTaskLocked() REQUIRES(mBatteryMutex);
+    void updateTaskloadboostLocked(const std::string& pid, int maxNumTask, int value)
+            REQUIRES(mBatteryMutex);
+    void getBatteryStatusLocked() REQUIRES(mBatteryMutex);
+    void onBatteryTick() EXCLUDES(mBatteryMutex);
+    void onDeepTimer();
 
     // --- Feature core ---
     std::unique_ptr<PowerOptClassifier> mPowerOptClassifier;
@@ -146,6 +195,15 @@ class PSMPowerOptFeature : public PowerOptFeature {
     int heldProfileHandle GUARDED_BY(profileMutex) = -1;
 
     // --- GPU stability monitor ---
+    // One game-timer tick: sample the GPU, then test stability or evaluate the profile.
+    void gameTimerTick() EXCLUDES(mGpuSampleMutex);
+    // The sample list as isGpuStable takes it: by reference, with mGpuSampleMutex released,
+    // since isGpuStable locks it itself before reading.
+    std::vector<GPUSample>& samplesForStabilityCheck() NO_THREAD_SAFETY_ANALYSIS {
+        return mGpuSamples;
+    }
+
+    // Settings, written by initGpuMonitor before the game timer is first armed.
     int mGameTimerMs = 0;
     int mGpuSampleCount = 0;
     int mStabilitySampleCount = 0;
@@ -160,16 +218,22 @@ class PSMPowerOptFeature : public PowerOptFeature {
     std::atomic<bool> mGpuEvaluating{false};
     std::atomic<int> mGpuStableCount{0};
 
+    // The battery monitor's state and the task lists and maps are shared by the battery timer's
+    // thread and the event thread (ResetBattery). A leaf lock: nothing else is taken while it is
+    // held (the boost locks go through applyProfile/releaseProfile, which take no lock).
+    pwr::Mutex mBatteryMutex;
+
     // --- Top tasks and task-load boost ---
-    std::vector<std::string> topTaskList;
-    std::map<std::string, int> taskScalingValues;
-    int taskLoadBoostScale = 0;
-    Profile taskBoostOpcodes;
-    std::map<std::string, int> taskBoostHandles;
+    std::vector<std::string> topTaskList GUARDED_BY(mBatteryMutex);
+    std::map<std::string, int> taskScalingValues GUARDED_BY(mBatteryMutex);
+    int taskLoadBoostScale = 0;  // configuration, set before any timer runs
+    Profile taskBoostOpcodes;    // configuration, set before any timer runs
+    std::map<std::string, int> taskBoostHandles GUARDED_BY(mBatteryMutex);
 
     // --- Battery monitor ---
-    std::deque<int64_t> mBatterySamples;  // newest first
-    int mBatterySampleCounter = 0;
+    std::deque<int64_t> mBatterySamples GUARDED_BY(mBatteryMutex);  // newest first
+    int mBatterySampleCounter GUARDED_BY(mBatteryMutex) = 0;
+    // Configuration, set before any timer runs.
     int mMaxSampleNum = 0;
     int mVideoScalingUp = 0;
     int mBrowserScalingUp = 0;
@@ -177,19 +241,23 @@ class PSMPowerOptFeature : public PowerOptFeature {
     int mVideoScalingDown = 0;
     int mBrowserScalingDown = 0;
     int mGameScalingDown = 0;
-    int mActiveScalingUp = 0;
-    int mActiveScalingDown = 0;
-    int mTopTaskFlag = 0;
-    int mBoosted = 0;
+    // The pair chosen at the last evaluation.
+    int mActiveScalingUp GUARDED_BY(mBatteryMutex) = 0;
+    int mActiveScalingDown GUARDED_BY(mBatteryMutex) = 0;
+    int mTopTaskFlag GUARDED_BY(mBatteryMutex) = 0;
+    int mBoosted GUARDED_BY(mBatteryMutex) = 0;
 
     // --- Deep mode ---
+    // Configuration, set before any timer runs and read-only afterwards.
     Profile mDeepProfile;
     std::vector<Profile> mProfileList;
     std::vector<std::string> mPropList;
     std::string mCpuNode;
     std::string mCpuPolicy;
-    std::atomic<int> mDeepModeState{0};
+    // Written by the deep timer's thread, read by the event thread.
+    std::atomic<int> mDeepModeState{0};  // 0 off, kDeepModeApplied once the properties are set
     std::atomic<int> mPropResult{0};
+    static constexpr int kDeepModeApplied = 3;
 
     // --- Power-saving state store ---
     std::unique_ptr<PMDatabase<PSMReferenceOutput>> mPmDatabase;

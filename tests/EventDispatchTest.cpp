@@ -7,6 +7,7 @@
 
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
+#include "tests/support/DeepModeConfig.h"
 #include "tests/support/DeviceTree.h"
 #include "tests/support/FeaturePeer.h"
 #include "tests/support/FeatureSetup.h"
@@ -125,15 +126,14 @@ TEST_F(EventDispatchTest, UnknownCode_Ignored) {
 }
 
 TEST_F(EventDispatchTest, GamingMode_GameStartArmsGameTimer) {
-    build(pwr::test::gpuMonitorConfig("2", "250"));
-    peer->setGameTimerMs(250);  // the GPU monitor's set-up reads GAME_TIMER
+    build(pwr::test::gpuMonitorConfig("2", "2250"));
     LogCapture log;
     feature->sendEvents(event(kStart, kGame));
     EXPECT_THAT(log.messages(), ElementsAre(kTriggering));
     EXPECT_EQ(peer->gameState(), 1);
     ASSERT_TRUE(gameTimerActive());
     const itimerspec spec = systemSchedule(peer->gameTimer());
-    EXPECT_EQ(spec.it_interval.tv_sec, 0);
+    EXPECT_EQ(spec.it_interval.tv_sec, 2);
     EXPECT_EQ(spec.it_interval.tv_nsec, 250000000);
 
     // Already on: a second game start changes nothing.
@@ -230,7 +230,6 @@ TEST_F(EventDispatchTest, GamingMode_GameOffReleasesWithoutClassifying) {
 TEST_F(EventDispatchTest, GamingMode_TimerFailureLoggedAndNotRetried) {
     // A negative period cannot be armed.
     build(pwr::test::gpuMonitorConfig("2", "-5"));
-    peer->setGameTimerMs(-5);  // the GPU monitor's set-up reads GAME_TIMER
     LogCapture log;
     feature->sendEvents(event(kStart, kGame));
     EXPECT_THAT(
@@ -275,6 +274,7 @@ class BatteryWatchTest : public EventDispatchTest {
         EventDispatchTest::SetUp();
         fakeperf::setAppType("com.example.browser", 3);
         fakeperf::setAppType("com.example.video", 5);
+        tree.mkdirs(pwr::test::kStoreDirectory);
         build(pwr::test::deepModeConfig("3"));
         ASSERT_NE(peer->batteryTimer(), nullptr);
     }

@@ -11,6 +11,7 @@
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
 #include "platform/Properties.h"
+#include "tests/support/DeepModeConfig.h"
 #include "tests/support/DeviceTree.h"
 #include "tests/support/FeaturePeer.h"
 #include "tests/support/FeatureSetup.h"
@@ -148,6 +149,7 @@ TEST_F(PSMPowerOptFeatureTest, MissingGpuMode_NotReady) {
 
 TEST_F(PSMPowerOptFeatureTest, NotReady_KeepsWhatWasCreatedUntilDestroyed) {
     pwr::test::DeviceTree tree;
+    tree.mkdirs(pwr::test::kStoreDirectory);
     PowerOptFeatureInfo info = pwr::test::deepModeConfig("3");
     info.configs.erase("GPUMode");
     TimerSyscalls::reset();
@@ -192,6 +194,7 @@ TEST_F(PSMPowerOptFeatureTest, UnparsableNumber_ThrowsOutOfFactory) {
 
 TEST_F(PSMPowerOptFeatureTest, UnparsableNumber_TimersCreatedBeforeAreDeleted) {
     pwr::test::DeviceTree tree;
+    tree.mkdirs(pwr::test::kStoreDirectory);
     PowerOptFeatureInfo info = pwr::test::deepModeConfig("3");
     info.configs["GPUMode"] = "on";  // read after deep mode has created the battery timer
     TimerSyscalls::reset();
@@ -219,6 +222,7 @@ void noop(void*) {}
 
 TEST_F(PSMPowerOptFeatureTest, Destructor_DeletesTimersInOrderAndKeepsProfileLock) {
     pwr::test::DeviceTree tree;
+    tree.mkdirs(pwr::test::kStoreDirectory);
     PowerOptFeatureInfo info = pwr::test::deepModeConfig("2");
     pwr::test::addGpuMonitorSettings(info);
     auto feature = createFeature(info);

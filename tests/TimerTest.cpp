@@ -11,6 +11,7 @@
 
 #include "platform/Timer.h"
 #include "tests/support/TimerSyscalls.h"
+#include "tests/support/TimerThreads.h"
 
 namespace {
 
@@ -96,6 +97,7 @@ TEST_F(TimerTest, Create_StoresCallbackUnarmed) {
 }
 
 TEST_F(TimerTest, ScheduleInterval_RunsPeriodicallyOnAnotherThread) {
+    PWR_REQUIRE_TIMER_THREADS();
     static Expiries expiries;
     ASSERT_NE(create(expiries), nullptr);
     ASSERT_TRUE(timer.Timer_scheduleInterval(record, 20));
@@ -119,6 +121,7 @@ TEST_F(TimerTest, ScheduleInterval_ConvertsSecondsAndMilliseconds) {
 }
 
 TEST_F(TimerTest, Disable_StopsExpiries) {
+    PWR_REQUIRE_TIMER_THREADS();
     static Expiries expiries;
     ASSERT_NE(create(expiries), nullptr);
     ASSERT_TRUE(timer.Timer_scheduleInterval(record, 20));
@@ -153,13 +156,18 @@ TEST_F(TimerTest, ScheduleInterval_ActiveRefusedRescheduleReplaces) {
     EXPECT_FALSE(timer.Timer_scheduleSingle(record, 20));
     EXPECT_EQ(toNs(systemSchedule(record).it_interval), 5000000000LL);
 
-    EXPECT_TRUE(timer.Timer_reschedule_interval(record, 20));
+    EXPECT_TRUE(timer.Timer_reschedule_interval(record, 7000));
     EXPECT_TRUE(timer.Timer_isActive(record));
+    EXPECT_EQ(toNs(systemSchedule(record).it_interval), 7000000000LL);
+
+    PWR_REQUIRE_TIMER_THREADS();
+    EXPECT_TRUE(timer.Timer_reschedule_interval(record, 20));
     EXPECT_EQ(toNs(systemSchedule(record).it_interval), 20000000);
     EXPECT_TRUE(expiries.waitFor(3));
 }
 
 TEST_F(TimerTest, ScheduleSingle_SubSecondPartIsMicroseconds) {
+    PWR_REQUIRE_TIMER_THREADS();
     static Expiries expiries;
     ASSERT_NE(create(expiries), nullptr);
     const auto armed = steady_clock::now();
@@ -185,6 +193,7 @@ TEST_F(TimerTest, ScheduleSingle_SubSecondPartIsMicroseconds) {
 }
 
 TEST_F(TimerTest, ScheduleSingle_RearmingReplacesPendingExpiry) {
+    PWR_REQUIRE_TIMER_THREADS();
     static Expiries expiries;
     ASSERT_NE(create(expiries), nullptr);
     ASSERT_TRUE(timer.Timer_scheduleSingle(record, 60000));
@@ -241,7 +250,7 @@ TEST_F(TimerTest, NullRecord_Harmless) {
 TEST_F(TimerTest, Destroy_DeletesArmedTimer) {
     static Expiries expiries;
     ASSERT_NE(create(expiries), nullptr);
-    ASSERT_TRUE(timer.Timer_scheduleInterval(record, 20));
+    ASSERT_TRUE(timer.Timer_scheduleInterval(record, 60000));
     const timer_t id = record->timerId;
     TimerSyscalls::reset();
     timer.Timer_destroy(record);

@@ -1,7 +1,7 @@
 #pragma once
 
-// Configurations for the feature's optional parts and a factory call made the way the host
-// makes it.
+// The GPU monitor's configuration, events, and a factory call made the way the host makes it.
+// Deep mode's configuration is in DeepModeConfig.h.
 
 #include <memory>
 #include <stdexcept>
@@ -28,35 +28,10 @@ inline void addGpuMonitorSettings(PowerOptFeatureInfo& info,
     info.profiles["DYN_GPU_2_LOW"] = {{0x42804000, 0x1}};
 }
 
-// Deep mode's settings (battery thresholds, CPU names, deep profile, boost opcodes), which
-// DEEP_MODE 1 requires. Deep mode opens the state store under the device root: give the test a
-// DeviceTree.
-inline void addDeepModeSettings(PowerOptFeatureInfo& info) {
-    info.configs["DEEP_MODE"] = "1";
-    info.configs["VIDEO_SCALING_UP"] = "800";
-    info.configs["BROWSER_SCALING_UP"] = "700";
-    info.configs["GAME_SCALING_UP"] = "900";
-    info.configs["VIDEO_SCALING_DOWN"] = "300";
-    info.configs["BROWSER_SCALING_DOWN"] = "200";
-    info.configs["GAME_SCALING_DOWN"] = "400";
-    info.configs["MAX_SAMPLE_NUM"] = "5";
-    info.configs["SCALING_DOWN_TASK_LOAD_BOOST"] = "50";
-    info.configs["CPUNODE"] = "cpu0";
-    info.configs["CPUPOLICY"] = "policy0";
-    info.profiles["DEFAULT"] = {{0x40800000, 0x3E8}};
-    info.profiles["PSM_OPT_RESOURCE"] = {{0x42C10000}};
-}
-
 inline PowerOptFeatureInfo gpuMonitorConfig(const std::string& psmState,
                                             const std::string& gameTimerMs = "1000") {
     PowerOptFeatureInfo info = minimalConfig(psmState);
     addGpuMonitorSettings(info, gameTimerMs);
-    return info;
-}
-
-inline PowerOptFeatureInfo deepModeConfig(const std::string& psmState) {
-    PowerOptFeatureInfo info = minimalConfig(psmState);
-    addDeepModeSettings(info);
     return info;
 }
 

@@ -3,7 +3,9 @@
 #include <android/log.h>
 
 #include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <utility>
 
 namespace pwr::test {
 namespace {
@@ -11,7 +13,8 @@ namespace {
 struct Sink {
     std::mutex mutex;
     std::condition_variable changed;
-    std::vector<LogLine> lines;  // guarded by mutex
+    std::vector<LogLine> lines;                    // guarded by mutex
+    std::function<void(const LogLine&)> observer;  // guarded by mutex
 };
 
 Sink& sink() {
@@ -21,10 +24,18 @@ Sink& sink() {
 
 void captureLogger(const __android_logger_data* data, const char* message) {
     Sink& s = sink();
+    LogLine line{data->priority, data->tag != nullptr ? data->tag : "",
+                 message != nullptr ? message : ""};
+    std::function<void(const LogLine&)> observer;
     {
         std::lock_guard<std::mutex> lock(s.mutex);
-        s.lines.push_back(LogLine{data->priority, data->tag != nullptr ? data->tag : "",
-                                  message != nullptr ? message : ""});
+        observer = s.observer;
+    }
+    // Outside the lock: the observer may look at anything, the captured lines included.
+    if (observer) observer(line);
+    {
+        std::lock_guard<std::mutex> lock(s.mutex);
+        s.lines.push_back(std::move(line));
     }
     s.changed.notify_all();
 }
@@ -35,11 +46,18 @@ void nullLogger(const __android_logger_data*, const char*) {}
 
 LogCapture::LogCapture() {
     clear();
+    setObserver(nullptr);
     __android_log_set_logger(captureLogger);
 }
 
 LogCapture::~LogCapture() {
     __android_log_set_logger(nullLogger);
+    setObserver(nullptr);
+}
+
+void LogCapture::setObserver(std::function<void(const LogLine&)> observer) {
+    std::lock_guard<std::mutex> lock(sink().mutex);
+    sink().observer = std::move(observer);
 }
 
 std::vector<LogLine> LogCapture::lines() const {

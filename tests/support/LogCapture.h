@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,9 @@ class LogCapture {
     bool waitFor(const std::string& part, int times = 1,
                  std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
     void clear();
+    // Calls `observer` on the logging thread with every line, before the line is captured and
+    // before the logging call returns: a test can look at the world as it was at that moment.
+    void setObserver(std::function<void(const LogLine&)> observer);
 };
 
 // Routes liblog to a logger that drops every line (benchmarks, quiet tools).

@@ -1,0 +1,250 @@
+#include "host/tools/EventScript.h"
+
+#include <errno.h>
+
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include <android-base/file.h>
+#include <android-base/stringprintf.h>
+
+namespace pwr::tools {
+namespace {
+
+using android::base::StringPrintf;
+
+constexpr int kMaxHintType = 0x7F;    // bits 0-6 of hintType
+constexpr int kMaxHintAction = 0xFF;  // bits 7-14
+
+std::vector<std::string_view> splitWords(std::string_view line) {
+    std::vector<std::string_view> words;
+    size_t i = 0;
+    while (i < line.size()) {
+        while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
+        size_t end = i;
+        while (end < line.size() && line[end] != ' ' && line[end] != '\t') ++end;
+        if (end > i) words.push_back(line.substr(i, end - i));
+        i = end;
+    }
+    return words;
+}
+
+// A '#' at the start of a line or after a blank starts a comment.
+std::string_view stripComment(std::string_view line) {
+    for (size_t i = 0; i < line.size(); ++i) {
+        if (line[i] == '#' && (i == 0 || line[i - 1] == ' ' || line[i - 1] == '\t')) {
+            return line.substr(0, i);
+        }
+    }
+    return line;
+}
+
+// Decimal (optionally negative) or 0x hex; true when the whole word is a number in
+// [min, max].
+bool parseInteger(std::string_view word, int64_t min, int64_t max, int64_t* out) {
+    bool negative = false;
+    int base = 10;
+    size_t i = 0;
+    if (word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X')) {
+        base = 16;
+        i = 2;
+    } else if (!word.empty() && word[0] == '-') {
+        negative = true;
+        i = 1;
+    }
+    if (i == word.size()) return false;
+    int64_t value = 0;
+    for (; i < word.size(); ++i) {
+        const char c = word[i];
+        int digit;
+        if (c >= '0' && c <= '9') {
+            digit = c - '0';
+        } else if (base == 16 && c >= 'a' && c <= 'f') {
+            digit = c - 'a' + 10;
+        } else if (base == 16 && c >= 'A' && c <= 'F') {
+            digit = c - 'A' + 10;
+        } else {
+            return false;
+        }
+        value = value * base + digit;
+        if (value > (int64_t{1} << 40)) return false;  // far beyond any field; stops overflow
+    }
+    if (negative) value = -value;
+    if (value < min || value > max) return false;
+    *out = value;
+    return true;
+}
+
+class Parser {
+  public:
+    Parser(const std::string& file, EventScript* out, std::string* error)
+        : mFile(file), mOut(out), mError(error) {}
+
+    bool parse(std::string_view text) {
+        int line = 0;
+        size_t start = 0;
+        while (start <= text.size()) {
+            size_t end = text.find('\n', start);
+            if (end == std::string_view::npos) end = text.size();
+            std::string_view content = text.substr(start, end - start);
+            if (!content.empty() && content.back() == '\r') content.remove_suffix(1);
+            ++line;
+            if (!parseLine(line, splitWords(stripComment(content)))) return false;
+            start = end + 1;
+        }
+        return true;
+    }
+
+  private:
+    bool fail(int line, const std::string& message) {
+        *mError = mFile + ":" + std::to_string(line) + ": " + message;
+        return false;
+    }
+
+    bool parseLine(int line, const std::vector<std::string_view>& words) {
+        if (words.empty()) return true;
+        if (words[0] == "app") return parseApp(line, words);
+        int64_t time = 0;
+        if (!parseInteger(words[0], 0, std::numeric_limits<int32_t>::max(), &time)) {
+            return fail(line, "\"" + std::string(words[0]) +
+                                      "\" is neither \"app\" nor a time in milliseconds");
+        }
+        if (words.size() < 2) return fail(line, "a time with no event after it");
+        if (!mOut->events.empty()) {
+            const ScriptEvent& last = mOut->events.back();
+            if (last.kind == ScriptEvent::Kind::End) {
+                return fail(line,
+                            "an event after \"end\" (line " + std::to_string(last.line) + ")");
+            }
+            if (time < last.timeMs) {
+                return fail(line, StringPrintf("time %lld ms is before the previous event's "
+                                               "%lld ms (line %d); times must not decrease",
+                                               static_cast<long long>(time),
+                                               static_cast<long long>(last.timeMs), last.line));
+            }
+        }
+        ScriptEvent event;
+        event.timeMs = time;
+        event.line = line;
+        const std::string_view verb = words[1];
+        const size_t args = words.size() - 2;
+        auto arg = [&](size_t i) { return std::string(words[2 + i]); };
+        if (verb == "start" || verb == "stop") {
+            if (args != 1) return fail(line, std::string(verb) + " takes one application name");
+            event.kind = verb == "start" ? ScriptEvent::Kind::Start : ScriptEvent::Kind::Stop;
+            event.payload.hintId = verb == "start" ? kEventAppStart : kEventAppStop;
+            event.payload.appName = arg(0);
+        } else if (verb == "gameoff") {
+            if (args > 1) return fail(line, "gameoff takes at most an application name");
+            event.kind = ScriptEvent::Kind::GameOff;
+            event.payload.hintId = kEventGameOff;
+            if (args == 1) event.payload.appName = arg(0);
+        } else if (verb == "hint") {
+            if (args < 2 || args > 3) {
+                return fail(line, "hint takes <type> <action> and optionally an application");
+            }
+            int64_t type = 0;
+            int64_t action = 0;
+            if (!parseInteger(words[2], 0, kMaxHintType, &type)) {
+                return fail(line, "hint type \"" + arg(0) + "\" is not a number from 0 to 127");
+            }
+            if (!parseInteger(words[3], 0, kMaxHintAction, &action)) {
+                return fail(line, "hint action \"" + arg(1) + "\" is not a number from 0 to 255");
+            }
+            event.kind = ScriptEvent::Kind::Hint;
+            event.payload.hintId = kEventUsablePowerModeHint;
+            event.payload.hintType = static_cast<uint32_t>(action << 7 | type);
+            if (args == 3) event.payload.appName = arg(2);
+        } else if (verb == "event") {
+            if (args < 2 || args > 3) {
+                return fail(line, "event takes <hintId> <hintType> and optionally an application");
+            }
+            int64_t id = 0;
+            int64_t type = 0;
+            if (!parseInteger(words[2], std::numeric_limits<int32_t>::min(),
+                              std::numeric_limits<int32_t>::max(), &id)) {
+                return fail(line, "hintId \"" + arg(0) + "\" is not a 32-bit number");
+            }
+            if (!parseInteger(words[3], 0, std::numeric_limits<uint32_t>::max(), &type)) {
+                return fail(line, "hintType \"" + arg(1) + "\" is not an unsigned 32-bit number");
+            }
+            event.kind = ScriptEvent::Kind::Raw;
+            event.payload.hintId = static_cast<int32_t>(id);
+            event.payload.hintType = static_cast<uint32_t>(type);
+            if (args == 3) event.payload.appName = arg(2);
+        } else if (verb == "end") {
+            if (args != 0) return fail(line, "end takes nothing after it");
+            event.kind = ScriptEvent::Kind::End;
+        } else {
+            return fail(line, "unknown event \"" + std::string(verb) +
+                                      "\"; expected start, stop, gameoff, hint, event or end");
+        }
+        mOut->events.push_back(std::move(event));
+        return true;
+    }
+
+    bool parseApp(int line, const std::vector<std::string_view>& words) {
+        if (words.size() != 3) return fail(line, "app takes <package> <type>");
+        int64_t type = 0;
+        if (!parseInteger(words[2], std::numeric_limits<int32_t>::min(),
+                          std::numeric_limits<int32_t>::max(), &type)) {
+            return fail(line, "app type \"" + std::string(words[2]) + "\" is not a number");
+        }
+        const std::string package(words[1]);
+        for (const ScriptApp& app : mOut->apps) {
+            if (app.package == package) {
+                return fail(line, "app " + package + " is listed twice; the first is on line " +
+                                          std::to_string(app.line));
+            }
+        }
+        mOut->apps.push_back(ScriptApp{package, static_cast<int>(type), line});
+        return true;
+    }
+
+    const std::string& mFile;
+    EventScript* mOut;
+    std::string* mError;
+};
+
+}  // namespace
+
+std::string ScriptEvent::describe() const {
+    const std::string app = payload.appName.empty() ? "" : " " + payload.appName;
+    const unsigned code = static_cast<uint32_t>(payload.hintId);
+    switch (kind) {
+        case Kind::Start:
+            return StringPrintf("start%s (0x%X)", app.c_str(), code);
+        case Kind::Stop:
+            return StringPrintf("stop%s (0x%X)", app.c_str(), code);
+        case Kind::GameOff:
+            return StringPrintf("gameoff%s (0x%X)", app.c_str(), code);
+        case Kind::Hint:
+            return StringPrintf("hint type %u action %u%s (0x%X, hintType 0x%X)",
+                                payload.hintType & 0x7F, (payload.hintType >> 7) & 0xFF,
+                                app.c_str(), code, payload.hintType);
+        case Kind::Raw:
+            return StringPrintf("event 0x%X hintType 0x%X%s", code, payload.hintType, app.c_str());
+        case Kind::End:
+            return "end";
+    }
+    return "";
+}
+
+bool EventScript::parseText(std::string_view text, const std::string& name, EventScript* out,
+                            std::string* error) {
+    *out = EventScript{};
+    out->file = name;
+    return Parser(name, out, error).parse(text);
+}
+
+bool EventScript::parseFile(const std::string& path, EventScript* out, std::string* error) {
+    std::string content;
+    if (!android::base::ReadFileToString(path, &content)) {
+        *error = path + ": cannot read: " + strerror(errno);
+        return false;
+    }
+    return parseText(content, path, out, error);
+}
+
+}  // namespace pwr::tools

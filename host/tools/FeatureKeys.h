@@ -1,0 +1,39 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "feature/PowerOptFeature.h"
+
+namespace pwr::tools {
+
+// One setting of a configuration that the feature cannot use as it stands.
+struct KeyProblem {
+    enum class Effect {
+        NotReady,    // the feature's set-up stops here and the feature ignores every event
+        Throws,      // the feature's constructor throws here (std::stod / std::stoi)
+        Misbehaves,  // accepted, but the feature will not behave as intended
+    };
+    Effect effect = Effect::NotReady;
+    std::string key;       // the configuration key or profile name
+    bool profile = false;  // `key` names a profile rather than a config
+    std::string message;   // one sentence naming the key
+};
+
+// The settings of PSMPowerOptFeature, read in the order and with the conversions the feature's
+// set-up uses, so that a tool can say which key a failed construction tripped over: the
+// constructor's std::invalid_argument carries no key, and a not-ready feature does not log every
+// missing key (DEEP_MODE, for one, is missed silently).
+class FeatureKeys {
+  public:
+    // Every problem in the order the feature meets them. Keys of the deep-mode and GPU-monitor
+    // set-ups are checked only when "DEEP_MODE" / "GPUMode" are present and non-zero, as the
+    // feature reads them only then.
+    static std::vector<KeyProblem> check(const PowerOptFeatureInfo& info);
+
+    // The first problem with the given effect, or null.
+    static const KeyProblem* first(const std::vector<KeyProblem>& problems,
+                                   KeyProblem::Effect effect);
+};
+
+}  // namespace pwr::tools

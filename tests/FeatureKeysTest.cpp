@@ -1,0 +1,112 @@
+#include "host/tools/FeatureKeys.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/support/TestConfig.h"
+
+namespace {
+
+using pwr::tools::FeatureKeys;
+using pwr::tools::KeyProblem;
+using Effect = KeyProblem::Effect;
+
+std::vector<std::string> keysOf(const std::vector<KeyProblem>& problems) {
+    std::vector<std::string> keys;
+    for (const KeyProblem& p : problems) keys.push_back(p.key);
+    return keys;
+}
+
+PowerOptFeatureInfo gpuConfig() {
+    PowerOptFeatureInfo info = pwr::test::minimalConfig("2");
+    info.configs["GPUMode"] = "1";
+    info.configs["GAME_TIMER"] = "1000";
+    info.configs["GPU_SAMPLE_COUNT"] = "5";
+    info.configs["STABILITY_SAMPLE_COUNT"] = "3";
+    info.configs["GPU_BUSY_STABILITY_THRESHOLD"] = "10";
+    info.configs["GPU_Freq_THRESHOLD_LOW"] = "300";
+    info.configs["GPU_Freq_THRESHOLD_HIGH"] = "600";
+    info.profiles["DYN_0"] = {{1, 2}};
+    info.profiles["DYN_1"] = {{3, 4}};
+    info.profiles["DYN_2"] = {{5, 6}};
+    return info;
+}
+
+TEST(FeatureKeys, Check_CompleteConfigurationsHaveNoProblem) {
+    EXPECT_TRUE(FeatureKeys::check(pwr::test::minimalConfig()).empty());
+    EXPECT_TRUE(FeatureKeys::check(gpuConfig()).empty());
+}
+
+TEST(FeatureKeys, Check_MissingKeysInTheFeaturesOrder) {
+    PowerOptFeatureInfo info;
+    info.configs["GAME_TIMER"] = "x";  // not read: GPUMode is absent
+    const auto problems = FeatureKeys::check(info);
+    EXPECT_THAT(keysOf(problems),
+                ::testing::ElementsAre("PSM_STATE", "PROFILE_LIGHT_MODE", "DEEP_MODE", "GPUMode"));
+    for (const KeyProblem& p : problems) EXPECT_EQ(p.effect, Effect::NotReady) << p.key;
+    EXPECT_TRUE(problems[1].profile);
+    EXPECT_EQ(problems[2].message, "config \"DEEP_MODE\" is missing");
+    EXPECT_EQ(problems[1].message,
+              "profile \"PROFILE_LIGHT_MODE\" is missing or has no <PerfLock>");
+}
+
+TEST(FeatureKeys, Check_ConversionsThatThrowAsTheFeaturesDo) {
+    PowerOptFeatureInfo info = gpuConfig();
+    info.configs["GPU_SAMPLE_COUNT"] = "five";
+    info.configs["DEEP_MODE"] = "99999999999";
+    const auto problems = FeatureKeys::check(info);
+    ASSERT_EQ(problems.size(), 2u);
+    // DEEP_MODE is read first (std::stoi), the GPU keys later (std::stod).
+    EXPECT_EQ(problems[0].key, "DEEP_MODE");
+    EXPECT_EQ(problems[0].effect, Effect::Throws);
+    EXPECT_EQ(problems[0].message,
+              "config \"DEEP_MODE\" = \"99999999999\" is out of range (std::stoi throws "
+              "std::out_of_range)");
+    EXPECT_EQ(problems[1].key, "GPU_SAMPLE_COUNT");
+    EXPECT_EQ(problems[1].message,
+              "config \"GPU_SAMPLE_COUNT\" = \"five\" is not a number (std::stod throws "
+              "std::invalid_argument)");
+    EXPECT_EQ(FeatureKeys::first(problems, Effect::Throws), &problems[0]);
+    EXPECT_EQ(FeatureKeys::first(problems, Effect::NotReady), nullptr);
+}
+
+TEST(FeatureKeys, Check_AcceptedValuesThatMisbehave) {
+    PowerOptFeatureInfo info = gpuConfig();
+    info.configs["PSM_STATE"] = "2.9";  // truncated to 2, as the feature does: no problem
+    info.configs["GAME_TIMER"] = "5OO";
+    info.configs["GPU_Freq_THRESHOLD_LOW"] = "1e30";
+    info.profiles.erase("DYN_2");
+    const auto problems = FeatureKeys::check(info);
+    ASSERT_EQ(problems.size(), 3u);
+    EXPECT_EQ(problems[0].message,
+              "config \"GAME_TIMER\" = \"5OO\" is read as 5; the rest is "
+              "ignored");
+    EXPECT_EQ(problems[1].message,
+              "config \"GPU_Freq_THRESHOLD_LOW\" = \"1e30\" is not a finite "
+              "number within the int range");
+    EXPECT_EQ(problems[2].key, "DYN_");
+    for (const KeyProblem& p : problems) EXPECT_EQ(p.effect, Effect::Misbehaves) << p.key;
+
+    info.profiles.clear();
+    info.profiles["PROFILE_LIGHT_MODE"] = {{1, 2}};
+    const auto none = FeatureKeys::check(info);
+    ASSERT_FALSE(none.empty());
+    EXPECT_EQ(none.back().effect, Effect::NotReady);
+    EXPECT_EQ(none.back().key, "DYN_");
+}
+
+TEST(FeatureKeys, Check_DeepModeKeysOnlyWhenDeepModeIsOn) {
+    PowerOptFeatureInfo info = pwr::test::minimalConfig();
+    info.configs["DEEP_MODE"] = "1";
+    info.configs["MAX_SAMPLE_NUM"] = "abc";
+    const auto problems = FeatureKeys::check(info);
+    EXPECT_THAT(keysOf(problems),
+                ::testing::ElementsAre("VIDEO_SCALING_UP", "BROWSER_SCALING_UP", "GAME_SCALING_UP",
+                                       "VIDEO_SCALING_DOWN", "BROWSER_SCALING_DOWN",
+                                       "GAME_SCALING_DOWN", "MAX_SAMPLE_NUM",
+                                       "SCALING_DOWN_TASK_LOAD_BOOST", "CPUNODE", "CPUPOLICY",
+                                       "DEFAULT", "PSM_OPT_RESOURCE"));
+    EXPECT_EQ(problems[6].effect, Effect::Throws);
+}
+
+}  // namespace

@@ -1,0 +1,159 @@
+#include "platform/NumberReader.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/DevicePath.h"
+#include "tests/support/DeviceTree.h"
+
+namespace {
+
+using U32 = std::vector<uint32_t>;
+using I64 = std::vector<int64_t>;
+
+constexpr char kNode[] = "/sys/class/grax/grax-3d0/gpu_available_frequencies";
+
+class NumberReader : public ::testing::Test {
+  protected:
+    std::optional<U32> read32(const std::string& content) {
+        tree.write(kNode, content);
+        return readNumbersFromFile(pwr::devicePath(kNode));
+    }
+    std::optional<I64> read64(const std::string& content) {
+        tree.write(kNode, content);
+        return readNumbersFromFile_Int64(pwr::devicePath(kNode));
+    }
+
+    pwr::test::DeviceTree tree;
+};
+
+TEST_F(NumberReader, ReadsNumbersInFileOrderAcrossSeparators) {
+    EXPECT_EQ(read32("300000000 200000000\n100000000\n"), (U32{300000000, 200000000, 100000000}));
+    EXPECT_EQ(read32("1\t2  3\n\n4"), (U32{1, 2, 3, 4}));
+    EXPECT_EQ(read64("1\t2  3\n\n4\n"), (I64{1, 2, 3, 4}));
+}
+
+TEST_F(NumberReader, ReadsHexWithEitherPrefixCase) {
+    EXPECT_EQ(read32("0x10 0XfF 010"), (U32{16, 255, 10}));  // no octal: 010 is ten
+    EXPECT_EQ(read64("0x7fffffffffffffff"), (I64{INT64_MAX}));
+}
+
+TEST_F(NumberReader, SkipsBlanksThatAreNotSeparatorsBeforeAPiece) {
+    EXPECT_EQ(read32(" \t 7\n"), (U32{7}));
+    EXPECT_EQ(read32("\r7 \v\f8"), (U32{7, 8}));
+    EXPECT_EQ(read64("\r-7"), (I64{-7}));
+}
+
+TEST_F(NumberReader, NodeWithoutNumbersGivesAnEmptyList) {
+    EXPECT_EQ(read32(""), U32{});
+    EXPECT_EQ(read32(" \n\t\n"), U32{});
+    EXPECT_EQ(read64("\n"), I64{});
+}
+
+TEST_F(NumberReader, OneBadPieceFailsTheWholeRead) {
+    EXPECT_EQ(read32("1 2 7abc"), std::nullopt);
+    EXPECT_EQ(read32("abc 1"), std::nullopt);
+    EXPECT_EQ(read32("1,2"), std::nullopt);
+    EXPECT_EQ(read32("0x"), std::nullopt);
+    EXPECT_EQ(read32("0xg"), std::nullopt);
+    EXPECT_EQ(read32("7\r"), std::nullopt);  // a blank after the number is trailing garbage
+    EXPECT_EQ(read32("\r"), std::nullopt);   // a piece of blanks holds no number
+    EXPECT_EQ(read64("5 x"), std::nullopt);
+    EXPECT_EQ(read64("1.5"), std::nullopt);
+}
+
+TEST_F(NumberReader, Unsigned32RejectsSignsBelowZeroAndValuesAboveUint32Max) {
+    EXPECT_EQ(read32("-1"), std::nullopt);
+    EXPECT_EQ(read32("\r-0"), std::nullopt);
+    EXPECT_EQ(read32("4294967295"), (U32{UINT32_MAX}));
+    EXPECT_EQ(read32("4294967296"), std::nullopt);
+    EXPECT_EQ(read32("0x100000000"), std::nullopt);
+    EXPECT_EQ(read32("18446744073709551616"), std::nullopt);  // strtoull's own range error
+    EXPECT_EQ(read32("+5"), (U32{5}));                        // only '-' is refused
+}
+
+TEST_F(NumberReader, Signed64AcceptsSignsAndFailsOutsideItsRange) {
+    EXPECT_EQ(read64("-1 +2"), (I64{-1, 2}));
+    EXPECT_EQ(read64("9223372036854775807 -9223372036854775808"), (I64{INT64_MAX, INT64_MIN}));
+    EXPECT_EQ(read64("9223372036854775808"), std::nullopt);
+    EXPECT_EQ(read64("-9223372036854775809"), std::nullopt);
+    EXPECT_EQ(read64("4294967296"), (I64{4294967296LL}));
+    // The hex prefix is recognised only as the piece's first characters, so a signed hex piece
+    // is read in base 10 and fails.
+    EXPECT_EQ(read64("-0x10"), std::nullopt);
+}
+
+TEST_F(NumberReader, UnreadableNodesGiveNoValue) {
+    EXPECT_EQ(readNumbersFromFile(pwr::devicePath("/sys/class/grax/grax-3d0/absent")),
+              std::nullopt);
+    EXPECT_EQ(readNumbersFromFile_Int64(pwr::devicePath("/sys/class/grax/grax-3d0/absent")),
+              std::nullopt);
+    tree.mkdirs("/sys/class/grax/grax-3d0/directory");
+    EXPECT_EQ(readNumbersFromFile(pwr::devicePath("/sys/class/grax/grax-3d0/directory")),
+              std::nullopt);
+}
+
+TEST_F(NumberReader, DoesNotFollowSymbolicLinks) {
+    tree.write(kNode, "5\n");
+    const std::string link = tree.hostPath("/sys/class/grax/grax-3d0/link");
+    ASSERT_EQ(symlink(tree.hostPath(kNode).c_str(), link.c_str()), 0) << strerror(errno);
+    EXPECT_EQ(readNumbersFromFile(link), std::nullopt);
+    EXPECT_EQ(readNumbersFromFile_Int64(link), std::nullopt);
+    EXPECT_EQ(readNumbersFromFile(tree.hostPath(kNode)), (U32{5}));
+}
+
+TEST_F(NumberReader, ReadsNodesLargerThanOnePage) {
+    // Pieces straddle the page boundary; the last one has no final separator.
+    std::string content;
+    U32 expected;
+    for (uint32_t i = 0; content.size() < 3 * 4096; ++i) {
+        content += std::to_string(1000000 + i) + (i % 7 == 0 ? "\n" : " ");
+        expected.push_back(1000000 + i);
+    }
+    content += "42";
+    expected.push_back(42);
+    EXPECT_EQ(read32(content), expected);
+
+    content += " bad";
+    EXPECT_EQ(read32(content), std::nullopt);
+}
+
+TEST_F(NumberReader, ExactlyOnePageIsReadWhole) {
+    std::string content(4096 - 2, ' ');
+    content += "17";
+    EXPECT_EQ(read32(content), (U32{17}));
+    content.back() = 'x';
+    EXPECT_EQ(read32(content), std::nullopt);
+}
+
+TEST_F(NumberReader, ReadIntoReusesStorageAndReportsFailure) {
+    tree.write(kNode, "1 2 3 4 5 6 7 8");
+    std::vector<int64_t> out;
+    ASSERT_TRUE(pwr::readNumbersInto(pwr::devicePath(kNode), out));
+    EXPECT_EQ(out, (I64{1, 2, 3, 4, 5, 6, 7, 8}));
+    const int64_t* storage = out.data();
+
+    tree.write(kNode, "-9 10");
+    ASSERT_TRUE(pwr::readNumbersInto(pwr::devicePath(kNode), out));
+    EXPECT_EQ(out, (I64{-9, 10}));
+    EXPECT_EQ(out.data(), storage);
+
+    tree.write(kNode, "1 oops");
+    EXPECT_FALSE(pwr::readNumbersInto(pwr::devicePath(kNode), out));
+}
+
+TEST_F(NumberReader, ForEachStopsAtTheFirstBadPiece) {
+    tree.write(kNode, "1 2 bad 4");
+    std::vector<int64_t> seen;
+    EXPECT_FALSE(pwr::forEachNumberInFile(pwr::devicePath(kNode), pwr::NumberWidth::kUint32,
+                                          [&](int64_t v) { seen.push_back(v); }));
+    EXPECT_EQ(seen, (I64{1, 2}));
+}
+
+}  // namespace

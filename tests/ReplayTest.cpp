@@ -1,0 +1,291 @@
+#include "host/tools/Replay.h"
+
+#include <sstream>
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/tools/EventScript.h"
+#include "host/tools/FeatureConfigXml.h"
+#include "host/tools/FeatureKeys.h"
+#include "platform/hostshim/DeviceRoot.h"
+
+namespace {
+
+using pwr::tools::ReplayOptions;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+// A configuration with the GPU monitor on, so that game starts are classified. Line 4 holds
+// PSM_STATE, line 5 DEEP_MODE.
+std::string gameConfig(const std::string& psmState = "0", const std::string& deepMode = "0") {
+    std::string xml = "<?xml version=\"1.0\"?>\n<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n";
+    xml += "  <Config name=\"PSM_STATE\" value=\"" + psmState + "\"/>\n";
+    if (!deepMode.empty()) xml += "  <Config name=\"DEEP_MODE\" value=\"" + deepMode + "\"/>\n";
+    xml += R"(  <Config name="GPUMode" value="1"/>
+  <Config name="GAME_TIMER" value="60000"/>
+  <Config name="GPU_SAMPLE_COUNT" value="5"/>
+  <Config name="STABILITY_SAMPLE_COUNT" value="3"/>
+  <Config name="GPU_BUSY_STABILITY_THRESHOLD" value="10"/>
+  <Config name="GPU_Freq_THRESHOLD_LOW" value="300"/>
+  <Config name="GPU_Freq_THRESHOLD_HIGH" value="600"/>
+</Configs>
+<Profiles>
+  <Profile name="PROFILE_LIGHT_MODE"><PerfLock>0x40C00000, 0x1, 0x40804000, 0x5DC</PerfLock></Profile>
+  <Profile name="DYN_0"><PerfLock>0x42804000, 900</PerfLock></Profile>
+  <Profile name="DYN_1"><PerfLock>0x42804000, 600</PerfLock></Profile>
+  <Profile name="DYN_2"><PerfLock>0x42804000, 300</PerfLock></Profile>
+</Profiles>
+</Feature>
+)";
+    return xml;
+}
+
+constexpr char kEvents[] = R"(app com.example.game 2
+0  hint 1 1                  # mode 1: light profile
+0  hint 2 1                  # mode 2: light profile released
+1  start com.example.game/.Main
+2  stop com.example.game/.Main
+3  start com.example.other
+4  hint 1 1
+5  end
+)";
+
+const char kLightList[] = "{0x40C00000: 1, 0x40804000: 1500}";
+
+class ReplayTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        mOptions.pluginPath = PWR_PLUGIN_PATH;
+        mOptions.configPath = std::string(mDir.path) + "/feature.xml";
+        mOptions.eventsPath = std::string(mDir.path) + "/replay.events";
+        mOptions.timestamps = false;
+    }
+
+    void write(const std::string& config, const std::string& events) {
+        ASSERT_TRUE(android::base::WriteStringToFile(config, mOptions.configPath));
+        ASSERT_TRUE(android::base::WriteStringToFile(events, mOptions.eventsPath));
+    }
+
+    int run() {
+        std::ostringstream out;
+        std::ostringstream err;
+        pwr::tools::RealClock clock;
+        const int status = pwr::tools::runReplay(mOptions, clock, out, err);
+        mLines = android::base::Split(out.str(), "\n");
+        if (!mLines.empty() && mLines.back().empty()) mLines.pop_back();
+        mErr = err.str();
+        return status;
+    }
+
+    // The first of `expected` that is not found in the output after its predecessor, or "".
+    std::string missingInOrder(const std::vector<std::string>& expected) const {
+        size_t at = 0;
+        for (const std::string& line : expected) {
+            while (at < mLines.size() && mLines[at] != line) ++at;
+            if (at == mLines.size()) return line;
+            ++at;
+        }
+        return "";
+    }
+
+    int countStarting(const std::string& prefix) const {
+        int n = 0;
+        for (const std::string& line : mLines) n += line.rfind(prefix, 0) == 0 ? 1 : 0;
+        return n;
+    }
+
+    std::string output() const { return android::base::Join(mLines, "\n"); }
+
+    TemporaryDir mDir;
+    ReplayOptions mOptions;
+    std::vector<std::string> mLines;
+    std::string mErr;
+};
+
+TEST_F(ReplayTest, PrintsEventsQueriesLocksAndLogLinesInOrder) {
+    write(gameConfig(), kEvents);
+    const std::string rootBefore = pwr::host::deviceRoot();
+    ASSERT_EQ(run(), 0) << mErr;
+    EXPECT_THAT(mErr, IsEmpty());
+    const std::vector<std::string> expected = {
+            std::string("load     ") + PWR_PLUGIN_PATH,
+            "log      PSMPOWEROPT: PSMPowerOptFeature() 75: Constructor PSMPowerOptFeature",
+            "event    hint type 1 action 1 (0x15E0, hintType 0x81)",
+            "log      PSMPOWEROPT: applyProfileLock() 936: Trying to applyProfileLock.",
+            std::string("lock     acquired #1 ") + kLightList + " for INT_MAX",
+            "event    hint type 2 action 1 (0x15E0, hintType 0x82)",
+            "log      PSMPOWEROPT: releaseProfileLock() 929: Releasing profile, handle = 1",
+            std::string("lock     released #1 ") + kLightList,
+            "event    start com.example.game/.Main (0x1001)",
+            "query    perf_get_feedback(0x1601, \"com.example.game\") -> 2",
+            "log      PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.",
+            "event    stop com.example.game/.Main (0x1002)",
+            "log      PSMPOWEROPT: sendEvents() 449: Stop hint 4098 for: com.example.game/.Main",
+            "event    start com.example.other (0x1001)",
+            "query    perf_get_feedback(0x1601, \"com.example.other\") -> 0",
+            "event    hint type 1 action 1 (0x15E0, hintType 0x81)",
+            std::string("lock     acquired #2 ") + kLightList + " for INT_MAX",
+            "end",
+            "delete   PSMPowerOptFeature",
+            "log      PSMPOWEROPT: ~PSMPowerOptFeature() 292: Destructor PSMPowerOptFeature",
+            // The destructor leaves the profile lock held.
+            std::string("held     #2 ") + kLightList,
+    };
+    EXPECT_EQ(missingInOrder(expected), "") << output();
+    EXPECT_EQ(countStarting("lock "), 3) << output();
+    EXPECT_EQ(countStarting("query "), 2) << output();
+    EXPECT_EQ(countStarting("event "), 6) << output();
+    // Diagnostic lines stay off without --debug.
+    EXPECT_EQ(countStarting("log      PSMPOWEROPT: isGame()"), 0) << output();
+    // The temporary device tree is gone and the process's root is back.
+    EXPECT_EQ(pwr::host::deviceRoot(), rootBefore);
+}
+
+TEST_F(ReplayTest, TimestampsOpenEachLine) {
+    write(gameConfig(), "0 hint 1 1\n30 hint 0 1\n");
+    mOptions.timestamps = true;
+    ASSERT_EQ(run(), 0) << mErr;
+    ASSERT_FALSE(mLines.empty());
+    for (const std::string& line : mLines) {
+        EXPECT_THAT(line, ::testing::MatchesRegex(" *[0-9]+ ms  [a-z]+ .*")) << line;
+    }
+    // The release comes no earlier than its event's time.
+    for (const std::string& line : mLines) {
+        if (line.find("event    hint type 0") != std::string::npos) {
+            EXPECT_GE(std::stoi(line), 30) << line;
+        }
+    }
+}
+
+TEST_F(ReplayTest, DebugTurnsOnTheFeaturesDiagnosticLines) {
+    write(gameConfig(), kEvents);
+    mOptions.debug = true;
+    const std::string root = std::string(mDir.path) + "/device";
+    mOptions.deviceRoot = root;
+    ASSERT_EQ(run(), 0) << mErr;
+    EXPECT_EQ(missingInOrder({
+                      "event    start com.example.game/.Main (0x1001)",
+                      "query    perf_get_feedback(0x1601, \"com.example.game\") -> 2",
+                      "log      PSMPOWEROPT: isGame() 610: com.example.game isPSMType = 2",
+                      "log      PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.",
+              }),
+              "")
+            << output();
+    EXPECT_EQ(countStarting("log      PSMPOWEROPT: sendEvents() 362: Usable power mode hint"), 3)
+            << output();
+    // The property went into the given tree, which is kept.
+    std::string value;
+    EXPECT_TRUE(android::base::ReadFileToString(root + "/data/property/vendor.debug.trace.power",
+                                                &value));
+    EXPECT_EQ(value, "true");
+}
+
+TEST_F(ReplayTest, UnparsableNumberIsReportedWithFileLineKeyAndValue) {
+    write(gameConfig("two"), kEvents);
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(mErr, "pwr-replay: error: " + mOptions.configPath +
+                            ":4: config \"PSM_STATE\" = \"two\" is not a number (std::stod throws "
+                            "std::invalid_argument); the feature's constructor threw, no feature "
+                            "was built\n");
+    EXPECT_EQ(countStarting("event "), 0) << output();
+
+    write(gameConfig("0", "99999999999"), kEvents);
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(mErr, "pwr-replay: error: " + mOptions.configPath +
+                            ":5: config \"DEEP_MODE\" = \"99999999999\" is out of range (std::stoi "
+                            "throws std::out_of_range); the feature's constructor threw, no "
+                            "feature was built\n");
+}
+
+TEST_F(ReplayTest, NotReadyFeatureIsReportedAndNoEventReplayed) {
+    write(gameConfig("0", ""), kEvents);
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(missingInOrder({
+                      "log      PSMPOWEROPT: PSMPowerOptFeature() 70: Missing feature configs, "
+                      "return !!",
+                      "delete   PSMPowerOptFeature",
+                      "log      PSMPOWEROPT: ~PSMPowerOptFeature() 292: Destructor "
+                      "PSMPowerOptFeature",
+              }),
+              "")
+            << output();
+    EXPECT_EQ(countStarting("event "), 0) << output();
+    EXPECT_EQ(mErr, "pwr-replay: error: " + mOptions.configPath +
+                            ": the feature PSMPowerOptFeature ended not ready and would ignore "
+                            "every event, so none was replayed; its log lines above say why\n"
+                            "pwr-replay: note: " +
+                            mOptions.configPath + ": config \"DEEP_MODE\" is missing\n");
+
+    // A missing key the feature names itself.
+    std::string config = gameConfig();
+    config.replace(config.find("<Config name=\"PSM_STATE\" value=\"0\"/>"),
+                   std::string("<Config name=\"PSM_STATE\" value=\"0\"/>").size(), "");
+    write(config, kEvents);
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(missingInOrder({"log      PSMPOWEROPT: initAnalyzeConfigs() 84: miss PSM_STATE"}), "")
+            << output();
+    EXPECT_THAT(mErr, HasSubstr("note: " + mOptions.configPath +
+                                ": config \"PSM_STATE\" is "
+                                "missing"));
+}
+
+TEST_F(ReplayTest, InvalidInputStopsBeforeLoading) {
+    write("<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n</Feature>\n", kEvents);
+    EXPECT_EQ(run(), 1);
+    EXPECT_THAT(mErr, ::testing::StartsWith("pwr-replay: error: " + mOptions.configPath +
+                                            ":2: <Configs> opened on this line is not closed"));
+    EXPECT_THAT(mLines, IsEmpty());
+
+    write(gameConfig(), "0 hint 1 1\n10 strat com.example.game\n");
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(mErr, "pwr-replay: error: " + mOptions.eventsPath +
+                            ":2: unknown event \"strat\"; expected start, stop, gameoff, hint, "
+                            "event or end\n");
+
+    write(gameConfig(), kEvents);
+    mOptions.pluginPath = std::string(mDir.path) + "/absent.so";
+    EXPECT_EQ(run(), 1);
+    EXPECT_THAT(mErr, HasSubstr("error: cannot load the plug-in " + mOptions.pluginPath));
+
+    std::string other = gameConfig();
+    other.replace(other.find("PSMPowerOptFeature"), std::string("PSMPowerOptFeature").size(),
+                  "OtherFeature");
+    write(other, kEvents);
+    mOptions.pluginPath = PWR_PLUGIN_PATH;
+    EXPECT_EQ(run(), 1);
+    EXPECT_THAT(mErr, HasSubstr(mOptions.configPath +
+                                ":2: " PWR_PLUGIN_PATH " registers no feature named "
+                                "\"OtherFeature\" (registered: PSMPowerOptFeature)"));
+}
+
+// The files the README's main job runs stay valid and complete for the whole feature.
+TEST_F(ReplayTest, BundledGameFilesReplayCleanly) {
+    const std::string config = std::string(PWR_SOURCE_DIR) + "/configs/game.xml";
+    const std::string events = std::string(PWR_SOURCE_DIR) + "/configs/game.events";
+    pwr::tools::FeatureConfig parsed;
+    std::string error;
+    ASSERT_TRUE(pwr::tools::FeatureConfigXml::parseFile(config, &parsed, &error)) << error;
+    EXPECT_THAT(pwr::tools::FeatureKeys::check(parsed.info), IsEmpty());
+    pwr::tools::EventScript script;
+    ASSERT_TRUE(pwr::tools::EventScript::parseFile(events, &script, &error)) << error;
+
+    mOptions.configPath = config;
+    mOptions.eventsPath = events;
+    ASSERT_EQ(run(), 0) << mErr;
+    EXPECT_THAT(mErr, IsEmpty());
+    EXPECT_EQ(missingInOrder({
+                      "log      PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.",
+                      "log      PSMPOWEROPT: sendEvents() 449: Stop hint 4098 for: "
+                      "com.example.game/.MainActivity",
+                      std::string("lock     acquired #1 ") + kLightList + " for INT_MAX",
+                      std::string("lock     released #1 ") + kLightList,
+                      "delete   PSMPowerOptFeature",
+              }),
+              "")
+            << output();
+}
+
+}  // namespace

@@ -1,0 +1,244 @@
+// This program provides the POSIX timer functions itself (pwr_virtual_timers), as the simulator
+// does: every timer_* call below, and every one the plug-in's Timer service makes, runs on the
+// virtual clock.
+
+#include "host/tools/VirtualClock.h"
+
+#include <errno.h>
+
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/Timer.h"
+
+namespace {
+
+using pwr::tools::VirtualClock;
+using ::testing::ElementsAre;
+
+constexpr int64_t kMs = 1000000;
+constexpr int64_t kSecond = 1000 * kMs;
+
+itimerspec spec(time_t valueSec, long valueNs, time_t intervalSec = 0, long intervalNs = 0) {
+    itimerspec s{};
+    s.it_value.tv_sec = valueSec;
+    s.it_value.tv_nsec = valueNs;
+    s.it_interval.tv_sec = intervalSec;
+    s.it_interval.tv_nsec = intervalNs;
+    return s;
+}
+
+// Records the virtual time of each expiry of one timer, and on which thread it ran.
+struct Recorder {
+    VirtualClock* clock = &VirtualClock::instance();
+    std::vector<int64_t> times;
+    std::thread::id thread;
+
+    static void notify(sigval value) {
+        auto* self = static_cast<Recorder*>(value.sival_ptr);
+        self->times.push_back(self->clock->nowNs());
+        self->thread = std::this_thread::get_id();
+    }
+
+    timer_t create() {
+        sigevent event{};
+        event.sigev_notify = SIGEV_THREAD;
+        event.sigev_notify_function = &Recorder::notify;
+        event.sigev_value.sival_ptr = this;
+        timer_t id{};
+        EXPECT_EQ(timer_create(CLOCK_REALTIME, &event, &id), 0) << strerror(errno);
+        return id;
+    }
+};
+
+// The clock is the process's; each test works relative to the time it starts at and deletes
+// every timer it makes.
+class VirtualClockTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        mStart = mClock.nowNs();
+        mTimersBefore = mClock.timerCount();
+    }
+    void TearDown() override { EXPECT_EQ(mClock.timerCount(), mTimersBefore); }
+
+    // Times relative to the test's start.
+    std::vector<int64_t> relative(const std::vector<int64_t>& times) const {
+        std::vector<int64_t> out;
+        for (int64_t t : times) out.push_back(t - mStart);
+        return out;
+    }
+    void advance(int64_t ns) { mClock.advanceTo(mStart + ns); }
+
+    VirtualClock& mClock = VirtualClock::instance();
+    int64_t mStart = 0;
+    int mTimersBefore = 0;
+};
+
+TEST_F(VirtualClockTest, PeriodicTimerFiresEachPeriodOnTheAdvancingThread) {
+    Recorder recorder;
+    timer_t id = recorder.create();
+    itimerspec first = spec(1, 0, 0, 500 * kMs);  // first after 1 s, then every 500 ms
+    ASSERT_EQ(timer_settime(id, 0, &first, nullptr), 0);
+    advance(999 * kMs);
+    EXPECT_TRUE(recorder.times.empty());
+    advance(2 * kSecond);
+    EXPECT_THAT(relative(recorder.times), ElementsAre(kSecond, 1500 * kMs, 2 * kSecond));
+    EXPECT_EQ(recorder.thread, std::this_thread::get_id());
+    EXPECT_EQ(mClock.nowNs(), mStart + 2 * kSecond);
+
+    itimerspec left{};
+    ASSERT_EQ(timer_gettime(id, &left), 0);
+    EXPECT_EQ(left.it_value.tv_sec, 0);
+    EXPECT_EQ(left.it_value.tv_nsec, 500 * kMs);
+    EXPECT_EQ(left.it_interval.tv_nsec, 500 * kMs);
+
+    // A zero first expiry disarms; the old setting is handed back.
+    itimerspec zero{};
+    itimerspec old{};
+    ASSERT_EQ(timer_settime(id, 0, &zero, &old), 0);
+    EXPECT_EQ(old.it_value.tv_nsec, 500 * kMs);
+    advance(10 * kSecond);
+    EXPECT_EQ(recorder.times.size(), 3u);
+    EXPECT_EQ(mClock.armedCount(), 0);
+    EXPECT_EQ(timer_delete(id), 0);
+}
+
+TEST_F(VirtualClockTest, OneShotAbsoluteAndRearmedTimers) {
+    Recorder oneShot;
+    timer_t single = oneShot.create();
+    itimerspec once = spec(0, 250 * kMs);
+    ASSERT_EQ(timer_settime(single, 0, &once, nullptr), 0);
+    advance(kSecond);
+    EXPECT_THAT(relative(oneShot.times), ElementsAre(250 * kMs));
+    EXPECT_EQ(mClock.armedCount(), 0);
+
+    // Re-arming replaces the schedule and counts from the current time.
+    ASSERT_EQ(timer_settime(single, 0, &once, nullptr), 0);
+    itimerspec later = spec(2, 0);
+    ASSERT_EQ(timer_settime(single, 0, &later, nullptr), 0);
+    advance(2 * kSecond);
+    EXPECT_EQ(oneShot.times.size(), 1u);
+    advance(3 * kSecond);
+    EXPECT_THAT(relative(oneShot.times), ElementsAre(250 * kMs, 3 * kSecond));
+
+    // An absolute expiry already past fires at the next advance, at the current time.
+    itimerspec past{};
+    past.it_value.tv_sec = 0;
+    past.it_value.tv_nsec = 1;
+    ASSERT_EQ(timer_settime(single, TIMER_ABSTIME, &past, nullptr), 0);
+    advance(3 * kSecond);
+    EXPECT_THAT(relative(oneShot.times), ElementsAre(250 * kMs, 3 * kSecond, 3 * kSecond));
+    EXPECT_EQ(timer_delete(single), 0);
+}
+
+// Timers due at the same time fire in creation order; a callback may change other timers.
+struct Chain {
+    std::vector<int>* order;
+    int tag;
+    timer_t victim;
+    bool killVictim;
+    static void notify(sigval value) {
+        auto* self = static_cast<Chain*>(value.sival_ptr);
+        self->order->push_back(self->tag);
+        if (self->killVictim) {
+            itimerspec zero{};
+            timer_settime(self->victim, 0, &zero, nullptr);
+        }
+    }
+};
+
+TEST_F(VirtualClockTest, SimultaneousExpiriesRunInCreationOrder) {
+    std::vector<int> order;
+    Chain chains[3] = {
+            {&order, 1, nullptr, false}, {&order, 2, nullptr, true}, {&order, 3, nullptr, false}};
+    timer_t ids[3];
+    for (int i = 0; i < 3; ++i) {
+        sigevent event{};
+        event.sigev_notify = SIGEV_THREAD;
+        event.sigev_notify_function = &Chain::notify;
+        event.sigev_value.sival_ptr = &chains[i];
+        ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &ids[i]), 0);
+    }
+    chains[1].victim = ids[2];  // the second disarms the third when it fires
+    const itimerspec everySecond = spec(1, 0, 1, 0);
+    for (timer_t id : ids) ASSERT_EQ(timer_settime(id, 0, &everySecond, nullptr), 0);
+    advance(2 * kSecond);
+    EXPECT_THAT(order, ElementsAre(1, 2, 1, 2));
+    for (timer_t id : ids) EXPECT_EQ(timer_delete(id), 0);
+}
+
+TEST_F(VirtualClockTest, RefusesWhatTheCLibraryRefusesAndWhatCannotBeSimulated) {
+    Recorder recorder;
+    timer_t id = recorder.create();
+    const itimerspec bad[] = {spec(-1, 0), spec(0, -1), spec(0, kSecond), spec(1, 0, 0, kSecond)};
+    for (const itimerspec& s : bad) {
+        errno = 0;
+        EXPECT_EQ(timer_settime(id, 0, &s, nullptr), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(mClock.armedCount(), 0);
+    EXPECT_EQ(timer_delete(id), 0);
+    errno = 0;
+    EXPECT_EQ(timer_delete(id), -1);
+    EXPECT_EQ(errno, EINVAL);
+    const itimerspec one = spec(1, 0);
+    EXPECT_EQ(timer_settime(id, 0, &one, nullptr), -1);
+
+    sigevent signal{};
+    signal.sigev_notify = SIGEV_SIGNAL;
+    signal.sigev_signo = SIGALRM;
+    timer_t unused{};
+    errno = 0;
+    EXPECT_EQ(timer_create(CLOCK_REALTIME, &signal, &unused), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(timer_create(CLOCK_REALTIME, nullptr, &unused), -1);
+    sigevent thread{};
+    thread.sigev_notify = SIGEV_THREAD;
+    thread.sigev_notify_function = &Recorder::notify;
+    EXPECT_EQ(timer_create(CLOCK_PROCESS_CPUTIME_ID, &thread, &unused), -1);
+}
+
+// The plug-in's own Timer service, unchanged, runs on simulated time in this program.
+void count(void* counter) {
+    ++*static_cast<int*>(counter);
+}
+
+TEST_F(VirtualClockTest, PluginTimerServiceRunsOnVirtualTime) {
+    Timer timer;
+    int ticks = 0;
+    Timer_s* periodic = timer.Timer_create(&count, &ticks);
+    ASSERT_NE(periodic, nullptr);
+    EXPECT_EQ(mClock.timerCount(), mTimersBefore + 1);
+    ASSERT_TRUE(timer.Timer_scheduleInterval(periodic, 1000));
+    advance(3500 * kMs);
+    EXPECT_EQ(ticks, 3);
+    timer.Timer_disable(periodic);
+    EXPECT_FALSE(timer.Timer_isActive(periodic));
+    advance(10 * kSecond);
+    EXPECT_EQ(ticks, 3);
+
+    // An hour of one-second ticks, replayed at once.
+    ASSERT_TRUE(timer.Timer_scheduleInterval(periodic, 1000));
+    advance(10 * kSecond + 3600 * kSecond);
+    EXPECT_EQ(ticks, 3 + 3600);
+    timer.Timer_disable(periodic);
+
+    // One-shot schedules take the sub-second part as microseconds: 1500 fires after 1.0005 s.
+    int shots = 0;
+    Timer_s* single = timer.Timer_create(&count, &shots);
+    ASSERT_NE(single, nullptr);
+    const int64_t armedAt = mClock.nowNs() - mStart;
+    ASSERT_TRUE(timer.Timer_scheduleSingle(single, 1500));
+    advance(armedAt + 1000 * kMs);
+    EXPECT_EQ(shots, 0);
+    advance(armedAt + 1000 * kMs + 500 * 1000);
+    EXPECT_EQ(shots, 1);
+
+    timer.Timer_destroy(single);
+    timer.Timer_destroy(periodic);
+}
+
+}  // namespace
