@@ -3,6 +3,8 @@
 
 #include "feature/PSMPowerOptFeature.h"
 
+#include <utility>
+
 #include "platform/Log.h"
 #include "platform/PowerOptClassifier.h"
 
@@ -16,7 +18,8 @@ constexpr int kTypeOtherEligible = 5;
 
 bool PSMPowerOptFeature::isGame(std::string app) {
     if (mPowerOptClassifier == nullptr) return false;
-    const int type = mPowerOptClassifier->getAppType(app);
+    // The key is needed after the query only for the debug line; otherwise it is handed over.
+    const int type = mPowerOptClassifier->getAppType(debugEnabled ? app : std::move(app));
     if (type != kTypeGame) return false;
     // The word isPSMType in this line is what log readers have always seen from isGame.
     if (debugEnabled) PWR_LOG(kModFeature, "isGame", 610, "%s isPSMType = %d", app.c_str(), type);
@@ -25,7 +28,7 @@ bool PSMPowerOptFeature::isGame(std::string app) {
 
 bool PSMPowerOptFeature::isPSMType(std::string app) {
     if (mPowerOptClassifier == nullptr) return false;
-    const int type = mPowerOptClassifier->getAppType(app);
+    const int type = mPowerOptClassifier->getAppType(debugEnabled ? app : std::move(app));
     if (debugEnabled) {
         PWR_LOG(kModFeature, "isPSMType", 809, "%s isPSMType = %d", app.c_str(), type);
     }
@@ -36,7 +39,7 @@ bool PSMPowerOptFeature::isPSMType(std::string app) {
 
 bool PSMPowerOptFeature::isBrowser(std::string app) {
     if (mPowerOptClassifier == nullptr) return false;
-    const int type = mPowerOptClassifier->getAppType(app);
+    const int type = mPowerOptClassifier->getAppType(debugEnabled ? app : std::move(app));
     if (debugEnabled) {
         PWR_LOG(kModFeature, "isBrowser", 823, "%s isBrowser = %d", app.c_str(), type);
     }

@@ -30,6 +30,14 @@ constexpr int kGameStateOff = 2;
 // The battery timer samples once a second.
 constexpr int kBatteryPeriodMs = 1000;
 
+// The application key: `appName` up to, not including, its first slash (all of it when there is
+// none). Cuts the event's own copy of the name, so no new string is made.
+std::string appKey(std::string appName) {
+    const size_t slash = appName.find('/');
+    if (slash != std::string::npos) appName.resize(slash);
+    return appName;
+}
+
 }  // namespace
 
 int PSMPowerOptFeature::psmMode() {
@@ -54,16 +62,15 @@ void PSMPowerOptFeature::setGameState(int state) {
 
 void PSMPowerOptFeature::sendEvents(AsyncTriggerPayload payload) {
     if (!mReady) return;
-    const std::string key = payload.appName.substr(0, payload.appName.find('/'));
     switch (payload.hintId) {
         case kAppStart:
         case kAppStartAlt:
-            handleStart(key);
+            handleStart(appKey(std::move(payload.appName)));
             break;
         case kAppStop:
         case kAppStopAlt:
         case kAppStopOther:
-            handleStop(payload, key);
+            handleStop(payload);
             break;
         case kGameOff:
             handleGameOff();
@@ -76,12 +83,12 @@ void PSMPowerOptFeature::sendEvents(AsyncTriggerPayload payload) {
     }
 }
 
-void PSMPowerOptFeature::handleStart(const std::string& key) {
+void PSMPowerOptFeature::handleStart(std::string key) {
     Timer timer;
     const int mode = psmMode();
     if (mode == kModeGaming) {
         if (mGpuMode == 0) return;
-        if (isGame(key)) {
+        if (isGame(std::move(key))) {
             if (gameState() == kGameStateOn) return;
             PWR_LOG(kModFeature, "sendEvents", 398, "Triggering Gaming Usable Mode.");
             initGpuSamples();
@@ -99,7 +106,7 @@ void PSMPowerOptFeature::handleStart(const std::string& key) {
             setGameState(kGameStateOff);
         }
     } else if (mode == kModeBatteryWatch) {
-        const bool eligible = isPSMType(key);
+        const bool eligible = isPSMType(std::move(key));
         timer.Timer_disable(mBatteryTimerStruct);
         // The tasks boosted for the app that was in front lose their boost.
         ResetBattery();
@@ -109,7 +116,7 @@ void PSMPowerOptFeature::handleStart(const std::string& key) {
     }
 }
 
-void PSMPowerOptFeature::handleStop(const AsyncTriggerPayload& payload, const std::string& key) {
+void PSMPowerOptFeature::handleStop(AsyncTriggerPayload& payload) {
     Timer timer;
     const int mode = psmMode();
     if (mode == kModeGaming) {
@@ -120,7 +127,7 @@ void PSMPowerOptFeature::handleStop(const AsyncTriggerPayload& payload, const st
         releaseProfileLock();
         setGameState(kGameStateOff);
     } else if (mode == kModeBatteryWatch) {
-        if (isPSMType(key)) {
+        if (isPSMType(appKey(std::move(payload.appName)))) {
             timer.Timer_disable(mBatteryTimerStruct);
             ResetBattery();
         }

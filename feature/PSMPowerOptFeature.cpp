@@ -1,5 +1,8 @@
 #include "feature/PSMPowerOptFeature.h"
 
+#include <climits>
+#include <stdexcept>
+
 #include "platform/GraxInfo.h"
 #include "platform/Log.h"
 #include "platform/PowerHelper.h"
@@ -8,6 +11,22 @@
 #include "pmdb/PSMReferenceOutput.h"
 
 using pwr::kModFeature;
+
+namespace {
+
+// std::stod truncated toward zero. A value that no int can hold (beyond the int range, infinite
+// or not a number) is refused the way std::stoi refuses one, with std::out_of_range, instead of
+// being converted with undefined behaviour.
+int truncatedInt(const std::string& text) {
+    const double value = std::stod(text);
+    if (!(value > static_cast<double>(INT_MIN) - 1.0 &&
+          value < static_cast<double>(INT_MAX) + 1.0)) {
+        throw std::out_of_range("stod: \"" + text + "\" does not fit an int");
+    }
+    return static_cast<int>(value);
+}
+
+}  // namespace
 
 FeatureInstance<PSMPowerOptFeature> PSMPowerOptFeature::featureInstance(
         PSMPowerOptFeature::kFeatureName);
@@ -23,7 +42,16 @@ PSMPowerOptFeature::PSMPowerOptFeature(PowerOptFeatureInfo info) : PowerOptFeatu
     }
     debugEnabled = powerHelper->debugEnabled != 0;
 
-    if (!initAnalyzeConfigs(info)) {
+    bool configured = false;
+    try {
+        configured = initAnalyzeConfigs(info);
+    } catch (...) {
+        // No destructor runs for a constructor that throws: give back the timers that the set-up
+        // steps created before the unparsable number was read.
+        deleteTimers();
+        throw;
+    }
+    if (!configured) {
         PWR_LOG(kModFeature, "PSMPowerOptFeature", 70, "Missing feature configs, return !!");
         return;
     }
@@ -41,7 +69,7 @@ bool PSMPowerOptFeature::initAnalyzeConfigs(PowerOptFeatureInfo& info) {
         PWR_LOG(kModFeature, "initAnalyzeConfigs", 84, "miss PSM_STATE");
         return false;
     }
-    mPsmState = static_cast<int>(std::stod(psmState->second));
+    mPsmState = truncatedInt(psmState->second);
 
     // operator[] on purpose: an absent profile is entered as empty, as the host's own lookups do.
     mLightModeProfile = info.profiles["PROFILE_LIGHT_MODE"];
@@ -67,10 +95,17 @@ bool PSMPowerOptFeature::initAnalyzeConfigs(PowerOptFeatureInfo& info) {
 
 PSMPowerOptFeature::~PSMPowerOptFeature() {
     PWR_LOG(kModFeature, "~PSMPowerOptFeature", 292, "Destructor %s", kFeatureName);
-    Timer timer;
-    timer.Timer_destroy(mDeepTimerStruct.load());
-    timer.Timer_destroy(mGameTimerStruct);
-    timer.Timer_destroy(mBatteryTimerStruct);
+    deleteTimers();
     // The helper goes before the remaining members; the database flushes its cache as it closes.
     powerHelper.reset();
+}
+
+void PSMPowerOptFeature::deleteTimers() {
+    Timer timer;
+    timer.Timer_destroy(mDeepTimerStruct.exchange(nullptr));
+    mDeepTimerStructCopy = nullptr;
+    timer.Timer_destroy(mGameTimerStruct);
+    mGameTimerStruct = nullptr;
+    timer.Timer_destroy(mBatteryTimerStruct);
+    mBatteryTimerStruct = nullptr;
 }

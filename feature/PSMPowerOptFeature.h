@@ -140,15 +140,18 @@ class PSMPowerOptFeature : public PowerOptFeature {
   private:
     friend class PSMPowerOptFeatureTestPeer;
 
-    // Event paths of sendEvents; `key` is the application name up to its first slash.
-    void handleStart(const std::string& key);
-    void handleStop(const AsyncTriggerPayload& payload, const std::string& key);
+    // Event paths of sendEvents; `key` is the application name up to its first slash. The stop
+    // path cuts the key from the event's name only where it classifies.
+    void handleStart(std::string key);
+    void handleStop(AsyncTriggerPayload& payload);
     void handleGameOff();
     void handlePowerModeHint(const AsyncTriggerPayload& payload);
     int psmMode() EXCLUDES(mStateMutex);
     int gameState() EXCLUDES(mStateMutex);
     void setPsmMode(int mode) EXCLUDES(mStateMutex);
     void setGameState(int state) EXCLUDES(mStateMutex);
+    // Deletes the deep, game and battery timers, in that order, and forgets them.
+    void deleteTimers();
     // The device leaves low-power mode (hint types 0 to 2): see "Leaving power saving" above.
     void leaveLowPowerMode();
 

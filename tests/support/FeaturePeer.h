@@ -30,6 +30,12 @@ class PSMPowerOptFeatureTestPeer {
         pwr::MutexLock lock(f.profileMutex);
         return f.heldProfileHandle;
     }
+    // Hands the feature a lock taken elsewhere as its held profile, as the GPU monitor's switch
+    // would leave it, without the switch's own work.
+    void setHeldProfileHandle(int handle) {
+        pwr::MutexLock lock(f.profileMutex);
+        f.heldProfileHandle = handle;
+    }
     // Runs fn(heldProfileHandle) under profileMutex, so that what the performance library holds
     // can be compared with the handle without a profile switch in between.
     template <typename Fn>
@@ -41,6 +47,11 @@ class PSMPowerOptFeatureTestPeer {
     Timer_s* batteryTimer() const { return f.mBatteryTimerStruct; }
     Timer_s* deepTimer() const { return f.mDeepTimerStruct.load(); }
     int gameTimerMs() const { return f.mGameTimerMs; }
+    // Low-power entry creates the deep timer; tests stand one in.
+    void setDeepTimer(Timer_s* timer) {
+        f.mDeepTimerStruct = timer;
+        f.mDeepTimerStructCopy = timer;
+    }
     PMDatabase<PSMReferenceOutput>* pmDatabase() const { return f.mPmDatabase.get(); }
     int pmDbStatus() const { return f.mPmDbStatus; }
 

@@ -1,0 +1,67 @@
+// PWR_LOG writes exactly what __android_log_print would with the prefix in its format.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <string>
+
+#include <android-base/stringprintf.h>
+
+#include "platform/Log.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+using pwr::test::LogCapture;
+
+// The line printf makes of the same call.
+template <typename... Args>
+std::string printfLine(const char* module, const char* function, int line, const char* format,
+                       Args... args) {
+    std::string full = android::base::StringPrintf("%s: %s() %d: ", module, function, line) +
+                       android::base::StringPrintf(format, args...);
+    return full.substr(0, 1023);  // liblog's limit for one message
+}
+
+// A null text the compiler cannot see through.
+const char* volatile gNullText = nullptr;
+
+TEST(Log, Line_PrefixTagAndPriority) {
+    LogCapture log;
+    PWR_LOG(pwr::kModFeature, "sendEvents", 398, "Triggering Gaming Usable Mode.");
+    const auto lines = log.lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].priority, ANDROID_LOG_ERROR);
+    EXPECT_EQ(lines[0].tag, "ANDR-PWR-OPT");
+    EXPECT_EQ(lines[0].message, "PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.");
+}
+
+// Each message compared with printf's rendering, the fast conversions and the fallback alike.
+#define EXPECT_LOGGED_AS_PRINTF(format, ...)                                               \
+    do {                                                                                   \
+        LogCapture log;                                                                    \
+        PWR_LOG("MOD", "fn", -12, format, ##__VA_ARGS__);                                  \
+        ASSERT_EQ(log.messages().size(), 1u);                                              \
+        EXPECT_EQ(log.messages()[0], printfLine("MOD", "fn", -12, format, ##__VA_ARGS__)); \
+    } while (0)
+
+TEST(Log, Message_FormattedLikePrintf) {
+    EXPECT_LOGGED_AS_PRINTF("plain text, no conversion\n");
+    EXPECT_LOGGED_AS_PRINTF("100%% sure");
+    EXPECT_LOGGED_AS_PRINTF("Stop hint %d for: %s", 4098, "com.example.game/.Main");
+    EXPECT_LOGGED_AS_PRINTF("%d %d %d %d", 0, -1, INT_MAX, INT_MIN);
+    EXPECT_LOGGED_AS_PRINTF("hex %x %x %x", 0x81u, 0u, 0xFFFFFFFFu);
+    EXPECT_LOGGED_AS_PRINTF("%s|%s|", "", gNullText);
+    EXPECT_LOGGED_AS_PRINTF("%d%%%s", 5, "x");
+    EXPECT_LOGGED_AS_PRINTF("Avg Current: %.2f", 12.345);
+    EXPECT_LOGGED_AS_PRINTF("Prop size %lu, %5d, %-3s|", 7ul, 42, "a");
+}
+
+TEST(Log, LongMessage_CutLikeLiblog) {
+    const std::string longText(3000, 'x');
+    EXPECT_LOGGED_AS_PRINTF("%s", longText.c_str());
+    EXPECT_LOGGED_AS_PRINTF("%s %.1f", longText.c_str(), 1.5);
+}
+
+}  // namespace

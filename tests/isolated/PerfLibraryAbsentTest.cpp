@@ -1,0 +1,108 @@
+// The feature and its performance binding in a process where "libvyr-perfd-client.so" cannot
+// be found: this program does not link the fake library and loads none of its variants.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <dlfcn.h>
+#include <link.h>
+
+#include "feature/PSMPowerOptFeature.h"
+#include "platform/PowerHelper.h"
+#include "platform/PowerOptClassifier.h"
+#include "tests/support/FeaturePeer.h"
+#include "tests/support/FeatureSetup.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TestConfig.h"
+
+namespace {
+
+using pwr::test::LogCapture;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+constexpr char kHelperOpen[] = "PowerHelper: getPerfhandle() 269: Unable to open perf lib: ";
+constexpr char kClassifierOpen[] = "PowerAppClassifier: Create() 32: Unable to open perf lib: ";
+
+// Where the loader found the library after all, to explain a failure.
+std::string loadedFrom(void* handle) {
+    link_map* map = nullptr;
+    if (handle == nullptr || dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0) return "?";
+    return map->l_name;
+}
+
+TEST(PerfLibraryAbsent, PowerHelper_OneMessageAndNoActuation) {
+    LogCapture log;
+    PowerHelper helper;
+    ASSERT_EQ(PowerHelper::perf_handle, nullptr)
+            << "found at " << loadedFrom(PowerHelper::perf_handle)
+            << " (a stale copy in a directory of the plug-in's RUNPATH?)";
+    const auto messages = log.messages();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_THAT(messages[0], StartsWith(kHelperOpen));
+    EXPECT_THAT(messages[0], HasSubstr("libvyr-perfd-client.so"));  // the loader's reason
+    EXPECT_EQ(PowerHelper::perf_handle, nullptr);
+    EXPECT_EQ(PowerHelper::perflock_acq, nullptr);
+    EXPECT_EQ(PowerHelper::perflock_rel, nullptr);
+    EXPECT_EQ(PowerHelper::perflock_hint, nullptr);
+
+    log.clear();
+    int list[] = {1, 2};
+    char app[] = "com.example.game";
+    EXPECT_EQ(helper.perflockAcquire(0, 100, list, 2), -1);
+    EXPECT_EQ(helper.perfhintEnable(0x1081, app, 10, 1), 0);
+    helper.perflockRelease(3);
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST(PerfLibraryAbsent, Classifier_CreateFails) {
+    LogCapture log;
+    EXPECT_EQ(PowerOptClassifier::Create(), nullptr);
+    const auto messages = log.messages();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_THAT(messages[0], StartsWith(kClassifierOpen));
+}
+
+TEST(PerfLibraryAbsent, Feature_NotReadyAndQuiet) {
+    LogCapture log;
+    auto feature = pwr::test::createFeature(pwr::test::minimalConfig());
+    PSMPowerOptFeatureTestPeer peer(*feature);
+    EXPECT_FALSE(peer.ready());
+    const auto messages = log.messages();
+    ASSERT_EQ(messages.size(), 3u);
+    EXPECT_THAT(messages[0], StartsWith(kHelperOpen));
+    EXPECT_THAT(messages[1], StartsWith(kClassifierOpen));
+    EXPECT_EQ(messages[2],
+              "PSMPOWEROPT: PSMPowerOptFeature() 62: mPowerOptClassifier is nullptr !!");
+
+    // Without a classifier every question answers no, silently, even when debugging.
+    log.clear();
+    peer.setDebugEnabled(true);
+    EXPECT_FALSE(feature->isGame("com.example.game"));
+    EXPECT_FALSE(feature->isPSMType("com.example.game"));
+    EXPECT_FALSE(feature->isBrowser("com.example.game"));
+    feature->sendEvents(pwr::test::event(0x15E0, "com.example.game", 0x81));
+    feature->sendEvents(pwr::test::event(0x1001, "com.example.game"));
+    EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST(PerfLibraryAbsent, ProfileLock_FailureLoggedEveryTime) {
+    auto feature = pwr::test::createFeature(pwr::test::minimalConfig());
+    PSMPowerOptFeatureTestPeer peer(*feature);
+    Profile profile{{1, 2}};
+    LogCapture log;
+    feature->applyProfileLock(profile);
+    feature->applyProfileLock(profile);
+    EXPECT_EQ(log.count("PSMPOWEROPT: readAndApplyProfile() 918: Failed to apply resource, "
+                        "handle = -1"),
+              2);
+    EXPECT_EQ(peer.heldProfileHandle(), -1);
+    int list[] = {1, 2};
+    EXPECT_EQ(feature->applyProfile(list, 2, 10), -1);
+    feature->releaseProfileLock();
+    EXPECT_EQ(log.countContaining("Releasing"), 0);
+}
+
+}  // namespace
