@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstdarg>
 #include <string>
 
 #include <android-base/stringprintf.h>
@@ -15,12 +16,22 @@ namespace {
 
 using pwr::test::LogCapture;
 
+// What vsnprintf makes of `format` and the arguments that follow.
+std::string printfText(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string text;
+    android::base::StringAppendV(&text, format, args);
+    va_end(args);
+    return text;
+}
+
 // The line printf makes of the same call.
 template <typename... Args>
 std::string printfLine(const char* module, const char* function, int line, const char* format,
                        Args... args) {
     std::string full = android::base::StringPrintf("%s: %s() %d: ", module, function, line) +
-                       android::base::StringPrintf(format, args...);
+                       printfText(format, args...);
     return full.substr(0, 1023);  // liblog's limit for one message
 }
 
