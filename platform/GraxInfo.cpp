@@ -7,7 +7,10 @@ GraxInfo* GraxInfo::getInstance() {
     return &instance;
 }
 
-GraxInfo::GraxInfo() = default;
+// mMaxTimeDelta bounds the averaging that lands with the readers; until then nothing reads it.
+GraxInfo::GraxInfo() {
+    static_cast<void>(mMaxTimeDelta);
+}
 
 int GraxInfo::InitFreqs() {
     return -5;
@@ -21,8 +24,8 @@ int GraxInfo::InitCapacity() {
 int GraxInfo::GetAvgUtil() {
     return 0;
 }
-int GraxInfo::GetAvgCapacity(bool) {
-    return 0;
+int GraxInfo::GetAvgCapacity(bool cached) {
+    return cached ? mAvgCapacity : 0;
 }
 int GraxInfo::GetMaxCapacity() {
     return 0;
@@ -51,5 +54,11 @@ int64_t GraxInfo::GetCapByLevel(int) {
 std::string GraxInfo::DumpVector2String() {
     return "";
 }
-void GraxInfo::SetLimitFreqEnable(bool, std::string) {}
-void GraxInfo::SetLimitFreqPerfCode(int, std::string) {}
+void GraxInfo::SetLimitFreqEnable(bool enable, std::string which) {
+    if (which == "max") mMaxLimitEnable = enable;
+    if (which == "min") mMinLimitEnable = enable;
+}
+void GraxInfo::SetLimitFreqPerfCode(int code, std::string which) {
+    if (which == "max") mMaxLimitPerfCode = code;
+    if (which == "min") mMinLimitPerfCode = code;
+}
