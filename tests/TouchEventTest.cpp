@@ -1,0 +1,497 @@
+// The touch event service: device search against a fake /dev/input, registrations, and a real
+// listener thread fed input_event records through a pipe.
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <linux/input.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <android-base/unique_fd.h>
+
+#include "platform/TouchEvent.h"
+#include "tests/support/DeviceTree.h"
+
+// Test access to the service's private state.
+class TouchEventTestPeer {
+  public:
+    explicit TouchEventTestPeer(TouchEvent& touch) : t(touch) {}
+
+    bool running() const { return t.mRunning; }
+    bool listening() const { return t.mListening; }
+    bool hasListener() const { return t.mThread.joinable(); }
+    bool hasPollRecord() const { return t.mPollRecord != nullptr; }
+    bool woken() {
+        pwr::MutexLock lock(t.mParkMutex);
+        return t.mWake != 0;
+    }
+    int enabledSummary() {
+        pwr::MutexLock lock(t.mRegistrationMutex);
+        return t.mEnabledSummary;
+    }
+    std::vector<int> registeredIds() {
+        pwr::MutexLock lock(t.mRegistrationMutex);
+        std::vector<int> ids;
+        for (const Touchevent_s* entry : t.mRegistrations) ids.push_back(entry->id);
+        return ids;
+    }
+
+  private:
+    TouchEvent& t;
+};
+
+namespace {
+
+using namespace std::chrono_literals;
+using pwr::test::DeviceTree;
+
+constexpr auto kWait = 5s;
+constexpr ssize_t kRecordSize = sizeof(input_event);
+
+// Polls `predicate` until it holds or `timeout` passes; for states no condition variable
+// announces (a pipe drained, an atomic flag set by the listener).
+bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = kWait) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!predicate()) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+// Whether a thread of this process sleeps in poll(2). The listener is the only thread of a test
+// that polls, so this tells that it has gone round its loop and waits for the next record.
+bool listenerBlockedInPoll() {
+    std::error_code ec;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task", ec)) {
+        std::ifstream syscallFile(task.path() / "syscall");
+        long number = -1;
+        if (!(syscallFile >> number)) continue;
+#ifdef SYS_poll
+        if (number == SYS_poll) return true;
+#endif
+        if (number == SYS_ppoll) return true;
+    }
+    return false;
+}
+
+// Every callback call, in order, as "<client><event>" ("A1" is client A told of a touch down).
+class CallLog {
+  public:
+    void add(const std::string& entry) {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            mCalls.push_back(entry);
+        }
+        mChanged.notify_all();
+    }
+    std::vector<std::string> calls() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mCalls;
+    }
+    bool waitForCount(size_t count) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mChanged.wait_for(lock, kWait, [&] { return mCalls.size() >= count; });
+    }
+
+  private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    std::vector<std::string> mCalls;
+};
+
+struct Client {
+    CallLog* log;
+    std::string name;
+};
+
+void recordTouch(void* context, int event) {
+    auto* client = static_cast<Client*>(context);
+    client->log->add(client->name + std::to_string(event));
+}
+
+// Stands in for the touch device: the listener reads the pipe's read end, the test writes
+// whole input_event records of this platform's size into the other.
+class FakeTouchDevice {
+  public:
+    FakeTouchDevice() {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
+        mReadEnd.reset(fds[0]);
+        mWriteEnd.reset(fds[1]);
+        mProbe.reset(fcntl(mReadEnd.get(), F_DUPFD_CLOEXEC, 0));
+    }
+
+    android::base::unique_fd takeReadEnd() { return std::move(mReadEnd); }
+
+    void send(uint16_t type, uint16_t code, int32_t value) {
+        input_event event = {};
+        event.type = type;
+        event.code = code;
+        event.value = value;
+        sendBytes(&event, sizeof(event));
+    }
+    void down(int32_t trackingId = 5) { send(EV_ABS, ABS_MT_TRACKING_ID, trackingId); }
+    void up() { send(EV_ABS, ABS_MT_TRACKING_ID, -1); }
+    void sendBytes(const void* data, size_t size) {
+        ASSERT_EQ(write(mWriteEnd.get(), data, size), static_cast<ssize_t>(size))
+                << strerror(errno);
+    }
+    // Bytes written and not yet read by the listener.
+    int pending() const {
+        int bytes = -1;
+        return ioctl(mProbe.get(), FIONREAD, &bytes) == 0 ? bytes : -1;
+    }
+
+  private:
+    android::base::unique_fd mReadEnd;
+    android::base::unique_fd mWriteEnd;  // kept open: a closed pipe polls as hung up
+    android::base::unique_fd mProbe;     // second descriptor of the read end, for FIONREAD
+};
+
+using Registration = std::unique_ptr<Touchevent_s, decltype(&free)>;
+
+// A service listening on a FakeTouchDevice, with clients logging into one CallLog. The service
+// is destroyed before the registrations, which the service never frees.
+class TouchListener : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        touch = std::make_unique<TouchEvent>(device.takeReadEnd());
+        ASSERT_TRUE(TouchEventTestPeer(*touch).hasListener());
+    }
+
+    Touchevent_s* add(const std::string& name, int id) {
+        clients.push_back(std::make_unique<Client>(Client{&calls, name}));
+        Touchevent_s* entry = touch->touchEventRegister(recordTouch, clients.back().get(), id);
+        if (entry != nullptr) registrations.emplace_back(entry, free);
+        return entry;
+    }
+
+    // A listener blocked in its poll leaves only on the next record: destroy the service on the
+    // side and feed it records (no-ops) until it is gone.
+    void TearDown() override {
+        if (touch == nullptr) return;
+        auto destroyed = std::async(std::launch::async, [this] { touch.reset(); });
+        const auto deadline = std::chrono::steady_clock::now() + kWait;
+        while (destroyed.wait_for(10ms) != std::future_status::ready) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                ADD_FAILURE() << "the listener did not stop";
+                std::_Exit(1);  // joining would hang for ever
+            }
+            device.send(EV_SYN, SYN_REPORT, 0);
+        }
+    }
+
+    TouchEventTestPeer peer() { return TouchEventTestPeer(*touch); }
+
+    CallLog calls;
+    std::vector<std::unique_ptr<Client>> clients;
+    std::vector<Registration> registrations;
+    FakeTouchDevice device;
+    std::unique_ptr<TouchEvent> touch;
+};
+
+// ---- Device search ----
+
+TEST(TouchEvent, NoInputDirectory_NoListener) {
+    DeviceTree tree;
+    TouchEvent touch;
+    TouchEventTestPeer peer(touch);
+    EXPECT_FALSE(peer.running());
+    EXPECT_FALSE(peer.hasListener());
+    EXPECT_FALSE(peer.hasPollRecord());
+    EXPECT_EQ(touch.searchTouchDevice(), -1);
+}
+
+TEST(TouchEvent, NoEvdevDeviceUnderInput_NoListener) {
+    DeviceTree tree;
+    // Regular files and a directory: open succeeds, the evdev queries fail on all of them.
+    tree.write("/dev/input/event0", "fts_ts\n");
+    tree.write("/dev/input/event1", "");
+    tree.mkdirs("/dev/input/by-path");
+    TouchEvent touch;
+    TouchEventTestPeer peer(touch);
+    EXPECT_FALSE(peer.running());
+    EXPECT_FALSE(peer.hasListener());
+    EXPECT_FALSE(peer.hasPollRecord());
+    EXPECT_EQ(touch.searchTouchDevice(), -1);
+    std::string file = "/dev/input/event0";
+    std::string dir = "/dev/input/by-path";
+    std::string missing = "/dev/input/event9";
+    EXPECT_EQ(touch.checkTouchDevice(file.data()), -1);
+    EXPECT_EQ(touch.checkTouchDevice(dir.data()), -1);
+    EXPECT_EQ(touch.checkTouchDevice(missing.data()), -1);
+}
+
+TEST(TouchEvent, InvalidDescriptor_NoListener) {
+    TouchEvent touch{android::base::unique_fd()};
+    TouchEventTestPeer peer(touch);
+    EXPECT_FALSE(peer.running());
+    EXPECT_FALSE(peer.hasListener());
+}
+
+// ---- Registrations (no listener needed) ----
+
+TEST(TouchEvent, Register_RefusesNullContextAndDuplicateIds) {
+    TouchEvent touch{android::base::unique_fd()};
+    CallLog log;
+    Client a{&log, "A"};
+    Client b{&log, "B"};
+    EXPECT_EQ(touch.touchEventRegister(recordTouch, nullptr, 1), nullptr);
+
+    Registration first(touch.touchEventRegister(recordTouch, &a, 1), free);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->callback, &recordTouch);
+    EXPECT_EQ(first->id, 1);
+    EXPECT_EQ(first->context, &a);
+    EXPECT_EQ(first->enabled, 0);
+
+    EXPECT_EQ(touch.touchEventRegister(recordTouch, &b, 1), nullptr);
+    Registration second(touch.touchEventRegister(recordTouch, &b, 2), free);
+    ASSERT_NE(second, nullptr);
+    EXPECT_EQ(TouchEventTestPeer(touch).registeredIds(), (std::vector<int>{1, 2}));
+}
+
+TEST(TouchEvent, Deregister_RemovesByIdKeepingOrder) {
+    TouchEvent touch{android::base::unique_fd()};
+    CallLog log;
+    Client client{&log, "A"};
+    std::vector<Registration> owned;
+    for (int id : {1, 2, 3, 4}) {
+        owned.emplace_back(touch.touchEventRegister(recordTouch, &client, id), free);
+        ASSERT_NE(owned.back(), nullptr);
+    }
+    TouchEventTestPeer peer(touch);
+
+    EXPECT_EQ(touch.touchEventDeregister(nullptr), 0);
+    EXPECT_FALSE(touch.isTouchRegistered(nullptr));
+
+    EXPECT_EQ(touch.touchEventDeregister(owned[1].get()), 1);
+    EXPECT_EQ(peer.registeredIds(), (std::vector<int>{1, 3, 4}));
+    EXPECT_FALSE(touch.isTouchRegistered(owned[1].get()));
+    EXPECT_TRUE(touch.isTouchRegistered(owned[0].get()));
+
+    // Matching is by id: another record carrying id 3 removes the registration of 3.
+    Touchevent_s sameId = {recordTouch, 3, &client, 0};
+    EXPECT_TRUE(touch.isTouchRegistered(&sameId));
+    EXPECT_EQ(touch.touchEventDeregister(&sameId), 1);
+    EXPECT_EQ(peer.registeredIds(), (std::vector<int>{1, 4}));
+
+    // Unknown ids are accepted and change nothing; a freed id can be registered again.
+    EXPECT_EQ(touch.touchEventDeregister(owned[1].get()), 1);
+    EXPECT_EQ(peer.registeredIds(), (std::vector<int>{1, 4}));
+    Registration again(touch.touchEventRegister(recordTouch, &client, 2), free);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(peer.registeredIds(), (std::vector<int>{1, 4, 2}));
+}
+
+TEST(TouchEvent, Notify_SummaryIsTakenBeforeTheChange) {
+    TouchEvent touch{android::base::unique_fd()};
+    CallLog log;
+    Client client{&log, "A"};
+    Registration a(touch.touchEventRegister(recordTouch, &client, 1), free);
+    Registration b(touch.touchEventRegister(recordTouch, &client, 2), free);
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    TouchEventTestPeer peer(touch);
+
+    // Disabling and a null entry never wake.
+    touch.touchEventNotify(a.get(), false);
+    touch.touchEventNotify(nullptr, false);
+    EXPECT_FALSE(peer.woken());
+
+    touch.touchEventNotify(a.get(), true);
+    EXPECT_EQ(a->enabled, 1);
+    EXPECT_EQ(peer.enabledSummary(), 0);
+    EXPECT_TRUE(peer.woken());
+
+    touch.touchEventNotify(b.get(), true);
+    EXPECT_EQ(peer.enabledSummary(), 1);
+    touch.touchEventNotify(a.get(), false);
+    touch.touchEventNotify(b.get(), false);
+    EXPECT_EQ(peer.enabledSummary(), 1);
+    EXPECT_EQ(a->enabled, 0);
+    EXPECT_EQ(b->enabled, 0);
+    touch.touchEventNotify(b.get(), false);
+    EXPECT_EQ(peer.enabledSummary(), 0);
+    // A null entry resets the summary and changes no flag.
+    touch.touchEventNotify(a.get(), true);
+    touch.touchEventNotify(b.get(), true);
+    EXPECT_EQ(peer.enabledSummary(), 1);
+    touch.touchEventNotify(nullptr, false);
+    EXPECT_EQ(peer.enabledSummary(), 0);
+    EXPECT_EQ(a->enabled, 1);
+    EXPECT_EQ(b->enabled, 1);
+}
+
+TEST(TouchEvent, NotifyWithNullEntryWakes) {
+    TouchEvent touch{android::base::unique_fd()};
+    touch.touchEventNotify(nullptr, true);
+    EXPECT_TRUE(TouchEventTestPeer(touch).woken());
+}
+
+TEST(TouchEvent, TouchNotifyWakes) {
+    TouchEvent touch{android::base::unique_fd()};
+    TouchEventTestPeer peer(touch);
+    EXPECT_FALSE(peer.woken());
+    touch.touchNotify();
+    EXPECT_TRUE(peer.woken());
+}
+
+// ---- The listener thread ----
+
+TEST_F(TouchListener, DownAndUpReachEnabledRegistrationsInOrder) {
+    Touchevent_s* a = add("A", 10);
+    Touchevent_s* b = add("B", 20);
+    Touchevent_s* c = add("C", 30);
+    ASSERT_TRUE(a && b && c);
+    touch->touchEventNotify(c, true);
+    touch->touchEventNotify(a, true);
+    device.down(0);  // tracking ids start at 0: still a new contact
+    device.up();
+    device.down(7);
+    ASSERT_TRUE(calls.waitForCount(6));
+    EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "C1", "A2", "C2", "A1", "C1"}));
+}
+
+TEST_F(TouchListener, OtherEventsCallNothing) {
+    Touchevent_s* a = add("A", 1);
+    ASSERT_NE(a, nullptr);
+    touch->touchEventNotify(a, true);
+    device.send(EV_ABS, ABS_MT_POSITION_X, 540);
+    device.send(EV_ABS, ABS_MT_POSITION_Y, 1200);
+    device.send(EV_ABS, ABS_MT_PRESSURE, 40);
+    device.send(EV_ABS, ABS_MT_SLOT, -1);
+    device.send(EV_KEY, BTN_TOUCH, 1);
+    device.send(EV_KEY, ABS_MT_TRACKING_ID, -1);  // the code of a contact, but not EV_ABS
+    device.send(EV_SYN, SYN_REPORT, 0);
+    device.up();  // marks the end: everything before it has been read
+    ASSERT_TRUE(calls.waitForCount(1));
+    EXPECT_EQ(calls.calls(), std::vector<std::string>{"A2"});
+}
+
+TEST_F(TouchListener, ShortRecordIsSkipped) {
+    Touchevent_s* a = add("A", 1);
+    ASSERT_NE(a, nullptr);
+    touch->touchEventNotify(a, true);
+    input_event event = {};
+    event.type = EV_ABS;
+    event.code = ABS_MT_TRACKING_ID;
+    event.value = 3;
+    device.sendBytes(&event, sizeof(event) - 4);
+    ASSERT_TRUE(waitUntil([&] { return device.pending() == 0; }));
+    device.down();
+    ASSERT_TRUE(calls.waitForCount(1));
+    EXPECT_EQ(calls.calls(), std::vector<std::string>{"A1"});
+}
+
+TEST_F(TouchListener, DeregistrationKeepsTheOrderOfOthers) {
+    Touchevent_s* a = add("A", 1);
+    Touchevent_s* b = add("B", 2);
+    Touchevent_s* c = add("C", 3);
+    ASSERT_TRUE(a && b && c);
+    for (Touchevent_s* entry : {a, b, c}) touch->touchEventNotify(entry, true);
+    device.down();
+    ASSERT_TRUE(calls.waitForCount(3));
+    EXPECT_EQ(touch->touchEventDeregister(b), 1);
+    Touchevent_s* d = add("D", 4);
+    ASSERT_NE(d, nullptr);
+    touch->touchEventNotify(d, true);
+    device.up();
+    ASSERT_TRUE(calls.waitForCount(6));
+    EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "B1", "C1", "A2", "C2", "D2"}));
+}
+
+TEST_F(TouchListener, ParksUntilWokenAndStaysAwakeOnceWoken) {
+    TouchEventTestPeer p = peer();
+    EXPECT_TRUE(p.running());
+    EXPECT_FALSE(p.listening());
+    Touchevent_s* a = add("A", 1);
+    Touchevent_s* b = add("B", 2);
+    ASSERT_TRUE(a && b);
+
+    // Parked: a record waits unread, and disabling wakes nothing.
+    device.send(EV_ABS, ABS_MT_POSITION_X, 1);
+    touch->touchEventNotify(a, false);
+    EXPECT_FALSE(p.woken());
+    EXPECT_EQ(device.pending(), kRecordSize);
+
+    // Enabling wakes the listener, which reads what is waiting and then listens.
+    touch->touchEventNotify(a, true);
+    ASSERT_TRUE(waitUntil([&] { return device.pending() == 0; }));
+    EXPECT_TRUE(p.listening());
+    device.down();
+    ASSERT_TRUE(calls.waitForCount(1));
+    ASSERT_TRUE(waitUntil(listenerBlockedInPoll));
+
+    // Disabling the last enabled registration leaves the listener listening until the next
+    // call, which asks it to park after its current poll.
+    touch->touchEventNotify(a, false);
+    EXPECT_TRUE(p.listening());
+    EXPECT_EQ(p.enabledSummary(), 1);
+    touch->touchEventNotify(a, false);
+    EXPECT_EQ(p.enabledSummary(), 0);
+    EXPECT_FALSE(p.listening());
+
+    // The wake is never cleared, so the park after this record returns at once and the
+    // listener listens again; with nothing enabled it calls nobody.
+    device.up();
+    ASSERT_TRUE(waitUntil([&] { return p.listening(); }));
+    EXPECT_EQ(device.pending(), 0);
+
+    // B's down arrives after A's up has been handled: A was not called for it.
+    touch->touchEventNotify(b, true);
+    device.down();
+    ASSERT_TRUE(calls.waitForCount(2));
+    touch->touchEventNotify(a, true);
+    device.up();
+    ASSERT_TRUE(calls.waitForCount(4));
+    EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "B1", "A2", "B2"}));
+}
+
+TEST_F(TouchListener, DestructionWaitsInPollForOneMoreEvent) {
+    Touchevent_s* a = add("A", 1);
+    ASSERT_NE(a, nullptr);
+    touch->touchEventNotify(a, true);
+    device.down();
+    ASSERT_TRUE(calls.waitForCount(1));
+    ASSERT_TRUE(waitUntil(listenerBlockedInPoll));
+
+    auto destroyed = std::async(std::launch::async, [this] { touch.reset(); });
+    // The listener is blocked in a poll without timeout: the destructor cannot finish yet.
+    EXPECT_EQ(destroyed.wait_for(100ms), std::future_status::timeout);
+    device.up();
+    ASSERT_EQ(destroyed.wait_for(kWait), std::future_status::ready);
+    // The record that unblocked the poll was still handled before the listener left.
+    EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "A2"}));
+}
+
+TEST_F(TouchListener, DestructionOfAParkedListenerReturns) {
+    Touchevent_s* a = add("A", 1);
+    ASSERT_NE(a, nullptr);
+    device.down();
+    auto destroyed = std::async(std::launch::async, [this] { touch.reset(); });
+    ASSERT_EQ(destroyed.wait_for(kWait), std::future_status::ready);
+    // Woken only to stop, it never polled: the record is still unread.
+    EXPECT_EQ(device.pending(), kRecordSize);
+    EXPECT_TRUE(calls.calls().empty());
+}
+
+}  // namespace
