@@ -3,6 +3,7 @@
 // hand-over of other timers to the C library, and timers in a forked child.
 
 #include "tests/support/ThreadTimers.h"
+#include "tests/support/TimerSyscalls.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -11,7 +12,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -163,6 +163,40 @@ TEST(ThreadTimers, OtherNotifications_AreTheCLibrarys) {
     EXPECT_GT(now.it_value.tv_sec, 3500);
     EXPECT_EQ(now.it_interval.tv_sec, 3600);
     EXPECT_EQ(timer_delete(id), 0) << strerror(errno);
+}
+
+// Every call is recorded for TimerSyscalls, this file's timers and the C library's alike, with
+// its result.
+TEST(ThreadTimers, Calls_AreRecordedForTimerSyscalls) {
+    using pwr::test::TimerSyscalls;
+    Gate& gate = keepGate();
+    TimerSyscalls::reset();
+    timer_t own = createTimer(&gate);
+    timer_t libc = createTimer(nullptr, SIGEV_NONE);
+    EXPECT_EQ(TimerSyscalls::created(), (std::vector<timer_t>{own, libc}));
+
+    ASSERT_EQ(armEvery(own, 3600000ms), 0);
+    itimerspec bad{};
+    bad.it_value.tv_nsec = -1;
+    EXPECT_EQ(timer_settime(own, 0, &bad, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL) << "recording keeps the call's errno";
+    ASSERT_EQ(armEvery(libc, 3600000ms), 0);
+    const std::vector<pwr::test::SettimeCall> calls = TimerSyscalls::settimesOf(own);
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].result, 0);
+    EXPECT_EQ(calls[0].spec.it_interval.tv_sec, 3600);
+    EXPECT_EQ(calls[1].result, -1);
+    EXPECT_EQ(calls[1].spec.it_value.tv_nsec, -1);
+    EXPECT_EQ(TimerSyscalls::settimesOf(libc).size(), 1u);
+    EXPECT_EQ(TimerSyscalls::settimes().size(), 3u);
+
+    ASSERT_EQ(timer_delete(own), 0);
+    ASSERT_EQ(timer_delete(libc), 0);
+    EXPECT_EQ(TimerSyscalls::deleted(), (std::vector<timer_t>{own, libc}));
+    TimerSyscalls::reset();
+    EXPECT_TRUE(TimerSyscalls::created().empty());
+    EXPECT_TRUE(TimerSyscalls::settimes().empty());
+    EXPECT_TRUE(TimerSyscalls::deleted().empty());
 }
 
 #if defined(__SANITIZE_THREAD__)

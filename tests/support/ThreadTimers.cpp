@@ -4,6 +4,7 @@
 // thread for each expiry that is due, as the C library's helper thread does for SIGEV_THREAD.
 
 #include "tests/support/ThreadTimers.h"
+#include "tests/support/TimerSyscalls.h"
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <climits>
 #include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -274,12 +276,10 @@ class TimerService {
     bool mSchedulerStarted = false;
 };
 
-}  // namespace
+// The timer calls, each answered by this file's timers or, for any other timer, by the C
+// library's.
 
-// The C entry points. Anything that is not a timer of this file goes to the C library.
-
-extern "C" __attribute__((visibility("default"))) int timer_create(clockid_t clock, sigevent* event,
-                                                                   timer_t* id) noexcept {
+int createTimer(clockid_t clock, sigevent* event, timer_t* id) {
     if (event == nullptr || event->sigev_notify != SIGEV_THREAD || !ownClock(clock)) {
         static const auto libc =
                 libcFunction<int (*)(clockid_t, sigevent*, timer_t*)>("timer_create");
@@ -293,9 +293,7 @@ extern "C" __attribute__((visibility("default"))) int timer_create(clockid_t clo
     }
 }
 
-extern "C" __attribute__((visibility("default"))) int timer_settime(timer_t id, int flags,
-                                                                    const itimerspec* spec,
-                                                                    itimerspec* old) noexcept {
+int setTimer(timer_t id, int flags, const itimerspec* spec, itimerspec* old) {
     if (!TimerService::instance().owns(id)) {
         static const auto libc =
                 libcFunction<int (*)(timer_t, int, const itimerspec*, itimerspec*)>(
@@ -307,8 +305,7 @@ extern "C" __attribute__((visibility("default"))) int timer_settime(timer_t id, 
     return TimerService::instance().settime(id, flags, *spec, old);
 }
 
-extern "C" __attribute__((visibility("default"))) int timer_gettime(timer_t id,
-                                                                    itimerspec* out) noexcept {
+int getTimer(timer_t id, itimerspec* out) {
     if (!TimerService::instance().owns(id)) {
         static const auto libc = libcFunction<int (*)(timer_t, itimerspec*)>("timer_gettime");
         return libc != nullptr ? libc(id, out) : fail(ENOSYS);
@@ -317,7 +314,7 @@ extern "C" __attribute__((visibility("default"))) int timer_gettime(timer_t id,
     return TimerService::instance().gettime(id, out);
 }
 
-extern "C" __attribute__((visibility("default"))) int timer_getoverrun(timer_t id) noexcept {
+int overrunOf(timer_t id) {
     if (!TimerService::instance().owns(id)) {
         static const auto libc = libcFunction<int (*)(timer_t)>("timer_getoverrun");
         return libc != nullptr ? libc(id) : fail(ENOSYS);
@@ -325,12 +322,83 @@ extern "C" __attribute__((visibility("default"))) int timer_getoverrun(timer_t i
     return TimerService::instance().getoverrun(id);
 }
 
-extern "C" __attribute__((visibility("default"))) int timer_delete(timer_t id) noexcept {
+int deleteTimer(timer_t id) {
     if (!TimerService::instance().owns(id)) {
         static const auto libc = libcFunction<int (*)(timer_t)>("timer_delete");
         return libc != nullptr ? libc(id) : fail(ENOSYS);
     }
     return TimerService::instance().remove(id);
+}
+
+// What pwr::test::TimerSyscalls reads back: the creations, arming calls and deletions made, the
+// latest kMaxRecorded of each, so that a long test (a stress run arms timers millions of times)
+// does not grow without bound.
+constexpr size_t kMaxRecorded = 1 << 16;
+
+struct CallRecord {
+    std::mutex mutex;
+    // All fields below are guarded by mutex.
+    std::deque<timer_t> created;
+    std::deque<timer_t> deleted;
+    std::deque<pwr::test::SettimeCall> settimes;
+
+    template <typename T>
+    static void add(std::deque<T>& list, const T& entry) {
+        if (list.size() == kMaxRecorded) list.pop_front();
+        list.push_back(entry);
+    }
+};
+
+CallRecord& callRecord() {
+    static auto* record = new CallRecord();  // never destroyed: late callbacks may still call
+    return *record;
+}
+
+}  // namespace
+
+// The C entry points: the call, then its record.
+
+extern "C" __attribute__((visibility("default"))) int timer_create(clockid_t clock, sigevent* event,
+                                                                   timer_t* id) noexcept {
+    const int result = createTimer(clock, event, id);
+    if (result == 0) {
+        std::lock_guard<std::mutex> lock(callRecord().mutex);
+        CallRecord::add(callRecord().created, *id);
+    }
+    return result;
+}
+
+extern "C" __attribute__((visibility("default"))) int timer_settime(timer_t id, int flags,
+                                                                    const itimerspec* spec,
+                                                                    itimerspec* old) noexcept {
+    const int saved = errno;
+    const int result = setTimer(id, flags, spec, old);
+    const int error = result == 0 ? saved : errno;
+    {
+        std::lock_guard<std::mutex> lock(callRecord().mutex);
+        CallRecord::add(
+                callRecord().settimes,
+                pwr::test::SettimeCall{id, flags, spec != nullptr ? *spec : itimerspec{}, result});
+    }
+    errno = error;
+    return result;
+}
+
+extern "C" __attribute__((visibility("default"))) int timer_gettime(timer_t id,
+                                                                    itimerspec* out) noexcept {
+    return getTimer(id, out);
+}
+
+extern "C" __attribute__((visibility("default"))) int timer_getoverrun(timer_t id) noexcept {
+    return overrunOf(id);
+}
+
+extern "C" __attribute__((visibility("default"))) int timer_delete(timer_t id) noexcept {
+    {
+        std::lock_guard<std::mutex> lock(callRecord().mutex);
+        CallRecord::add(callRecord().deleted, id);
+    }
+    return deleteTimer(id);
 }
 
 namespace pwr::test {
@@ -345,6 +413,36 @@ int armedTimers() {
 
 bool waitForTimerCallbacks(std::chrono::milliseconds timeout) {
     return TimerService::instance().waitIdle(timeout);
+}
+
+void TimerSyscalls::reset() {
+    std::lock_guard<std::mutex> lock(callRecord().mutex);
+    callRecord().created.clear();
+    callRecord().deleted.clear();
+    callRecord().settimes.clear();
+}
+
+std::vector<timer_t> TimerSyscalls::created() {
+    std::lock_guard<std::mutex> lock(callRecord().mutex);
+    return {callRecord().created.begin(), callRecord().created.end()};
+}
+
+std::vector<timer_t> TimerSyscalls::deleted() {
+    std::lock_guard<std::mutex> lock(callRecord().mutex);
+    return {callRecord().deleted.begin(), callRecord().deleted.end()};
+}
+
+std::vector<SettimeCall> TimerSyscalls::settimes() {
+    std::lock_guard<std::mutex> lock(callRecord().mutex);
+    return {callRecord().settimes.begin(), callRecord().settimes.end()};
+}
+
+std::vector<SettimeCall> TimerSyscalls::settimesOf(timer_t id) {
+    std::vector<SettimeCall> out;
+    for (const SettimeCall& call : settimes()) {
+        if (call.id == id) out.push_back(call);
+    }
+    return out;
 }
 
 }  // namespace pwr::test

@@ -2,7 +2,8 @@
 
 // POSIX timers for test programs. Every test program links tests/support/ThreadTimers.cpp, which
 // defines timer_create, timer_settime, timer_gettime, timer_getoverrun and timer_delete itself, so
-// the plug-in's calls bind to them instead of the C library's.
+// the plug-in's calls bind to them instead of the C library's. It also records the calls for
+// pwr::test::TimerSyscalls (tests/support/TimerSyscalls.h).
 //
 // Why: the C library runs SIGEV_THREAD notifications on a helper thread that it starts with its
 // own internal thread creation; ThreadSanitizer never sees that thread created and crashes in it,
