@@ -1,5 +1,8 @@
 #include "feature/PSMPowerOptFeature.h"
 
+#include <climits>
+#include <stdexcept>
+
 #include "platform/GraxInfo.h"
 #include "platform/Log.h"
 #include "platform/PowerHelper.h"
@@ -8,6 +11,22 @@
 #include "pmdb/PSMReferenceOutput.h"
 
 using pwr::kModFeature;
+
+namespace {
+
+// std::stod truncated toward zero. A value that no int can hold (beyond the int range, infinite
+// or not a number) is refused the way std::stoi refuses one, with std::out_of_range, instead of
+// being converted with undefined behaviour.
+int truncatedInt(const std::string& text) {
+    const double value = std::stod(text);
+    if (!(value > static_cast<double>(INT_MIN) - 1.0 &&
+          value < static_cast<double>(INT_MAX) + 1.0)) {
+        throw std::out_of_range("stod: \"" + text + "\" does not fit an int");
+    }
+    return static_cast<int>(value);
+}
+
+}  // namespace
 
 FeatureInstance<PSMPowerOptFeature> PSMPowerOptFeature::featureInstance(
         PSMPowerOptFeature::kFeatureName);
@@ -41,7 +60,7 @@ bool PSMPowerOptFeature::initAnalyzeConfigs(PowerOptFeatureInfo& info) {
         PWR_LOG(kModFeature, "initAnalyzeConfigs", 84, "miss PSM_STATE");
         return false;
     }
-    mPsmState = static_cast<int>(std::stod(psmState->second));
+    mPsmState = truncatedInt(psmState->second);
 
     // operator[] on purpose: an absent profile is entered as empty, as the host's own lookups do.
     mLightModeProfile = info.profiles["PROFILE_LIGHT_MODE"];
