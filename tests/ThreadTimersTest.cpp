@@ -101,9 +101,11 @@ TEST(ThreadTimers, Expiries_CountEveryCallbackStarted) {
 TEST(ThreadTimers, ArmedTimers_CountsPeriodicAndPendingOneShots) {
     Gate& gate = keepGate();
     const int before = pwr::test::armedTimers();
+    const int existing = pwr::test::liveTimers();
     timer_t periodic = createTimer(&gate);
     timer_t single = createTimer(&gate);
     EXPECT_EQ(pwr::test::armedTimers(), before);
+    EXPECT_EQ(pwr::test::liveTimers(), existing + 2);
 
     ASSERT_EQ(armEvery(periodic, 3600000ms), 0);
     itimerspec soon{};
@@ -116,6 +118,7 @@ TEST(ThreadTimers, ArmedTimers_CountsPeriodicAndPendingOneShots) {
     ASSERT_EQ(timer_delete(periodic), 0);
     EXPECT_EQ(pwr::test::armedTimers(), before) << "a deleted timer is not armed";
     ASSERT_EQ(timer_delete(single), 0);
+    EXPECT_EQ(pwr::test::liveTimers(), existing);
 }
 
 TEST(ThreadTimers, WaitForTimerCallbacks_WaitsForTheRunningOne) {

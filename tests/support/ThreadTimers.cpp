@@ -166,6 +166,11 @@ class TimerService {
         return timer != nullptr ? timer->expiries : 0;
     }
 
+    int liveCount() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return static_cast<int>(mTimers.size());
+    }
+
     int armedCount() {
         std::lock_guard<std::mutex> lock(mMutex);
         int n = 0;
@@ -405,6 +410,10 @@ namespace pwr::test {
 
 uint64_t timerExpiries(timer_t timer) {
     return TimerService::instance().expiries(timer);
+}
+
+int liveTimers() {
+    return TimerService::instance().liveCount();
 }
 
 int armedTimers() {

@@ -31,6 +31,10 @@ namespace pwr::test {
 // Expiries of `timer` handed to its notify function so far; 0 for a timer that does not exist.
 uint64_t timerExpiries(timer_t timer);
 
+// Number of timers of this process that exist now (created and not deleted), armed or not.
+// Stands for counting the kernel's timers in /proc/self/timers, which these timers are not.
+int liveTimers();
+
 // Number of timers of this process that are armed now.
 int armedTimers();
 
