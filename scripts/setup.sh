@@ -7,13 +7,5 @@ PACKAGES=(
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libtinyxml2-dev nlohmann-json3-dev
 )
-missing=()
-for p in "${PACKAGES[@]}"; do
-    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-    SUDO=""
-    [ "$(id -u)" -ne 0 ] && SUDO=sudo
-    $SUDO apt-get update
-    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
-fi
+source "$(dirname "$0")/lib/apt.sh"
+pwr_apt_install "${PACKAGES[@]}"

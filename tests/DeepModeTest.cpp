@@ -22,6 +22,7 @@
 #include "tests/support/FeatureFactory.h"
 #include "tests/support/FeaturePeer.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ThreadTimers.h"
 #include "tests/support/TimerThreads.h"
 
 namespace {
@@ -279,6 +280,8 @@ TEST_F(DeepMode, LeavingBeforeTheLockIsGrantedStopsTheDeepTimer) {
     EXPECT_EQ(log.countContaining("resetDeepMode()"), 0);
     EXPECT_EQ(peer.deepModeState(), 0);
     EXPECT_EQ(propertyValue(peer.propList()[0]), "<unset>");
+    // A retry already running must finish before the feature goes.
+    EXPECT_TRUE(pwr::test::waitForTimerCallbacks());
 }
 
 // --- The whole cycle with the real timer and the state store ---

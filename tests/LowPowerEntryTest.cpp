@@ -6,8 +6,6 @@
 
 #include <string>
 
-#include <android-base/file.h>
-#include <android-base/strings.h>
 
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
@@ -17,6 +15,7 @@
 #include "tests/support/FeaturePeer.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TestConfig.h"
+#include "tests/support/ThreadTimers.h"
 
 namespace {
 
@@ -28,15 +27,9 @@ using pwr::test::powerModeHint;
 using pwr::test::propertyValue;
 using pwr::test::setProperty;
 
-// The POSIX timers this process holds, as the kernel lists them.
+// The POSIX timers this process holds (the test program provides the timer calls).
 int processTimers() {
-    std::string text;
-    if (!android::base::ReadFileToString("/proc/self/timers", &text)) return -1;
-    int count = 0;
-    for (const std::string& line : android::base::Split(text, "\n")) {
-        count += android::base::StartsWith(line, "ID:") ? 1 : 0;
-    }
-    return count;
+    return pwr::test::liveTimers();
 }
 
 class LowPowerEntry : public ::testing::Test {

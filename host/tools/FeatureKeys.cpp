@@ -107,10 +107,10 @@ class Checker {
         try {
             if (conversion == Conversion::Double) {
                 const double d = std::stod(*value, &used);
-                // The feature truncates to int; beyond int's range that is undefined.
+                // The feature refuses a value no int can hold with std::out_of_range.
                 if (!std::isfinite(d) || d <= double{INT_MIN} - 1 || d >= double{INT_MAX} + 1) {
-                    add(Effect::Misbehaves, key, false,
-                        quoted + " is not a finite number within the int range");
+                    add(Effect::Throws, key, false,
+                        quoted + " does not fit an int (the feature throws std::out_of_range)");
                     return false;
                 }
                 result = static_cast<int>(d);
@@ -142,6 +142,11 @@ class Checker {
         if (it == mInfo.profiles.end() || it->second.empty()) {
             add(Effect::NotReady, name, true,
                 std::string("profile \"") + name + "\" is missing or has no <PerfLock>");
+        } else if (it->second[0].empty() && std::string(name) == "PSM_OPT_RESOURCE") {
+            // Deep mode's set-up needs the boost opcode, the first int of the first list.
+            add(Effect::NotReady, name, true,
+                std::string("profile \"") + name + "\" has an empty first <PerfLock>; deep mode "
+                        "needs the task-load boost opcode there");
         } else if (it->second[0].empty()) {
             add(Effect::Misbehaves, name, true,
                 std::string("profile \"") + name +

@@ -1,0 +1,342 @@
+// Host events against timer threads, at volume.
+//
+// Two features run side by side, as in a power service: one whose PSM mode follows the usable
+// power mode hints (gaming mode with the game timer at a 2 ms period, and low-power entries that
+// start the deep-mode timer), and one that its configuration fixes in battery-watch mode (the
+// battery timer, once a second). One thread delivers tens of thousands of events to both
+// while their timers fire on their own threads. The sanitizer builds of the suite run this to
+// find data races, lock-order inversions and use after free between sendEvents and the timer
+// callbacks; the test itself checks that every timer the features created fired while events
+// were arriving, that the features' own events disarm their timers, and that each feature's one
+// profile lock agrees with what the performance library holds.
+
+#include <algorithm>
+#include <chrono>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "feature/PSMPowerOptFeature.h"
+#include "host/PluginHost.h"
+#include "host/fakeperf/FakePerf.h"
+#include "platform/Timer.h"
+#include "tests/support/DeviceTree.h"
+#include "tests/support/FeaturePeer.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/ThreadTimers.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kMinEvents = 40000;
+constexpr uint64_t kMinGameTicks = 200;
+constexpr uint64_t kMinBatteryTicks = 4;
+// Game timer ticks per gaming session: enough for the GPU monitor to settle, evaluate and switch.
+// A session also ends after a number of events, so that a slow timer does not hold it open.
+constexpr uint64_t kTicksPerSession = 8;
+constexpr int kMaxEventsPerSession = 4000;
+// Battery timer ticks between two re-armings of it.
+constexpr uint64_t kBatteryTicksPerArming = 3;
+constexpr auto kTimeout = 180s;
+
+constexpr int32_t kAppStart = 0x1001;
+constexpr int32_t kAppStartAlt = 0x1003;
+constexpr int32_t kAppStop = 0x1002;
+constexpr int32_t kAppStopOther = 0x1093;
+constexpr int32_t kGameOff = 0x1040;
+constexpr int32_t kPowerModeHint = 0x15E0;
+constexpr int32_t kUnknownEvent = 0x1234;
+
+// Usable power mode hint words: action 1 (bit 7) and the PSM type.
+constexpr uint32_t kHintMode0 = 0x80;
+constexpr uint32_t kHintLight = 0x81;
+constexpr uint32_t kHintGaming = 0x82;
+constexpr uint32_t kHintLowPower = 0x83;
+constexpr uint32_t kHintNoAction = 0x02;
+
+const char kGame[] = "com.example.game/.Main";
+const char kVideo[] = "com.example.video/.Player";
+const char kMail[] = "com.example.mail/.Inbox";
+
+constexpr char kGpuDir[] = "/sys/class/grax/grax-3d0/";
+
+// Profiles carry the feature's number in their values, so that the locks of the two features
+// can be told apart in the performance library.
+Profile profile(int opcode, int feature) {
+    return {{opcode, feature}};
+}
+
+// Every setting of the feature core, the GPU monitor, the battery monitor and deep mode, with
+// short periods; one entry carries the deep-mode properties as name,value pairs.
+PowerOptFeatureInfo stressConfig(const std::string& psmState, const std::string& gpuMode,
+                                 int feature) {
+    PowerOptFeatureInfo info;
+    info.featureName = "PSMPowerOptFeature";
+    info.configs = {
+            {"PSM_STATE", psmState},
+            {"DEEP_MODE", "1"},
+            {"GPUMode", gpuMode},
+            {"GAME_TIMER", "2"},
+            {"GPU_SAMPLE_COUNT", "3"},
+            {"STABILITY_SAMPLE_COUNT", "2"},
+            {"GPU_BUSY_STABILITY_THRESHOLD", "10"},
+            {"GPU_Freq_THRESHOLD_LOW", "300"},
+            {"GPU_Freq_THRESHOLD_HIGH", "600"},
+            {"VIDEO_SCALING_UP", "400"},
+            {"BROWSER_SCALING_UP", "400"},
+            {"GAME_SCALING_UP", "400"},
+            {"VIDEO_SCALING_DOWN", "100"},
+            {"BROWSER_SCALING_DOWN", "100"},
+            {"GAME_SCALING_DOWN", "100"},
+            {"MAX_SAMPLE_NUM", "2"},
+            {"SCALING_DOWN_TASK_LOAD_BOOST", "-20"},
+            {"CPUNODE", "cpu0"},
+            {"CPUPOLICY", "policy0"},
+            {"DEEP_PROPS", "vendor.pwr.stress.a,1,vendor.pwr.stress.b,0"},
+    };
+    info.profiles = {
+            {"PROFILE_LIGHT_MODE", profile(0x40C00000, feature)},
+            {"DEFAULT", profile(0x40C04000, feature)},
+            {"PSM_OPT_RESOURCE", {{0x42C10000}}},
+            {"DYN_0_HIGH", profile(0x40800000, feature)},
+            {"DYN_1_MID", profile(0x40804000, feature)},
+            {"DYN_2_LOW", profile(0x40808000, feature)},
+    };
+    return info;
+}
+
+// The nodes the timers read: GPU frequency and load, battery current, the foreground processes.
+void writeDevice(const pwr::test::DeviceTree& tree) {
+    const std::string gpu = kGpuDir;
+    tree.write(gpu + "gpu_available_frequencies", "100000000 300000000 500000000 700000000\n");
+    tree.write(gpu + "gpu_clock_stats", "400 300 200 100\n");
+    tree.write(gpu + "gpubusy", "50 100\n");
+    tree.write(gpu + "gpuclk", "250000000\n");
+    tree.write("/sys/class/power_supply/battery/current_now", "-800000\n");
+    tree.write("/dev/cpuset/top-app/cgroup.procs", "1\n4321\n4322\n");
+    tree.write("/proc/4321/cmdline", std::string("com.example.video\0", 18));
+    tree.write("/proc/4322/cmdline", std::string("com.example.video:render\0", 25));
+    tree.mkdirs("/data/vendor/pwr");
+}
+
+AsyncTriggerPayload event(int32_t id, const std::string& app, uint32_t type = 0) {
+    AsyncTriggerPayload payload;
+    payload.hintId = id;
+    payload.hintType = type;
+    payload.appName = app;
+    return payload;
+}
+
+uint64_t ticks(const Timer_s* timer) {
+    return timer != nullptr ? pwr::test::timerExpiries(timer->timerId) : 0;
+}
+
+// The profiles of one feature, as the lists the performance library receives.
+std::vector<std::vector<int>> profileLists(const PowerOptFeatureInfo& info) {
+    std::vector<std::vector<int>> lists;
+    for (const auto& [name, value] : info.profiles) {
+        if (name != "PSM_OPT_RESOURCE" && !value.empty()) lists.push_back(value[0]);
+    }
+    return lists;
+}
+
+// At most one of the feature's profiles is held, and it is the one the feature records.
+void expectOneProfileLock(PSMPowerOptFeature& feature, const PowerOptFeatureInfo& info,
+                          const std::string& which) {
+    const int handle = PSMPowerOptFeatureTestPeer(feature).heldProfileHandle();
+    const std::vector<std::vector<int>> lists = profileLists(info);
+    std::vector<int> held;
+    for (const auto& [h, list] : fakeperf::heldLocks()) {
+        if (std::find(lists.begin(), lists.end(), list) != lists.end()) held.push_back(h);
+    }
+    if (handle >= 1) {
+        EXPECT_EQ(held, std::vector<int>{handle}) << which << " holds exactly its recorded lock";
+    } else {
+        EXPECT_TRUE(held.empty()) << which << " leaked profile locks "
+                                  << ::testing::PrintToString(held);
+    }
+}
+
+TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
+    pwr::test::DeviceTree tree;
+    writeDevice(tree);
+    // A capturing logger would order the threads through its lock and hide races from the
+    // sanitizer; and the volume of lines is of no use here.
+    pwr::test::installNullLogger();
+    fakeperf::reset();
+    fakeperf::setRecording(false);
+    fakeperf::setAppType("com.example.game", 2);
+    fakeperf::setAppType("com.example.video", 5);
+
+    const PowerOptFeatureInfo gamingInfo = stressConfig("0", "1", 1);
+    const PowerOptFeatureInfo batteryInfo = stressConfig("3", "0", 2);
+    std::string error;
+    auto gamingFeature = pwr::host::PluginHost::create("PSMPowerOptFeature", gamingInfo, &error);
+    ASSERT_NE(gamingFeature, nullptr) << error;
+    auto batteryFeature = pwr::host::PluginHost::create("PSMPowerOptFeature", batteryInfo, &error);
+    ASSERT_NE(batteryFeature, nullptr) << error;
+    auto& gaming = static_cast<PSMPowerOptFeature&>(*gamingFeature);
+    auto& battery = static_cast<PSMPowerOptFeature&>(*batteryFeature);
+    PSMPowerOptFeatureTestPeer gamingPeer(gaming);
+    PSMPowerOptFeatureTestPeer batteryPeer(battery);
+    ASSERT_TRUE(gamingPeer.ready());
+    ASSERT_TRUE(batteryPeer.ready());
+    ASSERT_NE(gamingPeer.gameTimer(), nullptr);
+    ASSERT_NE(batteryPeer.batteryTimer(), nullptr);
+
+    int events = 0;
+    auto toGaming = [&](const AsyncTriggerPayload& payload) {
+        gaming.sendEvents(payload);
+        ++events;
+    };
+    auto toBattery = [&](const AsyncTriggerPayload& payload) {
+        battery.sendEvents(payload);
+        ++events;
+    };
+
+    // Low-power entry arms the deep-mode timer (first expiry after 1.5 s); a hint that leaves
+    // power saving may stop it. Entries are made only once the timer of the previous one has
+    // fired (or was never made), so that a feature that keeps every deep-mode timer it creates
+    // is not flooded with them.
+    bool deepFired = false;
+    bool deepPending = false;
+    auto enterLowPower = [&] {
+        toGaming(event(kPowerModeHint, kGame, kHintLowPower));
+        deepPending = gamingPeer.deepTimer() != nullptr;
+    };
+    auto deepTimerHasFired = [&] {
+        if (deepPending && ticks(gamingPeer.deepTimer()) >= 1) {
+            deepPending = false;
+            deepFired = true;
+        }
+        return !deepPending;
+    };
+
+    toGaming(event(kPowerModeHint, kGame, kHintGaming));
+    enterLowPower();
+    toBattery(event(kAppStart, kVideo));
+    ASSERT_EQ(gamingPeer.psmMode(), 2);
+    ASSERT_EQ(batteryPeer.psmMode(), 3);
+
+    // Events that leave gaming as it is, the ways out of a gaming session (each back to mode 2;
+    // the first kQuietSessionEnds without a mode hint), and events that leave the battery timer
+    // running.
+    const AsyncTriggerPayload gamingFillers[] = {
+            event(kAppStartAlt, kGame),
+            event(kPowerModeHint, kGame, kHintNoAction),
+            event(kUnknownEvent, kGame),
+            event(kAppStopOther, kMail),
+    };
+    const std::vector<std::vector<AsyncTriggerPayload>> sessionEnds = {
+            {event(kAppStop, kGame)},
+            {event(kGameOff, kGame)},
+            {event(kAppStart, kMail)},
+            {event(kPowerModeHint, kMail, kHintLight), event(kAppStart, kGame),
+             event(kPowerModeHint, kMail, kHintGaming)},
+            {event(kPowerModeHint, kMail, kHintMode0), event(kAppStop, kGame),
+             event(kPowerModeHint, kMail, kHintGaming)},
+    };
+    constexpr size_t kQuietSessionEnds = 3;
+    const AsyncTriggerPayload batteryFillers[] = {
+            event(kAppStop, kMail),
+            event(kGameOff, kVideo),
+            event(kPowerModeHint, kVideo, kHintGaming),
+            event(kUnknownEvent, kVideo),
+    };
+
+    // Events never wait for a timer; the timers' counts only decide which event comes next.
+    const Clock::time_point deadline = Clock::now() + kTimeout;
+    uint64_t sessionStart = ticks(gamingPeer.gameTimer());
+    uint64_t batteryArmedAt = 0;
+    int session = 0;
+    int sessionEvents = 0;
+    bool inSession = false;
+    int n = 0;
+    for (;; ++n) {
+        if (n % 64 == 0) {
+            // A timer counts only when the feature set it to run: a game timer with a period,
+            // a deep-mode timer that low-power entry created.
+            const bool enough = events >= kMinEvents &&
+                                (gamingPeer.gameTimerMs() <= 0 ||
+                                 ticks(gamingPeer.gameTimer()) >= kMinGameTicks) &&
+                                ticks(batteryPeer.batteryTimer()) >= kMinBatteryTicks &&
+                                (gamingPeer.deepTimer() == nullptr || deepFired);
+            if (enough) break;
+            if (Clock::now() > deadline) {
+                ADD_FAILURE() << "timers too slow: " << events << " events, game "
+                              << ticks(gamingPeer.gameTimer()) << ", battery "
+                              << ticks(batteryPeer.batteryTimer()) << ", deep fired " << deepFired;
+                break;
+            }
+        }
+
+        // The gaming feature: a game in the foreground until its timer has ticked through a
+        // session, with events that leave gaming as it is, then one of the ways out of it.
+        const uint64_t gameTicks = ticks(gamingPeer.gameTimer());
+        if (!inSession) {
+            // Alternate a low and a moderate GPU clock, so sessions settle on different profiles.
+            tree.write(std::string(kGpuDir) + "gpuclk",
+                       session % 2 == 0 ? "250000000\n" : "450000000\n");
+            toGaming(event(kAppStart, kGame));
+            sessionStart = gameTicks;
+            sessionEvents = 0;
+            inSession = true;
+        } else if (gameTicks - sessionStart < kTicksPerSession &&
+                   ++sessionEvents < kMaxEventsPerSession) {
+            toGaming(gamingFillers[n % std::size(gamingFillers)]);
+        } else {
+            // While a deep-mode timer has yet to fire, no hint may stop it.
+            const size_t end = deepTimerHasFired() ? session % sessionEnds.size()
+                                                   : session % kQuietSessionEnds;
+            for (const AsyncTriggerPayload& payload : sessionEnds[end]) toGaming(payload);
+            if (end >= kQuietSessionEnds) enterLowPower();
+            ++session;
+            inSession = false;
+        }
+
+        // The battery-watch feature: events that leave its timer running, and now and then the
+        // start of an ineligible app (disarms) followed by an eligible one (arms again).
+        const uint64_t batteryTicks = ticks(batteryPeer.batteryTimer());
+        if (batteryTicks - batteryArmedAt >= kBatteryTicksPerArming) {
+            toBattery(event(kAppStart, kMail));
+            toBattery(event(kAppStart, kVideo));
+            batteryArmedAt = batteryTicks;
+        } else {
+            toBattery(batteryFillers[n % std::size(batteryFillers)]);
+        }
+    }
+    RecordProperty("events", events);
+    RecordProperty("game_ticks", static_cast<int>(ticks(gamingPeer.gameTimer())));
+    RecordProperty("battery_ticks", static_cast<int>(ticks(batteryPeer.batteryTimer())));
+    RecordProperty("deep_fired", deepFired ? 1 : 0);
+    EXPECT_GE(events, kMinEvents);
+    EXPECT_EQ(gamingPeer.psmMode(), 2);
+    EXPECT_EQ(batteryPeer.psmMode(), 3) << "a configured PSM_STATE keeps its mode";
+
+    // Quiesce before destruction: the features' own events disarm the game and battery timers;
+    // the deep timer stops itself once its profile is held, or is stopped here. Then no callback
+    // may still be running when the features go.
+    toGaming(event(kAppStop, kGame));
+    toBattery(event(kAppStart, kMail));
+    Timer timer;
+    EXPECT_FALSE(timer.Timer_isActive(gamingPeer.gameTimer())) << "a stop disarms the game timer";
+    EXPECT_FALSE(timer.Timer_isActive(batteryPeer.batteryTimer()))
+            << "an ineligible app disarms the battery timer";
+    timer.Timer_disable(gamingPeer.deepTimer());
+    ASSERT_TRUE(pwr::test::waitForTimerCallbacks(30s)) << "a timer callback did not return";
+
+    expectOneProfileLock(gaming, gamingInfo, "the gaming feature");
+    expectOneProfileLock(battery, batteryInfo, "the battery-watch feature");
+
+    gamingFeature.reset();
+    batteryFeature.reset();
+    fakeperf::reset();
+}
+
+}  // namespace
