@@ -82,10 +82,10 @@ TEST(FeatureKeys, Check_AcceptedValuesThatMisbehave) {
               "config \"GAME_TIMER\" = \"5OO\" is read as 5; the rest is "
               "ignored");
     EXPECT_EQ(problems[1].message,
-              "config \"GPU_Freq_THRESHOLD_LOW\" = \"1e30\" is not a finite "
-              "number within the int range");
+              "config \"GPU_Freq_THRESHOLD_LOW\" = \"1e30\" does not fit an int "
+              "(the feature throws std::out_of_range)");
     EXPECT_EQ(problems[0].effect, Effect::Misbehaves);
-    EXPECT_EQ(problems[1].effect, Effect::Misbehaves);
+    EXPECT_EQ(problems[1].effect, Effect::Throws);
     // Two dynamic profiles: the monitor indexes a third.
     EXPECT_EQ(problems[2].key, "DYN_");
     EXPECT_EQ(problems[2].effect, Effect::Undefined);

@@ -6,7 +6,6 @@
 
 #include <string>
 
-
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "tests/support/DeepModeConfig.h"

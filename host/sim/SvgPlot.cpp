@@ -14,7 +14,7 @@ namespace {
 using android::base::StringPrintf;
 
 constexpr double kWidth = 1100;
-constexpr double kLeft = 110;  // room for the vertical axis and the lock lanes' names
+constexpr double kLeft = 110;   // room for the vertical axis and the lock lanes' names
 constexpr double kRight = 230;  // room for the legends
 constexpr double kTop = 84;
 constexpr double kPanelHeight = 120;

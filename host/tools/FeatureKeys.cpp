@@ -145,7 +145,8 @@ class Checker {
         } else if (it->second[0].empty() && std::string(name) == "PSM_OPT_RESOURCE") {
             // Deep mode's set-up needs the boost opcode, the first int of the first list.
             add(Effect::NotReady, name, true,
-                std::string("profile \"") + name + "\" has an empty first <PerfLock>; deep mode "
+                std::string("profile \"") + name +
+                        "\" has an empty first <PerfLock>; deep mode "
                         "needs the task-load boost opcode there");
         } else if (it->second[0].empty()) {
             add(Effect::Misbehaves, name, true,
