@@ -22,7 +22,6 @@ constexpr char kTopAppProcs[] = "/dev/cpuset/top-app/cgroup.procs";
 // Folders the feature expects to exist: the state store's and the property store's.
 constexpr const char* kFolders[] = {"/data/vendor/pwr", "/data/property"};
 
-constexpr double kHzPerMhz = 1e6;
 constexpr double kPi = 3.14159265358979323846;
 
 double swing(double amplitude, int64_t periodMs, int64_t sinceMs) {

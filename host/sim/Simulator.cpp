@@ -69,8 +69,7 @@ std::string quoted(const std::string& text) {
 // thread a plug-in might start.
 class Recorder {
   public:
-    Recorder(Recording* out, const FeatureConfig& config, const Scenario& scenario)
-        : mOut(out), mConfig(config) {
+    Recorder(Recording* out, const FeatureConfig& config, const Scenario& scenario) : mOut(out) {
         // Profiles by their first lock list, as the feature applies them.
         for (const auto& [name, lists] : config.info.profiles) {
             if (!lists.empty() && !lists[0].empty()) mProfilesByList[lists[0]].insert(name);
@@ -392,7 +391,6 @@ class Recorder {
 
     Mutex mMutex;
     Recording* const mOut;  // written under mMutex
-    const FeatureConfig& mConfig;
     int64_t mBaseNs GUARDED_BY(mMutex) = 0;
     std::map<std::vector<int>, std::set<std::string>> mProfilesByList;
     std::set<std::string> mDynamic;  // ascending, as the feature indexes them
