@@ -17,6 +17,8 @@
 #include <android-base/file.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "host/sim/Scenario.h"
@@ -52,10 +54,16 @@ class PwrSimTest : public ::testing::Test {
             const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
             dup2(out, 1);
             dup2(err, 2);
-            std::vector<char*> argv{const_cast<char*>(PWR_SIM_PATH)};
+            // A cross-built tool runs under the emulator the tests themselves run under.
+            const char* emulator = getenv("PWR_TEST_EMULATOR");
+            std::vector<char*> argv;
+            if (emulator != nullptr && emulator[0] != '\0') {
+                argv.push_back(const_cast<char*>(emulator));
+            }
+            argv.push_back(const_cast<char*>(PWR_SIM_PATH));
             for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
             argv.push_back(nullptr);
-            execv(PWR_SIM_PATH, argv.data());
+            execvp(argv[0], argv.data());
             _exit(127);
         }
         ToolRun result;
