@@ -38,7 +38,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<KeyProblem> problems = FeatureKeys::check(config.info);
     const KeyProblem* decisive = nullptr;
     for (const KeyProblem& problem : problems) {
-        if (problem.effect != KeyProblem::Effect::Misbehaves) {
+        // Values the feature accepts but misreads, and too few dynamic profiles (a later tick
+        // indexes past them), both leave the feature ready.
+        if (problem.effect != KeyProblem::Effect::Misbehaves &&
+            problem.effect != KeyProblem::Effect::Undefined) {
             decisive = &problem;
             break;
         }
