@@ -141,7 +141,7 @@ void BM_Feature_GameStartStopReleasingProfile(benchmark::State& state) {
     std::vector<int> list = kGameProfile[0];
     for (auto _ : state) {
         feature->sendEvents(start);
-        peer.setHeldProfileHandle(
+        peer.profileLock().adopt(
                 perf_lock_acq(0, INT_MAX, list.data(), static_cast<int>(list.size())));
         feature->sendEvents(stop);
     }

@@ -1,24 +1,12 @@
-// GPU stability monitor. While a game is in the foreground the game timer samples the GPU's
-// frequency and busy percentage, waits until the busy percentage has settled over a full sample
-// list, then picks one of the dynamic GPU profiles from the averaged frequency, switching the
-// held profile only after the decision has differed from the one in force three times in a row.
-//
-// Ticks run on timer threads while events run on the host's thread. mGpuSampleMutex orders the
-// sample list, the profile level and the switch; it is taken before profileMutex (inside
-// releaseProfileLock/applyProfileLock) and before mStateMutex, never after them. The phase flags
-// and the stable count are atomics that ticks read and write outside it.
+#include "feature/GpuStabilityMonitor.h"
 
 #include <algorithm>
 #include <climits>
-#include <map>
-#include <stdexcept>
 
-#include "feature/PSMPowerOptFeature.h"
-
+#include "feature/FeatureCodes.h"
+#include "feature/FeatureSnapshot.h"
+#include "feature/LogSites.h"
 #include "platform/GraxInfo.h"
-#include "platform/Log.h"
-
-using pwr::kModFeature;
 
 std::atomic<int> gGpuProfileChangeCount{0};
 
@@ -41,121 +29,58 @@ constexpr uint64_t kHzPerMHz = 1000000;
 // while it is held.
 pwr::Mutex gGpuReadMutex;
 
-// A setting is decimal text, read with std::stod and truncated toward zero. A value beyond int's
-// range throws like an unparsable one instead of overflowing the conversion.
-int settingValue(const std::string& key, const std::string& text) {
-    const double value = std::stod(text);
-    if (!(value > static_cast<double>(INT_MIN) - 1.0 &&
-          value < static_cast<double>(INT_MAX) + 1.0)) {
-        throw std::out_of_range(key + " is out of range: " + text);
-    }
-    return static_cast<int>(value);
-}
-
 }  // namespace
 
-bool PSMPowerOptFeature::initGpuMonitor(PowerOptFeatureInfo& info) {
-    Timer_s* createdHere = nullptr;
-    if (mGameTimerStruct == nullptr) {
-        mGameTimerStruct = Timer().Timer_create(&PSMPowerOptFeature::gametimerCallBack, this);
-        if (mGameTimerStruct == nullptr) {
-            PWR_LOG(kModFeature, "initGpuMonitor", 123, "mGameTimerStruct is nullptr !!");
-            return false;
-        }
-        createdHere = mGameTimerStruct;
-    }
-
-    struct Setting {
-        const char* key;
-        int* member;
-        int line;
-    };
-    const Setting settings[] = {
-            {"GAME_TIMER", &mGameTimerMs, 130},
-            {"GPU_SAMPLE_COUNT", &mGpuSampleCount, 137},
-            {"STABILITY_SAMPLE_COUNT", &mStabilitySampleCount, 144},
-            {"GPU_BUSY_STABILITY_THRESHOLD", &mGpuBusyStabilityThreshold, 151},
-            {"GPU_Freq_THRESHOLD_LOW", &mGpuFreqThresholdLow, 158},
-            {"GPU_Freq_THRESHOLD_HIGH", &mGpuFreqThresholdHigh, 165},
-    };
-    for (const Setting& setting : settings) {
-        const auto it = info.configs.find(setting.key);
-        if (it == info.configs.end()) {
-            PWR_LOG(kModFeature, "initGpuMonitor", setting.line, "miss %s", setting.key);
-            return false;
-        }
-        try {
-            *setting.member = settingValue(setting.key, it->second);
-        } catch (...) {
-            // The exception leaves the constructor, so the destructor will not delete the timer.
-            if (createdHere != nullptr) {
-                Timer().Timer_destroy(createdHere);
-                mGameTimerStruct = nullptr;
-            }
-            throw;
-        }
-    }
-
-    // The host's profile map is unordered; the dynamic profiles are taken in ascending key order.
-    const std::map<std::string, Profile> ordered(info.profiles.begin(), info.profiles.end());
-    for (const auto& [name, profile] : ordered) {
-        if (name.find("DYN_") != std::string::npos) mDynamicGpuProfiles.push_back(profile);
-    }
-    if (mDynamicGpuProfiles.empty()) {
-        PWR_LOG(kModFeature, "initGpuMonitor", 176, "miss Dynamic GPU profile");
-        return false;
-    }
-    return true;
+bool GpuStabilityMonitor::createTimer(void (*callback)(void*), void* argument) {
+    if (!mGameTimerStruct) mGameTimerStruct = pwr::TimerHandle(callback, argument);
+    return static_cast<bool>(mGameTimerStruct);
 }
 
-void PSMPowerOptFeature::initGpuSamples() {
+void GpuStabilityMonitor::initGpuSamples() {
     pwr::MutexLock sampleLock(mGpuSampleMutex);
     mGpuCheckingStability = true;
     mGpuEvaluating = false;
     mGpuStableCount = 0;
     mGpuProfileLevel = 0;
     mGpuSamples.clear();
-    // Event dispatch sets the gaming state to 1 right afterwards.
-    pwr::MutexLock stateLock(mStateMutex);
-    mGameState = 0;
+    pwr::MutexLock stateLock(mModeState.mStateMutex);
+    mModeState.setGameStateLocked(pwr::codes::kGameStateNone);
 }
 
-void PSMPowerOptFeature::gametimerCallBack(void* feature) {
-    if (feature == nullptr) return;
-    static_cast<PSMPowerOptFeature*>(feature)->gameTimerTick();
-}
-
-void PSMPowerOptFeature::gameTimerTick() {
-    if (mGpuMode == 0) return;
-
+bool GpuStabilityMonitor::sample(GPUSample* out) {
     uint64_t freqHz = 0;
     int busy = 0;
     {
         pwr::MutexLock readLock(gGpuReadMutex);
         const int capacity = mGraxInfo->GetAvgCapacity(false);
         if (capacity != 0) {
-            if (mGraxInfo->capacities().empty()) return;
+            if (mGraxInfo->capacities().empty()) return false;
             // A negative error code, sign-extended, is above every capacity: the top frequency.
             freqHz = static_cast<uint64_t>(mGraxInfo->ConvertCap2Freq(
                     static_cast<uint64_t>(static_cast<int64_t>(capacity))));
         } else {
             freqHz = mGraxInfo->GetCurFreq();
         }
-        if (freqHz == 0) return;
+        if (freqHz == 0) return false;
         // Error codes are non-zero and pass as samples; only 0 means "no information".
         busy = mGraxInfo->GetAvgUtil();
-        if (busy == 0) return;
+        if (busy == 0) return false;
     }
+    *out = GPUSample{freqHz / kHzPerMHz, static_cast<int64_t>(busy)};
+    return true;
+}
 
-    const GPUSample sample{freqHz / kHzPerMHz, static_cast<int64_t>(busy)};
+void GpuStabilityMonitor::tick() {
+    if (mSettings.mGpuMode == 0) return;
+    GPUSample sample{};
+    if (!this->sample(&sample)) return;
     // %d reads an int: 64-bit arguments would be undefined (and misprint on 32-bit ARM).
-    PWR_LOG(kModFeature, "gametimerCallBack", 500, "Meastured freq:%d, busy:%d",
-            static_cast<int>(sample.freq), static_cast<int>(sample.busy));
+    PWR_LOG_AT(pwr::site::kMeasured, static_cast<int>(sample.freq), static_cast<int>(sample.busy));
 
     {
         pwr::MutexLock lock(mGpuSampleMutex);
         mGpuSamples.push_back(sample);
-        if (static_cast<int64_t>(mGpuSamples.size()) > mGpuSampleCount) {
+        if (static_cast<int64_t>(mGpuSamples.size()) > mSettings.mGpuSampleCount) {
             mGpuSamples.erase(mGpuSamples.begin());
         }
     }
@@ -165,11 +90,10 @@ void PSMPowerOptFeature::gameTimerTick() {
             mGpuStableCount = 0;
             return;
         }
-        if (++mGpuStableCount < mStabilitySampleCount) return;
+        if (++mGpuStableCount < mSettings.mStabilitySampleCount) return;
         mGpuCheckingStability = false;
         mGpuEvaluating = true;
-        PWR_LOG(kModFeature, "gametimerCallBack", 517,
-                "GPU behavior is stable. Start evaluating GPU status.");
+        PWR_LOG_AT(pwr::site::kGpuStableStartEvaluating);
         return;
     }
     if (!mGpuEvaluating) return;
@@ -180,15 +104,15 @@ void PSMPowerOptFeature::gameTimerTick() {
         pwr::MutexLock lock(mGpuSampleMutex);
         count = mGpuSamples.size();
         // An empty list (a sample count of 0 or less keeps none) has nothing to average.
-        if (count == 0 || static_cast<int64_t>(count) < mGpuSampleCount) return;
+        if (count == 0 || static_cast<int64_t>(count) < mSettings.mGpuSampleCount) return;
         for (const GPUSample& s : mGpuSamples) sum += s.freq;
     }
     applyGpuProfile(sum / count);
 }
 
-bool PSMPowerOptFeature::isGpuStable(std::vector<GPUSample>& samples) {
+bool GpuStabilityMonitor::isGpuStable(std::vector<GPUSample>& samples) {
     pwr::MutexLock lock(mGpuSampleMutex);
-    if (mGpuSampleCount > static_cast<int64_t>(samples.size())) return false;
+    if (mSettings.mGpuSampleCount > static_cast<int64_t>(samples.size())) return false;
     int range = 0;
     if (!samples.empty()) {
         uint64_t lowest = UINT64_MAX;
@@ -200,34 +124,35 @@ bool PSMPowerOptFeature::isGpuStable(std::vector<GPUSample>& samples) {
         }
         range = static_cast<int>(highest - lowest);
     }
-    if (range > mGpuBusyStabilityThreshold) {
-        PWR_LOG(kModFeature, "isGpuStable", 561, "GPU is not stable yet. Busy range:%d", range);
+    mLastBusyRange = range;
+    if (range > mSettings.mGpuBusyStabilityThreshold) {
+        PWR_LOG_AT(pwr::site::kGpuNotStable, range);
         return false;
     }
-    PWR_LOG(kModFeature, "isGpuStable", 557, "GPU is stable. Busy range:%d", range);
+    PWR_LOG_AT(pwr::site::kGpuStable, range);
     return true;
 }
 
-void PSMPowerOptFeature::applyGpuProfile(unsigned long long avgFreqMhz) {
+void GpuStabilityMonitor::applyGpuProfile(unsigned long long avgFreqMhz) {
     // %d reads an int: a 64-bit argument would be undefined (and misprint on 32-bit ARM).
-    PWR_LOG(kModFeature, "applyGpuProfile", 569, "Averaged freq:%d", static_cast<int>(avgFreqMhz));
+    PWR_LOG_AT(pwr::site::kAveragedFreq, static_cast<int>(avgFreqMhz));
     int decision;
-    if (avgFreqMhz < static_cast<uint64_t>(static_cast<int64_t>(mGpuFreqThresholdLow))) {
+    if (avgFreqMhz < static_cast<uint64_t>(static_cast<int64_t>(mSettings.mGpuFreqThresholdLow))) {
         // "Remaining power profile." in both outer cases is the established wording.
-        PWR_LOG(kModFeature, "applyGpuProfile", 575,
-                "GPU is underutilized. Remaining power profile.");
+        PWR_LOG_AT(pwr::site::kGpuUnderutilized);
         decision = kDecisionLow;
-    } else if (avgFreqMhz <= static_cast<uint64_t>(static_cast<int64_t>(mGpuFreqThresholdHigh))) {
-        PWR_LOG(kModFeature, "applyGpuProfile", 578,
-                "GPU is moderately utilized. Applying balanced profile.");
+    } else if (avgFreqMhz <=
+               static_cast<uint64_t>(static_cast<int64_t>(mSettings.mGpuFreqThresholdHigh))) {
+        PWR_LOG_AT(pwr::site::kGpuModerate);
         decision = kDecisionModerate;
     } else {
-        PWR_LOG(kModFeature, "applyGpuProfile", 581,
-                "GPU is very highly utilized. Remaining power profile.");
+        PWR_LOG_AT(pwr::site::kGpuVeryHigh);
         decision = kDecisionHigh;
     }
 
     pwr::MutexLock lock(mGpuSampleMutex);
+    mLastAverageMhz = static_cast<int64_t>(std::min<unsigned long long>(avgFreqMhz, INT64_MAX));
+    mLastDecision = decision;
     if (decision == mGpuProfileLevel) {
         gGpuProfileChangeCount = 0;
         return;
@@ -236,13 +161,55 @@ void PSMPowerOptFeature::applyGpuProfile(unsigned long long avgFreqMhz) {
     if (gGpuProfileChangeCount++ < kChangesBeforeSwitch - 1) return;
     mGpuProfileLevel = decision;
     gGpuProfileChangeCount = 0;
-    PWR_LOG(kModFeature, "applyGpuProfile", 593, "Ready to change the profile.");
-    releaseProfileLock();
-    if (static_cast<size_t>(mGpuProfileLevel) >= mDynamicGpuProfiles.size()) {
+    PWR_LOG_AT(pwr::site::kReadyToChangeProfile);
+    {
+        pwr::MutexLock profileLock(mProfileLock.profileMutex);
+        mProfileLock.releaseLocked();
+    }
+    if (static_cast<size_t>(mGpuProfileLevel) >= mSettings.mDynamicGpuProfiles.size()) {
         // Fewer than three "DYN_" profiles were configured.
-        PWR_LOG(kModFeature, "applyGpuProfile", 596, "No dynamic GPU profile for level %d",
-                mGpuProfileLevel);
+        PWR_LOG_AT(pwr::site::kNoDynamicProfileForLevel, mGpuProfileLevel);
         return;
     }
-    applyProfileLock(mDynamicGpuProfiles[mGpuProfileLevel]);
+    ProfileLock::logApplyAttempt();
+    pwr::MutexLock profileLock(mProfileLock.profileMutex);
+    mProfileLock.applyLocked(mSettings.mDynamicGpuProfiles[mGpuProfileLevel]);
+}
+
+std::vector<GPUSample> GpuStabilityMonitor::samples() {
+    pwr::MutexLock lock(mGpuSampleMutex);
+    return mGpuSamples;
+}
+
+void GpuStabilityMonitor::setSamples(std::vector<GPUSample> samples) {
+    pwr::MutexLock lock(mGpuSampleMutex);
+    mGpuSamples = std::move(samples);
+}
+
+void GpuStabilityMonitor::setProfileLevel(int level) {
+    pwr::MutexLock lock(mGpuSampleMutex);
+    mGpuProfileLevel = level;
+}
+
+void GpuStabilityMonitor::setPhase(bool checkingStability, bool evaluating) {
+    mGpuCheckingStability = checkingStability;
+    mGpuEvaluating = evaluating;
+}
+
+void GpuStabilityMonitor::fillSnapshot(PSMFeatureSnapshot* out) {
+    {
+        pwr::MutexLock lock(mGpuSampleMutex);
+        out->gpuProfileLevel = mGpuProfileLevel;
+        out->gpuProfileChangeCount = gGpuProfileChangeCount;
+        out->gpuSamples = static_cast<int32_t>(mGpuSamples.size());
+        out->lastBusyRange = mLastBusyRange;
+        out->lastAveragedFreqMhz = mLastAverageMhz;
+        out->lastDecision = mLastDecision;
+    }
+    out->gpuPhase = mGpuCheckingStability ? PSM_GPU_PHASE_CHECKING
+                    : mGpuEvaluating      ? PSM_GPU_PHASE_EVALUATING
+                                          : PSM_GPU_PHASE_IDLE;
+    out->gpuStableCount = mGpuStableCount;
+    out->gameTimerExists = mGameTimerStruct ? 1 : 0;
+    out->gameTimerArmed = Timer().Timer_isActive(mGameTimerStruct.get()) ? 1 : 0;
 }

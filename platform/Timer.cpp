@@ -1,11 +1,62 @@
 #include "platform/Timer.h"
 
+#include <cassert>
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <unordered_map>
 
 pwr::Mutex timerMutex;
 
 namespace {
+
+// What dispatch needs of a live record, kept apart from the record so that a callback can go on
+// running after its record was freed and the record's deleter can still wait for it.
+struct Dispatch {
+    void (*callback)(void*);
+    void* argument;
+    int running = 0;        // callbacks started and not yet returned
+    bool awaited = false;   // a TimerHandle waits for `running` to reach 0
+    bool orphaned = false;  // deleted by Timer_destroy: the last callback to return frees this
+};
+
+// The live records, by address. A leaf lock, never held while a callback runs. Never destroyed:
+// a late notification at process exit must still find a map to look in.
+struct Registry {
+    pwr::Mutex mutex;
+    std::condition_variable_any callbackReturned;
+    std::unordered_map<const Timer_s*, Dispatch*> live GUARDED_BY(mutex);
+};
+
+Registry& registry() {
+    static Registry* const instance = new Registry();
+    return *instance;
+}
+
+// The dispatch entry a callback on this thread belongs to, to catch a handle released from its
+// own callback.
+thread_local const Dispatch* tRunningDispatch = nullptr;
+
+// Takes the record out of the live ones: no notification dispatched from now on reaches it.
+Dispatch* unregister(const Timer_s* timer) {
+    if (timer == nullptr) return nullptr;
+    Registry& r = registry();
+    pwr::MutexLock lock(r.mutex);
+    auto it = r.live.find(timer);
+    if (it == r.live.end()) return nullptr;
+    Dispatch* const dispatch = it->second;
+    r.live.erase(it);
+    return dispatch;
+}
+
+// Timer_destroy's own steps: under timerMutex, delete the POSIX timer, then free the record.
+void deleteRecord(Timer_s* timer) {
+    pwr::MutexLock lock(timerMutex);
+    if (timer == nullptr) return;
+    timer_delete(timer->timerId);
+    free(timer);
+}
 
 // Periodic schedules: first expiry and period both `ms`.
 itimerspec periodic(int ms) {
@@ -32,9 +83,29 @@ bool arm(Timer_s* timer, const itimerspec& spec) REQUIRES(timerMutex) {
 }  // namespace
 
 void timerCallback(sigval value) {
-    auto* timer = static_cast<Timer_s*>(value.sival_ptr);
+    const auto* timer = static_cast<const Timer_s*>(value.sival_ptr);
     if (timer == nullptr) return;
-    timer->callback(timer->argument);
+    Registry& r = registry();
+    Dispatch* dispatch = nullptr;
+    {
+        pwr::MutexLock lock(r.mutex);
+        auto it = r.live.find(timer);
+        if (it == r.live.end()) return;
+        dispatch = it->second;
+        ++dispatch->running;
+    }
+    const Dispatch* const outer = tRunningDispatch;
+    tRunningDispatch = dispatch;
+    dispatch->callback(dispatch->argument);
+    tRunningDispatch = outer;
+
+    pwr::MutexLock lock(r.mutex);
+    if (--dispatch->running != 0) return;
+    if (dispatch->orphaned) {
+        delete dispatch;
+    } else if (dispatch->awaited) {
+        r.callbackReturned.notify_all();
+    }
 }
 
 Timer_s* Timer::Timer_create(void (*callback)(void*), void* argument) {
@@ -55,14 +126,38 @@ Timer_s* Timer::Timer_create(void (*callback)(void*), void* argument) {
     timer->callback = callback;
     timer->active = false;
     timer->argument = argument;
+    // Unarmed until now, so no notification can have been missed.
+    auto* dispatch = new (std::nothrow) Dispatch{callback, argument};
+    if (dispatch == nullptr) {
+        timer_delete(timer->timerId);
+        free(timer);
+        return nullptr;
+    }
+    Registry& r = registry();
+    pwr::MutexLock lock(r.mutex);
+    try {
+        r.live.emplace(timer, dispatch);
+    } catch (const std::bad_alloc&) {
+        delete dispatch;
+        timer_delete(timer->timerId);
+        free(timer);
+        return nullptr;
+    }
     return timer;
 }
 
 void Timer::Timer_destroy(Timer_s* timer) {
-    pwr::MutexLock lock(timerMutex);
-    if (timer == nullptr) return;
-    timer_delete(timer->timerId);
-    free(timer);
+    Dispatch* const dispatch = unregister(timer);
+    deleteRecord(timer);
+    if (dispatch == nullptr) return;
+    // Does not wait: a callback still running frees the entry when it returns.
+    Registry& r = registry();
+    pwr::MutexLock lock(r.mutex);
+    if (dispatch->running == 0) {
+        delete dispatch;
+    } else {
+        dispatch->orphaned = true;
+    }
 }
 
 bool Timer::Timer_isActive(const Timer_s* timer) {
@@ -97,3 +192,36 @@ void Timer::Timer_disable(Timer_s* timer) {
     if (timer == nullptr || !timer->active) return;
     if (arm(timer, itimerspec{})) timer->active = false;
 }
+
+namespace pwr {
+
+TimerHandle::TimerHandle(void (*callback)(void*), void* argument)
+    : mRecord(Timer().Timer_create(callback, argument)) {}
+
+TimerHandle& TimerHandle::operator=(TimerHandle&& other) noexcept {
+    if (this != &other) {
+        reset();
+        mRecord = other.mRecord;
+        other.mRecord = nullptr;
+    }
+    return *this;
+}
+
+void TimerHandle::reset() {
+    if (mRecord == nullptr) return;
+    Dispatch* const dispatch = unregister(mRecord);
+    deleteRecord(mRecord);
+    mRecord = nullptr;
+    if (dispatch == nullptr) return;
+    // Waiting for itself would never end.
+    assert(tRunningDispatch != dispatch && "a timer handle released from its own callback");
+    Registry& r = registry();
+    {
+        pwr::MutexLock lock(r.mutex);
+        dispatch->awaited = true;
+        while (dispatch->running != 0) r.callbackReturned.wait(r.mutex);
+    }
+    delete dispatch;
+}
+
+}  // namespace pwr

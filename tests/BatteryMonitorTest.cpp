@@ -54,7 +54,7 @@ class BatteryMonitor : public ::testing::Test {
         feature.emplace(pwr::test::deepModeConfig("3"));
         peer.emplace(**feature);
         ASSERT_TRUE(peer->ready());
-        ASSERT_EQ(peer->maxSampleNum(), 5);
+        ASSERT_EQ(peer->settings().mMaxSampleNum, 5);
     }
 
     // The app in front, as event dispatch classifies it.
@@ -98,12 +98,12 @@ TEST_F(BatteryMonitor, EvaluatesEveryMaxSampleNumTicksAndBoostsThenUnboosts) {
 
     ticks(4, 1000);
     EXPECT_THAT(boostRequests(), IsEmpty()) << "no evaluation before the fifth tick";
-    EXPECT_EQ(peer->batterySampleCounter(), 4);
+    EXPECT_EQ(peer->snapshot().batterySampleCounter, 4);
     tick(1000);
     EXPECT_THAT(boostRequests(), ElementsAre(boosted(4100), boosted(4200)));
-    EXPECT_EQ(peer->boosted(), 1);
-    EXPECT_EQ(peer->topTaskFlag(), 1);
-    EXPECT_EQ(peer->batterySampleCounter(), 0);
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 1);
+    EXPECT_EQ(peer->snapshot().topTaskFlag, 1);
+    EXPECT_EQ(peer->snapshot().batterySampleCounter, 0);
     EXPECT_THAT(peer->activeThresholds(), Pair(700, 100));
 
     // Still high: already boosted, nothing more.
@@ -115,8 +115,8 @@ TEST_F(BatteryMonitor, EvaluatesEveryMaxSampleNumTicksAndBoostsThenUnboosts) {
     EXPECT_THAT(boostRequests(), IsEmpty());
     tick(50);
     EXPECT_THAT(boostRequests(), ElementsAre(unboosted(4100), unboosted(4200)));
-    EXPECT_EQ(peer->boosted(), 0);
-    EXPECT_THAT(peer->batterySamples(), ElementsAre(50, 50, 50, 50, 50));
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
+    EXPECT_THAT(peer->battery().samples(), ElementsAre(50, 50, 50, 50, 50));
 }
 
 TEST_F(BatteryMonitor, ThresholdsAreStrict) {
@@ -124,15 +124,15 @@ TEST_F(BatteryMonitor, ThresholdsAreStrict) {
 
     ticks(5, 700);  // exactly the upper threshold
     EXPECT_THAT(boostRequests(), IsEmpty());
-    EXPECT_EQ(peer->boosted(), 0);
-    EXPECT_EQ(peer->topTaskFlag(), 0) << "no top-task discovery without a high drain";
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
+    EXPECT_EQ(peer->snapshot().topTaskFlag, 0) << "no top-task discovery without a high drain";
 
     ticks(5, 701);
     EXPECT_THAT(boostRequests(), ElementsAre(boosted(4100), boosted(4200)));
 
     ticks(5, 100);  // exactly the lower threshold
     EXPECT_THAT(boostRequests(), IsEmpty());
-    EXPECT_EQ(peer->boosted(), 1);
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 1);
     ticks(5, 99);
     EXPECT_THAT(boostRequests(), ElementsAre(unboosted(4100), unboosted(4200)));
 }
@@ -161,7 +161,7 @@ TEST_F(BatteryMonitor, ThresholdsFollowTheAppType) {
     foreground("com.example.game");
     ticks(5, 250);  // below video's 300 but not below the game's 100
     EXPECT_THAT(boostRequests(), IsEmpty());
-    EXPECT_EQ(p.boosted(), 1);
+    EXPECT_EQ(p.snapshot().batteryBoosted, 1);
 }
 
 TEST_F(BatteryMonitor, NoAppTypeYetMeansMissingConfigs) {
@@ -170,7 +170,7 @@ TEST_F(BatteryMonitor, NoAppTypeYetMeansMissingConfigs) {
     ticks(5, 5000);
 
     EXPECT_THAT(boostRequests(), IsEmpty());
-    EXPECT_EQ(peer->batterySampleCounter(), 0);
+    EXPECT_EQ(peer->snapshot().batterySampleCounter, 0);
     EXPECT_EQ(log.count("PSMPOWEROPT: batterytimerCallBack() 1147: Missing configs for: 0"), 1)
             << ::testing::PrintToString(log.messages());
     EXPECT_EQ(log.count("PSMPOWEROPT: batterytimerCallBack() 1131: Avg Current: 5000.00"), 1);
@@ -181,9 +181,9 @@ TEST_F(BatteryMonitor, ChargingCountsAsNoDrain) {
 
     ticks(10, -2000);
 
-    EXPECT_THAT(peer->batterySamples(), ElementsAre(0, 0, 0, 0, 0));
+    EXPECT_THAT(peer->battery().samples(), ElementsAre(0, 0, 0, 0, 0));
     EXPECT_THAT(boostRequests(), IsEmpty());
-    EXPECT_EQ(peer->boosted(), 0);
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
 }
 
 TEST_F(BatteryMonitor, UnreadableNodeCountsATickWithoutASample) {
@@ -195,15 +195,15 @@ TEST_F(BatteryMonitor, UnreadableNodeCountsATickWithoutASample) {
 
     EXPECT_EQ(log.count("PSMPOWEROPT: getBatteryStatus() 1108: Read denied."), 1)
             << ::testing::PrintToString(log.messages());
-    EXPECT_THAT(peer->batterySamples(), ElementsAre(800, 800, 800, 800));
+    EXPECT_THAT(peer->battery().samples(), ElementsAre(800, 800, 800, 800));
     // 3200 / 5 = 640 is not above 700 (3200 / 4 would have been).
     EXPECT_THAT(boostRequests(), IsEmpty());
-    EXPECT_EQ(peer->batterySampleCounter(), 0) << "the fifth tick was an evaluation";
+    EXPECT_EQ(peer->snapshot().batterySampleCounter, 0) << "the fifth tick was an evaluation";
 }
 
 TEST_F(BatteryMonitor, NullArgumentIsIgnored) {
     PSMPowerOptFeature::batterytimerCallBack(nullptr);
-    EXPECT_EQ(peer->batterySampleCounter(), 0);
+    EXPECT_EQ(peer->snapshot().batterySampleCounter, 0);
 }
 
 TEST_F(BatteryMonitor, EmptyTaskListMarksBoostedWithoutCalls) {
@@ -211,10 +211,10 @@ TEST_F(BatteryMonitor, EmptyTaskListMarksBoostedWithoutCalls) {
     foreground("com.example.game");
 
     ticks(5, 1000);
-    EXPECT_EQ(peer->boosted(), 1);
-    EXPECT_EQ(peer->topTaskFlag(), 0) << "discovery found nothing";
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 1);
+    EXPECT_EQ(peer->snapshot().topTaskFlag, 0) << "discovery found nothing";
     ticks(5, 10);
-    EXPECT_EQ(peer->boosted(), 0);
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
 
     EXPECT_THAT(boostRequests(), IsEmpty());
     EXPECT_EQ(fakeperf::heldLocks().size(), 0u);
@@ -231,10 +231,10 @@ TEST_F(BatteryMonitor, ResetBatteryWithdrawsBoostsAndRediscoversTasks) {
 
     EXPECT_THAT(boostRequests(), ElementsAre(unboosted(4100), unboosted(4200)));
     EXPECT_EQ(log.count("PSMPOWEROPT: ResetBattery() 1190: Reset battery status."), 1);
-    EXPECT_EQ(peer->boosted(), 0);
-    EXPECT_EQ(peer->batterySampleCounter(), 0);
-    EXPECT_EQ(peer->topTaskFlag(), 0);
-    EXPECT_THAT(peer->batterySamples(), ::testing::SizeIs(5)) << "samples are kept";
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
+    EXPECT_EQ(peer->snapshot().batterySampleCounter, 0);
+    EXPECT_EQ(peer->snapshot().topTaskFlag, 0);
+    EXPECT_THAT(peer->battery().samples(), ::testing::SizeIs(5)) << "samples are kept";
 
     // Not boosted: counters only.
     (*feature)->ResetBattery();
@@ -260,8 +260,8 @@ TEST_F(BatteryMonitor, StopOfTheEligibleAppWithdrawsBoosts) {
     (*feature)->sendEvents(stop);
 
     EXPECT_THAT(boostRequests(), ElementsAre(unboosted(4100), unboosted(4200)));
-    EXPECT_EQ(peer->boosted(), 0);
-    EXPECT_FALSE(Timer().Timer_isActive(peer->batteryTimer()));
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
+    EXPECT_FALSE(Timer().Timer_isActive(peer->battery().timer()));
 }
 
 TEST_F(BatteryMonitor, StartOfAnIneligibleAppWithdrawsBoosts) {
@@ -275,8 +275,8 @@ TEST_F(BatteryMonitor, StartOfAnIneligibleAppWithdrawsBoosts) {
     (*feature)->sendEvents(start);
 
     EXPECT_THAT(boostRequests(), ElementsAre(unboosted(4100), unboosted(4200)));
-    EXPECT_EQ(peer->boosted(), 0);
-    EXPECT_FALSE(Timer().Timer_isActive(peer->batteryTimer())) << "not eligible: stays disarmed";
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
+    EXPECT_FALSE(Timer().Timer_isActive(peer->battery().timer())) << "not eligible: stays disarmed";
 }
 
 // The timer's thread ticks while the event thread resets and stops: every piece of state they
@@ -300,7 +300,7 @@ TEST_F(BatteryMonitor, TimerThreadAndEventThreadShareTheStateSafely) {
 
     (*feature)->ResetBattery();
 
-    EXPECT_EQ(peer->boosted(), 0);
+    EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
     EXPECT_GT(boostRequests().size(), 0u) << "the two threads never met";
     for (const auto& [handle, list] : fakeperf::heldLocks()) {
         ASSERT_EQ(list.size(), 2u);

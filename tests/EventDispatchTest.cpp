@@ -78,10 +78,10 @@ class EventDispatchTest : public ::testing::Test {
     void holdProfile() {
         Profile profile{{0x42804000, 0x2}};
         feature->applyProfileLock(profile);
-        ASSERT_GE(peer->heldProfileHandle(), 1);
+        ASSERT_GE(peer->profileLock().held(), 1);
     }
-    bool gameTimerActive() { return Timer().Timer_isActive(peer->gameTimer()); }
-    bool batteryTimerActive() { return Timer().Timer_isActive(peer->batteryTimer()); }
+    bool gameTimerActive() { return Timer().Timer_isActive(peer->gpu().timer()); }
+    bool batteryTimerActive() { return Timer().Timer_isActive(peer->battery().timer()); }
 
     std::unique_ptr<PSMPowerOptFeature> feature;
     std::unique_ptr<PSMPowerOptFeatureTestPeer> peer;
@@ -132,7 +132,7 @@ TEST_F(EventDispatchTest, GamingMode_GameStartArmsGameTimer) {
     EXPECT_THAT(log.messages(), ElementsAre(kTriggering));
     EXPECT_EQ(peer->gameState(), 1);
     ASSERT_TRUE(gameTimerActive());
-    const itimerspec spec = systemSchedule(peer->gameTimer());
+    const itimerspec spec = systemSchedule(peer->gpu().timer());
     EXPECT_EQ(spec.it_interval.tv_sec, 2);
     EXPECT_EQ(spec.it_interval.tv_nsec, 250000000);
 
@@ -148,7 +148,7 @@ TEST_F(EventDispatchTest, GamingMode_NonGameStartDisablesAndReleases) {
     build(pwr::test::gpuMonitorConfig("2"));
     feature->sendEvents(event(kStart, kGame));
     holdProfile();
-    const int handle = peer->heldProfileHandle();
+    const int handle = peer->profileLock().held();
     LogCapture log;
     feature->sendEvents(event(kStart, kApp));
     EXPECT_THAT(log.messages(), ElementsAre(kDisableGame,
@@ -157,7 +157,7 @@ TEST_F(EventDispatchTest, GamingMode_NonGameStartDisablesAndReleases) {
                                                     std::to_string(handle)));
     EXPECT_EQ(peer->gameState(), 2);
     EXPECT_FALSE(gameTimerActive());
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::heldLocks(), IsEmpty());
 
     // Already off: a further non-game start does nothing.
@@ -195,7 +195,7 @@ TEST_F(EventDispatchTest, GamingMode_StopCodesDisarmReleaseAndTurnOff) {
         EXPECT_EQ(log.countContaining("Releasing profile"), 1) << code;
         EXPECT_EQ(peer->gameState(), 2) << code;
         EXPECT_FALSE(gameTimerActive()) << code;
-        const itimerspec spec = systemSchedule(peer->gameTimer());
+        const itimerspec spec = systemSchedule(peer->gpu().timer());
         EXPECT_EQ(spec.it_value.tv_sec, 0);
         EXPECT_EQ(spec.it_value.tv_nsec, 0);
         EXPECT_THAT(fakeperf::heldLocks(), IsEmpty()) << code;
@@ -216,7 +216,7 @@ TEST_F(EventDispatchTest, GamingMode_GameOffReleasesWithoutClassifying) {
     feature->sendEvents(event(kGameOff, kGame));
     EXPECT_EQ(peer->gameState(), 2);
     EXPECT_FALSE(gameTimerActive());
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_EQ(classified().size(), 0u);
     EXPECT_EQ(countCalls(CallKind::LockRelease), 1);
     // Only the release's own line: game-off itself logs nothing.
@@ -256,7 +256,7 @@ TEST_F(EventDispatchTest, GamingModeWithoutGpuMonitor_OnlyStopsAct) {
     holdProfile();
     feature->sendEvents(event(kStop, kGame));
     EXPECT_EQ(log.countContaining("Stop hint 4098"), 1);
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_EQ(peer->gameState(), 2);
 }
 
@@ -264,7 +264,7 @@ TEST_F(EventDispatchTest, GamingModeWithoutGpuMonitor_GameOffActs) {
     build(pwr::test::minimalConfig("2"));
     holdProfile();
     feature->sendEvents(event(kGameOff, kGame));
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_EQ(peer->gameState(), 2);
 }
 
@@ -276,7 +276,7 @@ class BatteryWatchTest : public EventDispatchTest {
         fakeperf::setAppType("com.example.video", 5);
         tree.mkdirs(pwr::test::kStoreDirectory);
         build(pwr::test::deepModeConfig("3"));
-        ASSERT_NE(peer->batteryTimer(), nullptr);
+        ASSERT_NE(peer->battery().timer(), nullptr);
     }
     // The feature goes before the tree: it may write its state store while it closes.
     void TearDown() override {
@@ -294,7 +294,7 @@ TEST_F(BatteryWatchTest, EligibleStartArmsOnceASecond) {
         LogCapture log;
         feature->sendEvents(event(kStart, app));
         EXPECT_TRUE(batteryTimerActive()) << app;
-        const itimerspec spec = systemSchedule(peer->batteryTimer());
+        const itimerspec spec = systemSchedule(peer->battery().timer());
         EXPECT_EQ(spec.it_interval.tv_sec, 1) << app;
         EXPECT_EQ(spec.it_interval.tv_nsec, 0) << app;
         EXPECT_THAT(log.messages(), IsEmpty()) << app;
@@ -307,7 +307,7 @@ TEST_F(BatteryWatchTest, StartWhileArmed_DisarmsThenArmsAgain) {
     TimerSyscalls::reset();
     feature->sendEvents(event(kStartAlt, "com.example.browser"));
     EXPECT_TRUE(batteryTimerActive());
-    const auto settimes = TimerSyscalls::settimesOf(peer->batteryTimer()->timerId);
+    const auto settimes = TimerSyscalls::settimesOf(peer->battery().timer()->timerId);
     ASSERT_EQ(settimes.size(), 2u);
     EXPECT_EQ(settimes[0].spec.it_value.tv_sec, 0);  // disarm
     EXPECT_EQ(settimes[0].spec.it_interval.tv_sec, 0);
@@ -336,7 +336,7 @@ TEST_F(BatteryWatchTest, StopOfEligibleDisarmsStopOfOtherKeeps) {
 
 TEST_F(EventDispatchTest, BatteryWatchWithoutBatteryTimer_LogsCouldNotStart) {
     build(pwr::test::minimalConfig("3"));
-    ASSERT_EQ(peer->batteryTimer(), nullptr);
+    ASSERT_EQ(peer->battery().timer(), nullptr);
     LogCapture log;
     feature->sendEvents(event(kStart, kApp));
     EXPECT_THAT(log.messages(), IsEmpty());
@@ -373,8 +373,8 @@ TEST_F(EventDispatchTest, Hint_LightModeAppliesLightProfile) {
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].kind, CallKind::LockAcquire);
     EXPECT_EQ(calls[0].duration, INT_MAX);
-    EXPECT_EQ(calls[0].list, peer->lightModeProfile()[0]);
-    EXPECT_EQ(peer->heldProfileHandle(), calls[0].result);
+    EXPECT_EQ(calls[0].list, peer->settings().mLightModeProfile[0]);
+    EXPECT_EQ(peer->profileLock().held(), calls[0].result);
 
     // Light mode again: the held light lock is released and taken anew.
     feature->sendEvents(event(kHint, "com.example.app", 0x81));
@@ -394,18 +394,18 @@ TEST_F(EventDispatchTest, Hint_ModeTypesReleaseAndSwitch) {
     for (const Case& c :
          {Case{0x82, 2, false}, Case{0x80, 0, false}, Case{0x81, 1, true}, Case{0x83, 1, false}}) {
         holdProfile();
-        const int before = peer->heldProfileHandle();
+        const int before = peer->profileLock().held();
         feature->sendEvents(event(kHint, kGame, c.hintType));
         EXPECT_EQ(peer->psmMode(), c.mode) << std::hex << c.hintType;
         EXPECT_EQ(fakeperf::heldLocks().count(before), 0u) << std::hex << c.hintType;
-        EXPECT_EQ(peer->heldProfileHandle() >= 1, c.lockHeld) << std::hex << c.hintType;
+        EXPECT_EQ(peer->profileLock().held() >= 1, c.lockHeld) << std::hex << c.hintType;
     }
 }
 
 TEST_F(EventDispatchTest, Hint_NoActionOrUnknownTypeDoesNothing) {
     build(pwr::test::minimalConfig("0"));
     holdProfile();
-    const int handle = peer->heldProfileHandle();
+    const int handle = peer->profileLock().held();
     const size_t callsBefore = fakeperf::calls().size();
     LogCapture log;
     // Action 0 (bits 15 and up are not part of it): silent even when debugging.
@@ -424,7 +424,7 @@ TEST_F(EventDispatchTest, Hint_NoActionOrUnknownTypeDoesNothing) {
     feature->sendEvents(event(kHint, kGame, 0xFF));
     EXPECT_EQ(log.messages().size(), 1u);
     EXPECT_EQ(fakeperf::calls().size(), callsBefore);
-    EXPECT_EQ(peer->heldProfileHandle(), handle);
+    EXPECT_EQ(peer->profileLock().held(), handle);
     EXPECT_EQ(peer->psmMode(), 0);
 }
 

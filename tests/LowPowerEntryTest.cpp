@@ -49,9 +49,9 @@ TEST_F(LowPowerEntry, DeepModeOnArmsTheDeepTimer) {
 
     feature->sendEvents(powerModeHint(3));
 
-    ASSERT_NE(peer.deepTimer(), nullptr);
-    EXPECT_EQ(peer.deepTimerCopy(), peer.deepTimer());
-    EXPECT_TRUE(Timer().Timer_isActive(peer.deepTimer()));
+    ASSERT_NE(peer.deep().timers().first, nullptr);
+    EXPECT_EQ(peer.deep().timers().second, peer.deep().timers().first);
+    EXPECT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
     EXPECT_EQ(log.count("PSMPOWEROPT: lowPowerInit() 1087: Timer started \n"), 1)
             << ::testing::PrintToString(log.messages());
     EXPECT_EQ(log.countContaining("Timer couldn't be started"), 0);
@@ -72,7 +72,7 @@ TEST_F(LowPowerEntry, EnteringTwiceReplacesTheTimer) {
     feature->sendEvents(powerModeHint(3));
     EXPECT_EQ(processTimers(), before + 1);
 
-    EXPECT_TRUE(Timer().Timer_isActive(peer.deepTimer()));
+    EXPECT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
     EXPECT_EQ(log.count("PSMPOWEROPT: lowPowerInit() 1087: Timer started \n"), 2);
     feature.reset();
     EXPECT_EQ(processTimers(), before - 1) << "the destructor deletes what is left";
@@ -86,7 +86,7 @@ TEST_F(LowPowerEntry, DeepModeOffArmsNothingAndTouchesNoProperty) {
 
     feature->sendEvents(powerModeHint(3));
 
-    EXPECT_EQ(peer.deepTimer(), nullptr);
+    EXPECT_EQ(peer.deep().timers().first, nullptr);
     EXPECT_EQ(log.countContaining("lowPowerInit()"), 0);
     EXPECT_EQ(log.countContaining("releaseProp()"), 0);
     EXPECT_EQ(propertyValue("vendor.pwr.sync"), "8");
@@ -96,7 +96,7 @@ TEST_F(LowPowerEntry, DeepModeOffArmsNothingAndTouchesNoProperty) {
 
 TEST_F(LowPowerEntry, RecordsTheDeepModeSwitchUnderPsm) {
     FeatureHandle feature(deepModeConfig());
-    ASSERT_TRUE(PSMPowerOptFeatureTestPeer(*feature).pmDatabase() != nullptr);
+    ASSERT_TRUE(PSMPowerOptFeatureTestPeer(*feature).store().database() != nullptr);
 
     feature->sendEvents(powerModeHint(3));
     feature->sendEvents(powerModeHint(3));

@@ -52,15 +52,15 @@ TEST_F(PSMPowerOptFeatureTest, MinimalConfig_ReadyInConfiguredMode) {
     auto feature = createFeature(minimalConfig("2"));
     PSMPowerOptFeatureTestPeer peer(*feature);
     EXPECT_TRUE(peer.ready());
-    EXPECT_EQ(peer.psmState(), 2);
+    EXPECT_EQ(peer.settings().mPsmState, 2);
     EXPECT_EQ(peer.psmMode(), 2);
     EXPECT_EQ(peer.gameState(), 0);
-    EXPECT_EQ(peer.heldProfileHandle(), -1);
-    EXPECT_EQ(peer.lightModeProfile(), (Profile{{0x40C00000, 0x1, 0x40804000, 0x5DC}}));
+    EXPECT_EQ(peer.profileLock().held(), -1);
+    EXPECT_EQ(peer.settings().mLightModeProfile, (Profile{{0x40C00000, 0x1, 0x40804000, 0x5DC}}));
     EXPECT_EQ(feature->name, "PSMPowerOptFeature");
     // Neither optional part is set up: no timers.
-    EXPECT_EQ(peer.gameTimer(), nullptr);
-    EXPECT_EQ(peer.batteryTimer(), nullptr);
+    EXPECT_EQ(peer.gpu().timer(), nullptr);
+    EXPECT_EQ(peer.battery().timer(), nullptr);
     EXPECT_THAT(log.messages(), ElementsAre(kConstructed));
 }
 
@@ -69,7 +69,7 @@ TEST_F(PSMPowerOptFeatureTest, PsmState_TruncatedTowardZero) {
     for (const auto& [text, expected] : cases) {
         auto feature = createFeature(minimalConfig(text));
         PSMPowerOptFeatureTestPeer peer(*feature);
-        EXPECT_EQ(peer.psmState(), expected) << text;
+        EXPECT_EQ(peer.settings().mPsmState, expected) << text;
         EXPECT_EQ(peer.psmMode(), expected) << text;
         EXPECT_TRUE(peer.ready()) << text;
     }
@@ -156,8 +156,8 @@ TEST_F(PSMPowerOptFeatureTest, NotReady_KeepsWhatWasCreatedUntilDestroyed) {
     auto feature = createFeature(info);
     PSMPowerOptFeatureTestPeer peer(*feature);
     EXPECT_FALSE(peer.ready());
-    ASSERT_NE(peer.batteryTimer(), nullptr);
-    const timer_t battery = peer.batteryTimer()->timerId;
+    ASSERT_NE(peer.battery().timer(), nullptr);
+    const timer_t battery = peer.battery().timer()->timerId;
     EXPECT_THAT(TimerSyscalls::deleted(), IsEmpty());
     feature.reset();
     EXPECT_THAT(TimerSyscalls::deleted(), ElementsAre(battery));
@@ -175,8 +175,8 @@ TEST_F(PSMPowerOptFeatureTest, GpuModeZero_ReadsNoGpuSetting) {
     ASSERT_NO_THROW(feature = createFeature(info));
     PSMPowerOptFeatureTestPeer peer(*feature);
     EXPECT_TRUE(peer.ready());
-    EXPECT_EQ(peer.gameTimer(), nullptr);
-    EXPECT_EQ(peer.gameTimerMs(), 0);
+    EXPECT_EQ(peer.gpu().timer(), nullptr);
+    EXPECT_EQ(peer.settings().mGameTimerMs, 0);
 }
 
 TEST_F(PSMPowerOptFeatureTest, UnparsableNumber_ThrowsOutOfFactory) {
@@ -228,21 +228,21 @@ TEST_F(PSMPowerOptFeatureTest, Destructor_DeletesTimersInOrderAndKeepsProfileLoc
     auto feature = createFeature(info);
     PSMPowerOptFeatureTestPeer peer(*feature);
     ASSERT_TRUE(peer.ready());
-    peer.setDeepTimer(Timer().Timer_create(&noop, nullptr));
-    ASSERT_NE(peer.deepTimer(), nullptr);
-    ASSERT_NE(peer.gameTimer(), nullptr);
-    ASSERT_NE(peer.batteryTimer(), nullptr);
-    const timer_t deep = peer.deepTimer()->timerId;
-    const timer_t game = peer.gameTimer()->timerId;
-    const timer_t battery = peer.batteryTimer()->timerId;
+    peer.deep().adoptTimer(pwr::TimerHandle(&noop, nullptr));
+    ASSERT_NE(peer.deep().timers().first, nullptr);
+    ASSERT_NE(peer.gpu().timer(), nullptr);
+    ASSERT_NE(peer.battery().timer(), nullptr);
+    const timer_t deep = peer.deep().timers().first->timerId;
+    const timer_t game = peer.gpu().timer()->timerId;
+    const timer_t battery = peer.battery().timer()->timerId;
 
     // A running game timer and a held profile at the time of deletion.
     fakeperf::setAppType("com.example.game", 2);
     feature->sendEvents(event(0x1001, "com.example.game/.Main"));
-    ASSERT_TRUE(Timer().Timer_isActive(peer.gameTimer()));
+    ASSERT_TRUE(Timer().Timer_isActive(peer.gpu().timer()));
     Profile profile{{0x40800000, 0x5DC}};
     feature->applyProfileLock(profile);
-    const int handle = peer.heldProfileHandle();
+    const int handle = peer.profileLock().held();
     ASSERT_GE(handle, 1);
 
     LogCapture log;

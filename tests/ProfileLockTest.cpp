@@ -47,18 +47,18 @@ TEST_F(ProfileLockTest, Apply_TakesFirstListOnlyForever) {
     EXPECT_EQ(calls[0].handle, 0);
     EXPECT_EQ(calls[0].duration, INT_MAX);
     EXPECT_EQ(calls[0].list, (std::vector<int>{1, 2, 3, 4}));
-    EXPECT_EQ(peer->heldProfileHandle(), calls[0].result);
+    EXPECT_EQ(peer->profileLock().held(), calls[0].result);
 }
 
 TEST_F(ProfileLockTest, Apply_TwiceTakesOneLock) {
     Profile first{{1, 2}};
     Profile second{{3, 4}};
     feature->applyProfileLock(first);
-    const int handle = peer->heldProfileHandle();
+    const int handle = peer->profileLock().held();
     LogCapture log;
     feature->applyProfileLock(second);
     EXPECT_THAT(log.messages(), ElementsAre(kTrying));
-    EXPECT_EQ(peer->heldProfileHandle(), handle);
+    EXPECT_EQ(peer->profileLock().held(), handle);
     EXPECT_EQ(fakeperf::heldLocks(), (std::map<int, std::vector<int>>{{handle, {1, 2}}}));
 }
 
@@ -75,7 +75,7 @@ TEST_F(ProfileLockTest, Apply_EmptyProfileOrEmptyFirstListTakesNothing) {
                             "PSMPOWEROPT: readAndApplyProfile() 909:  Array size 0",
                             "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 2",
                             "PSMPOWEROPT: readAndApplyProfile() 909:  Array size 0"));
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
 }
 
@@ -86,24 +86,24 @@ TEST_F(ProfileLockTest, Apply_RefusedLockLoggedAndRetriedNextTime) {
     feature->applyProfileLock(profile);
     EXPECT_TRUE(log.contains(
             "PSMPOWEROPT: readAndApplyProfile() 918: Failed to apply resource, handle = 0"));
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
 
     fakeperf::setAcquireFailure(false);
     feature->applyProfileLock(profile);
-    EXPECT_GE(peer->heldProfileHandle(), 1);
+    EXPECT_GE(peer->profileLock().held(), 1);
 }
 
 TEST_F(ProfileLockTest, Release_GivesBackHeldLockOnce) {
     Profile profile{{1, 2}};
     feature->applyProfileLock(profile);
-    const int handle = peer->heldProfileHandle();
+    const int handle = peer->profileLock().held();
     LogCapture log;
     feature->releaseProfileLock();
     feature->releaseProfileLock();  // none held: silent
     EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: releaseProfileLock() 929: Releasing "
                                             "profile, handle = " +
                                             std::to_string(handle)));
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::heldLocks(), IsEmpty());
     const auto calls = fakeperf::calls();
     ASSERT_EQ(calls.size(), 2u);
@@ -126,7 +126,7 @@ TEST_F(ProfileLockTest, PlainPair_AppliesAndReleasesGivenHandles) {
     EXPECT_EQ(calls[1].handle, 0);
     EXPECT_EQ(calls[2].handle, handle);
     // The held profile lock is not the plain pair's business.
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
 }
 
 TEST_F(ProfileLockTest, PlainPair_DiagnosticsOnlyWhenDebugging) {
@@ -182,7 +182,7 @@ TEST_F(ProfileLockTest, ConcurrentApplyRelease_OneLockNoLostRelease) {
     }
     EXPECT_GE(acquired, 1);
     EXPECT_EQ(acquired - released, held == -1 ? 0 : 1);
-    EXPECT_EQ(peer->heldProfileHandle(), held);
+    EXPECT_EQ(peer->profileLock().held(), held);
     const auto locks = fakeperf::heldLocks();
     if (held == -1) {
         EXPECT_THAT(locks, IsEmpty());

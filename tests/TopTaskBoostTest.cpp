@@ -109,8 +109,8 @@ TEST_F(TopTaskBoost, GetTopTask_SkipsKernelThreadsAndSystemServerAnywhereInTheNa
 
     EXPECT_TRUE(feature->getTopTask());
 
-    EXPECT_THAT(peer.topTaskList(), ElementsAre("1200", "1500"));
-    EXPECT_THAT(peer.taskScalingValues(), ElementsAre(Pair("1200", -20), Pair("1500", -20)));
+    EXPECT_THAT(peer.battery().tasks(), ElementsAre("1200", "1500"));
+    EXPECT_THAT(peer.battery().scalingValues(), ElementsAre(Pair("1200", -20), Pair("1500", -20)));
     EXPECT_EQ(log.count("PSMPOWEROPT: getTopTask() 761: Get task 1200\n"), 1)
             << ::testing::PrintToString(log.messages());
     EXPECT_EQ(log.count("PSMPOWEROPT: getTopTask() 761: Get task 1500\n"), 1);
@@ -128,7 +128,7 @@ TEST_F(TopTaskBoost, GetTopTask_KernelThreadsOnlyFindsNothing) {
 
     EXPECT_FALSE(feature->getTopTask());
 
-    EXPECT_THAT(peer.topTaskList(), IsEmpty());
+    EXPECT_THAT(peer.battery().tasks(), IsEmpty());
     EXPECT_EQ(log.count("PSMPOWEROPT: getTopTask() 784: No more task fits"), 1)
             << ::testing::PrintToString(log.messages());
 }
@@ -141,15 +141,15 @@ TEST_F(TopTaskBoost, GetTopTask_MissingCpusetIsSilentAndListIsRefilledEachCall) 
     writeProcess(700, "a");
     writeProcess(800, "b");
     ASSERT_TRUE(feature->getTopTask());
-    EXPECT_THAT(peer.topTaskList(), ElementsAre("700"));
+    EXPECT_THAT(peer.battery().tasks(), ElementsAre("700"));
 
     tree.remove(kProcs);
     log.clear();
     EXPECT_FALSE(feature->getTopTask());
-    EXPECT_THAT(peer.topTaskList(), IsEmpty());
+    EXPECT_THAT(peer.battery().tasks(), IsEmpty());
     EXPECT_THAT(log.messages(), IsEmpty());
     // Scaling values of earlier calls stay.
-    EXPECT_THAT(peer.taskScalingValues(), ElementsAre(Pair("700", -20)));
+    EXPECT_THAT(peer.battery().scalingValues(), ElementsAre(Pair("700", -20)));
 }
 
 TEST_F(TopTaskBoost, GetTopTask_KeepsFourAndNeverOpensTheRest) {
@@ -169,7 +169,7 @@ TEST_F(TopTaskBoost, GetTopTask_KeepsFourAndNeverOpensTheRest) {
 
     EXPECT_TRUE(feature->getTopTask());
 
-    EXPECT_THAT(peer.topTaskList(), ElementsAre("101", "102", "103", "104"));
+    EXPECT_THAT(peer.battery().tasks(), ElementsAre("101", "102", "103", "104"));
     const std::set<int> opened = watch.opened();
     EXPECT_EQ(opened.count(fourth), 1u) << "the watch must see the fourth process being read";
     EXPECT_EQ(opened.count(fifth), 0u) << "the fifth process was opened";
@@ -206,7 +206,7 @@ TEST_F(TopTaskBoost, UpdateTaskloadboost_EncodesOnlyNegativeValues) {
     EXPECT_EQ(calls[6].handle, 0);
     EXPECT_THAT(calls[7].list, ElementsAre(kTaskBoostOpcode, (77 << 8) | 0xC8));
 
-    EXPECT_THAT(peer.taskBoostHandles(),
+    EXPECT_THAT(peer.battery().boostHandles(),
                 ElementsAre(Pair("1234", calls[5].result), Pair("77", calls[7].result)));
     EXPECT_THAT(fakeperf::heldLocks(), ::testing::SizeIs(2)) << "one lock per pid";
     EXPECT_EQ(log.count("PSMPOWEROPT: updateTaskloadboost() 722: Updated handle: " +
@@ -224,7 +224,7 @@ TEST_F(TopTaskBoost, UpdateTaskloadboost_ZeroTasksChangesNothing) {
     feature->updateTaskloadboost("1234", 0, -20);
 
     EXPECT_THAT(lockCalls(), IsEmpty());
-    EXPECT_THAT(peer.taskBoostHandles(), IsEmpty());
+    EXPECT_THAT(peer.battery().boostHandles(), IsEmpty());
     EXPECT_EQ(log.count("PSMPOWEROPT: updateTaskloadboost() 708: Failed to update "
                         "task_load_boost, maxNumTask = 0"),
               1);
@@ -237,7 +237,7 @@ TEST_F(TopTaskBoost, UpdateTaskloadboost_RefusedLockIsNotReleasedNextTime) {
     fakeperf::setAcquireFailure(true, -1);
 
     feature->updateTaskloadboost("55", 1, -1);
-    EXPECT_THAT(peer.taskBoostHandles(), ElementsAre(Pair("55", -1)));
+    EXPECT_THAT(peer.battery().boostHandles(), ElementsAre(Pair("55", -1)));
     EXPECT_EQ(log.count("PSMPOWEROPT: applyProfile() 954: Failed to apply resource, handle = -1"),
               1)
             << ::testing::PrintToString(log.messages());
@@ -261,7 +261,7 @@ TEST_F(TopTaskBoost, UpdateTaskloadboost_WithoutOpcodeOnlyReleases) {
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].kind, fakeperf::CallKind::LockRelease);
     EXPECT_EQ(calls[0].handle, 0);
-    EXPECT_THAT(peer.taskBoostHandles(), ElementsAre(Pair("1234", 0)));
+    EXPECT_THAT(peer.battery().boostHandles(), ElementsAre(Pair("1234", 0)));
 }
 
 }  // namespace
