@@ -23,8 +23,8 @@ struct PSMFeatureSnapshot;
 // mutex released (the callback takes it), so no callback ever reaches a freed record.
 class DeepMode {
   public:
-    DeepMode(const FeatureSettings& settings, ProfileLock& profileLock,
-             PropertyApplier& properties, StateStore& store, const bool& debugEnabled)
+    DeepMode(const FeatureSettings& settings, ProfileLock& profileLock, PropertyApplier& properties,
+             StateStore& store, const bool& debugEnabled)
         : mSettings(settings),
           mProfileLock(profileLock),
           mProperties(properties),

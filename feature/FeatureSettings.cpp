@@ -33,7 +33,8 @@ bool read(const Key& key, PowerOptFeatureInfo& info, FeatureSettings& out) {
             return !(out.*key.profile).empty() || missing(key);
         case Conversion::DynamicProfiles: {
             // The host's map is unordered; the monitor indexes the profiles in key order.
-            const std::map<std::string, Profile> ordered(info.profiles.begin(), info.profiles.end());
+            const std::map<std::string, Profile> ordered(info.profiles.begin(),
+                                                         info.profiles.end());
             std::vector<Profile>& profiles = out.*key.profiles;
             for (const auto& [name, profile] : ordered) {
                 if (name.find(key.name) != std::string::npos) profiles.push_back(profile);

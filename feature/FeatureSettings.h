@@ -89,8 +89,8 @@ constexpr Key textKey(const char* name, Group group, std::string FeatureSettings
 }
 constexpr Key profileKey(const char* name, Group group, Profile FeatureSettings::*profile,
                          const LogSite* missing) {
-    return {name,    Conversion::Profile, group, Group::Core, missing,
-            nullptr, nullptr,             profile, nullptr};
+    return {name,   Conversion::Profile, group, Group::Core, missing, nullptr, nullptr, profile,
+            nullptr};
 }
 
 // The marker of the GPU monitor's dynamic profiles; the monitor picks among the first three.
@@ -109,8 +109,7 @@ inline constexpr Key kKeys[] = {
         numberKey("PSM_STATE", C::TruncatedNumber, G::Core, &S::mPsmState, &site::kMissPsmState),
         profileKey("PROFILE_LIGHT_MODE", G::Core, &S::mLightModeProfile, &site::kNoLightProfile),
         numberKey("DEEP_MODE", C::Integer, G::Core, &S::mDeepMode, nullptr, G::DeepMode),
-        numberKey("GPUMode", C::Integer, G::Core, &S::mGpuMode, &site::kMissGpuMode,
-                  G::GpuMonitor),
+        numberKey("GPUMode", C::Integer, G::Core, &S::mGpuMode, &site::kMissGpuMode, G::GpuMonitor),
 
         numberKey("VIDEO_SCALING_UP", C::Integer, G::DeepMode, &S::mVideoScalingUp),
         numberKey("BROWSER_SCALING_UP", C::Integer, G::DeepMode, &S::mBrowserScalingUp),
@@ -119,8 +118,7 @@ inline constexpr Key kKeys[] = {
         numberKey("BROWSER_SCALING_DOWN", C::Integer, G::DeepMode, &S::mBrowserScalingDown),
         numberKey("GAME_SCALING_DOWN", C::Integer, G::DeepMode, &S::mGameScalingDown),
         numberKey("MAX_SAMPLE_NUM", C::Integer, G::DeepMode, &S::mMaxSampleNum),
-        numberKey("SCALING_DOWN_TASK_LOAD_BOOST", C::Integer, G::DeepMode,
-                  &S::taskLoadBoostScale),
+        numberKey("SCALING_DOWN_TASK_LOAD_BOOST", C::Integer, G::DeepMode, &S::taskLoadBoostScale),
         textKey("CPUNODE", G::DeepMode, &S::mCpuNode),
         textKey("CPUPOLICY", G::DeepMode, &S::mCpuPolicy),
         profileKey("DEFAULT", G::DeepMode, &S::mDeepProfile, &site::kNoDeepProfile),
@@ -142,18 +140,38 @@ inline constexpr Key kKeys[] = {
          &site::kMissDynamicProfile, nullptr, nullptr, nullptr, &S::mDynamicGpuProfiles},
 };
 
+// A truncated number that std::stod reads but no int can hold.
+class NotAnInt : public std::out_of_range {
+  public:
+    using std::out_of_range::out_of_range;
+};
+
 // A numeric setting's decimal text as the feature converts it; throws what std::stod or
-// std::stoi throws (std::invalid_argument, std::out_of_range), and std::out_of_range for a
-// truncated number that no int can hold (beyond the range, infinite, not a number) instead of
-// converting it with undefined behaviour. `used`, when given, receives the characters consumed.
+// std::stoi throws (std::invalid_argument, std::out_of_range), and NotAnInt for a truncated
+// number that no int can hold (beyond the range, infinite, not a number) instead of converting
+// it with undefined behaviour. `used`, when given, receives the characters consumed.
 inline int parseNumber(Conversion conversion, const std::string& text, size_t* used = nullptr) {
     if (conversion == Conversion::Integer) return std::stoi(text, used, 10);
     const double value = std::stod(text, used);
     if (!(value > static_cast<double>(INT_MIN) - 1.0 &&
           value < static_cast<double>(INT_MAX) + 1.0)) {
-        throw std::out_of_range("stod: \"" + text + "\" does not fit an int");
+        throw NotAnInt("stod: \"" + text + "\" does not fit an int");
     }
     return static_cast<int>(value);
+}
+
+// The key of the table that fills `number`, or `profile`.
+inline const Key& keyOf(int FeatureSettings::*number) {
+    for (const Key& key : kKeys) {
+        if (key.number == number) return key;
+    }
+    throw std::logic_error("no settings key fills this member");
+}
+inline const Key& keyOf(Profile FeatureSettings::*profile) {
+    for (const Key& key : kKeys) {
+        if (key.profile == profile) return key;
+    }
+    throw std::logic_error("no settings key fills this member");
 }
 
 // Reads one key of the table into `out`, as the feature does: false when it is absent (logging

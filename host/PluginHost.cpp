@@ -21,6 +21,10 @@ bool PluginHost::load(const std::string& library, std::string* error) {
     return true;
 }
 
+void* PluginHost::symbol(const char* name) const {
+    return mHandle != nullptr ? dlsym(mHandle, name) : nullptr;
+}
+
 PowerOptFeatureFactory PluginHost::findFactory(const std::string& featureName) {
     auto* registry = PowerOptFeature::mFeatureMapInstanceList;
     if (registry == nullptr) return nullptr;

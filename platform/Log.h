@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <type_traits>
 
 namespace pwr {
@@ -178,6 +179,12 @@ struct LogSite {
 // priority under kLogTag, exactly as __android_log_print would with the prefix in its format.
 // Lines are written on the event path, so the common cases skip printf: the prefix is copied,
 // and bare %d, %x and %s conversions are formatted here; vsnprintf handles everything else.
+// "<module>: <function>() <line>: ", the text every line of `site` starts with.
+inline std::string linePrefix(const LogSite& site) {
+    return std::string(site.module) + ": " + site.function + "() " + std::to_string(site.line) +
+           ": ";
+}
+
 inline int vlogLine(const LogSite& site, va_list args) {
     if (!__android_log_is_loggable(ANDROID_LOG_ERROR, kLogTag, ANDROID_LOG_VERBOSE)) {
         return -EPERM;
