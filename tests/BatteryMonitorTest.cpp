@@ -19,6 +19,7 @@
 
 #include <android-base/unique_fd.h>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "tests/support/DeepModeConfig.h"
@@ -181,9 +182,11 @@ TEST_F(BatteryMonitor, NoAppTypeYetMeansMissingConfigs) {
 
     EXPECT_THAT(boostRequests(), IsEmpty());
     EXPECT_EQ(peer->snapshot().batterySampleCounter, 0);
-    EXPECT_EQ(log.count("PSMPOWEROPT: batterytimerCallBack() 1147: Missing configs for: 0"), 1)
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kMissingBatteryConfigs) +
+                        "Missing configs for: 0"),
+              1)
             << ::testing::PrintToString(log.messages());
-    EXPECT_EQ(log.count("PSMPOWEROPT: batterytimerCallBack() 1131: Avg Current: 5000.00"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kAverageCurrent) + "Avg Current: 5000.00"), 1);
 }
 
 TEST_F(BatteryMonitor, ChargingCountsAsNoDrain) {
@@ -203,7 +206,7 @@ TEST_F(BatteryMonitor, UnreadableNodeCountsATickWithoutASample) {
     tree.remove(kCurrentNow);
     PSMPowerOptFeature::batterytimerCallBack(&**feature);
 
-    EXPECT_EQ(log.count("PSMPOWEROPT: getBatteryStatus() 1108: Read denied."), 1)
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kReadDenied) + "Read denied."), 1)
             << ::testing::PrintToString(log.messages());
     EXPECT_THAT(peer->battery().samples(), ElementsAre(800, 800, 800, 800));
     // 3200 / 5 = 640 is not above 700 (3200 / 4 would have been).
@@ -240,7 +243,7 @@ TEST_F(BatteryMonitor, ResetBatteryWithdrawsBoostsAndRediscoversTasks) {
     (*feature)->ResetBattery();
 
     EXPECT_THAT(boostRequests(), ElementsAre(unboosted(4100), unboosted(4200)));
-    EXPECT_EQ(log.count("PSMPOWEROPT: ResetBattery() 1190: Reset battery status."), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kResetBattery) + "Reset battery status."), 1);
     EXPECT_EQ(peer->snapshot().batteryBoosted, 0);
     EXPECT_EQ(peer->snapshot().batterySampleCounter, 0);
     EXPECT_EQ(peer->snapshot().topTaskFlag, 0);
@@ -249,7 +252,7 @@ TEST_F(BatteryMonitor, ResetBatteryWithdrawsBoostsAndRediscoversTasks) {
     // Not boosted: counters only.
     (*feature)->ResetBattery();
     EXPECT_THAT(boostRequests(), IsEmpty());
-    EXPECT_EQ(log.count("PSMPOWEROPT: ResetBattery() 1190: Reset battery status."), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kResetBattery) + "Reset battery status."), 1);
 
     // With the flag cleared, the next high drain looks at the foreground again.
     tree.write(kProcs, "4300\n");
@@ -394,11 +397,11 @@ TEST_F(TopTaskBoost, GetTopTask_SkipsKernelThreadsAndSystemServerAnywhereInTheNa
 
     EXPECT_THAT(peer.battery().tasks(), ElementsAre("1200", "1500"));
     EXPECT_THAT(peer.battery().scalingValues(), ElementsAre(Pair("1200", -20), Pair("1500", -20)));
-    EXPECT_EQ(log.count("PSMPOWEROPT: getTopTask() 761: Get task 1200\n"), 1)
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kTopTask) + "Get task 1200\n"), 1)
             << ::testing::PrintToString(log.messages());
-    EXPECT_EQ(log.count("PSMPOWEROPT: getTopTask() 761: Get task 1500\n"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kTopTask) + "Get task 1500\n"), 1);
     EXPECT_EQ(log.countContaining("Get task"), 2);
-    EXPECT_EQ(log.count("PSMPOWEROPT: getTopTask() 774: Toplist Size 2\n"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kTopTaskCount) + "Toplist Size 2\n"), 1);
 }
 
 TEST_F(TopTaskBoost, GetTopTask_KernelThreadsOnlyFindsNothing) {
@@ -412,7 +415,7 @@ TEST_F(TopTaskBoost, GetTopTask_KernelThreadsOnlyFindsNothing) {
     EXPECT_FALSE(feature->getTopTask());
 
     EXPECT_THAT(peer.battery().tasks(), IsEmpty());
-    EXPECT_EQ(log.count("PSMPOWEROPT: getTopTask() 784: No more task fits"), 1)
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kNoTopTask) + "No more task fits"), 1)
             << ::testing::PrintToString(log.messages());
 }
 
@@ -492,11 +495,11 @@ TEST_F(TopTaskBoost, UpdateTaskloadboost_EncodesOnlyNegativeValues) {
     EXPECT_THAT(peer.battery().boostHandles(),
                 ElementsAre(Pair("1234", calls[5].result), Pair("77", calls[7].result)));
     EXPECT_THAT(fakeperf::heldLocks(), ::testing::SizeIs(2)) << "one lock per pid";
-    EXPECT_EQ(log.count("PSMPOWEROPT: updateTaskloadboost() 722: Updated handle: " +
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kBoostUpdated) + "Updated handle: " +
                         std::to_string(calls[1].result) + ", value: 20, val: 316052"),
               1)
             << ::testing::PrintToString(log.messages());
-    EXPECT_EQ(log.count("PSMPOWEROPT: releaseProfile() 964: Releasing handle:0"), 2);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kReleasingHandle) + "Releasing handle:0"), 2);
 }
 
 TEST_F(TopTaskBoost, UpdateTaskloadboost_ZeroTasksChangesNothing) {
@@ -508,7 +511,8 @@ TEST_F(TopTaskBoost, UpdateTaskloadboost_ZeroTasksChangesNothing) {
 
     EXPECT_THAT(lockCalls(), IsEmpty());
     EXPECT_THAT(peer.battery().boostHandles(), IsEmpty());
-    EXPECT_EQ(log.count("PSMPOWEROPT: updateTaskloadboost() 708: Failed to update "
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kBoostWithoutTasks) +
+                        "Failed to update "
                         "task_load_boost, maxNumTask = 0"),
               1);
 }
@@ -521,7 +525,8 @@ TEST_F(TopTaskBoost, UpdateTaskloadboost_RefusedLockIsNotReleasedNextTime) {
 
     feature->updateTaskloadboost("55", 1, -1);
     EXPECT_THAT(peer.battery().boostHandles(), ElementsAre(Pair("55", -1)));
-    EXPECT_EQ(log.count("PSMPOWEROPT: applyProfile() 954: Failed to apply resource, handle = -1"),
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kApplyFailed) +
+                        "Failed to apply resource, handle = -1"),
               1)
             << ::testing::PrintToString(log.messages());
 

@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -98,9 +99,12 @@ TEST_F(DeepMode, InitDeepMode_WalksProfilesInNameOrder) {
     EXPECT_THAT(peer.deep().profileList(),
                 ElementsAre(info.profiles["DEFAULT"], info.profiles["PROFILE_LIGHT_MODE"],
                             info.profiles["PSM_OPT_RESOURCE"]));
-    const int first = indexOf("PSMPOWEROPT: initDeepMode() 240:  ProfileList DEFAULT");
-    const int second = indexOf("PSMPOWEROPT: initDeepMode() 240:  ProfileList PROFILE_LIGHT_MODE");
-    const int third = indexOf("PSMPOWEROPT: initDeepMode() 240:  ProfileList PSM_OPT_RESOURCE");
+    const int first =
+            indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) + " ProfileList DEFAULT");
+    const int second = indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) +
+                               " ProfileList PROFILE_LIGHT_MODE");
+    const int third = indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) +
+                              " ProfileList PSM_OPT_RESOURCE");
     EXPECT_NE(first, -1) << ::testing::PrintToString(log.messages());
     EXPECT_LT(first, second);
     EXPECT_LT(second, third);
@@ -115,7 +119,8 @@ TEST_F(DeepMode, InitDeepMode_WalksEverySettingButPsmIntoThePropertyList) {
 
     size_t expectedSize = 0;
     for (const auto& [key, value] : info.configs) {
-        EXPECT_EQ(log.count("PSMPOWEROPT: initDeepMode() 252:  PropsList " + key), 1) << key;
+        EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropsListEntry) + " PropsList " + key), 1)
+                << key;
         const std::vector<std::string> tokens = splitTokens(value);
         const auto run = std::search(list.begin(), list.end(), tokens.begin(), tokens.end());
         if (key == "PSM") {
@@ -148,9 +153,10 @@ TEST_F(DeepMode, InitDeepMode_MissingNumberOrCpuSettingFailsSilently) {
         EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
         EXPECT_EQ(log.countContaining("initDeepMode()"), 0)
                 << ::testing::PrintToString(log.messages());
-        EXPECT_EQ(log.count("PSMPOWEROPT: PSMPowerOptFeature() 70: Missing feature configs, "
-                            "return !!"),
-                  1);
+        EXPECT_EQ(
+                log.count(pwr::linePrefix(pwr::site::kMissingConfigs) + "Missing feature configs, "
+                                                                        "return !!"),
+                1);
     }
 }
 
@@ -159,18 +165,20 @@ TEST_F(DeepMode, InitDeepMode_MissingProfilesAreNamed) {
         const char* profile;
         Profile value;
         bool erase;
+        const pwr::LogSite* site;  // the refusal's line; null: accepted
         const char* message;
     };
     const Case cases[] = {
-            {"DEFAULT", {}, true, "PSMPOWEROPT: initDeepMode() 228: No Deep Profile specified\n"},
-            {"DEFAULT", {}, false, "PSMPOWEROPT: initDeepMode() 228: No Deep Profile specified\n"},
+            {"DEFAULT", {}, true, &pwr::site::kNoDeepProfile, "No Deep Profile specified\n"},
+            {"DEFAULT", {}, false, &pwr::site::kNoDeepProfile, "No Deep Profile specified\n"},
             {"PSM_OPT_RESOURCE",
              {},
              true,
-             "PSMPOWEROPT: initDeepMode() 234: No TASK_LOAD_BOOST opcode specified\n"},
+             &pwr::site::kNoBoostOpcode,
+             "No TASK_LOAD_BOOST opcode specified\n"},
             // Only an empty profile is refused: an empty first list is accepted (the boost then
             // acquires nothing).
-            {"PSM_OPT_RESOURCE", {{}}, false, nullptr},
+            {"PSM_OPT_RESOURCE", {{}}, false, nullptr, nullptr},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.profile);
@@ -183,13 +191,14 @@ TEST_F(DeepMode, InitDeepMode_MissingProfilesAreNamed) {
         }
         FeatureHandle feature(info);
 
-        EXPECT_EQ(PSMPowerOptFeatureTestPeer(*feature).ready(), c.message == nullptr);
-        if (c.message != nullptr) {
-            EXPECT_EQ(log.count(c.message), 1) << ::testing::PrintToString(log.messages());
+        EXPECT_EQ(PSMPowerOptFeatureTestPeer(*feature).ready(), c.site == nullptr);
+        if (c.site != nullptr) {
+            EXPECT_EQ(log.count(pwr::linePrefix(*c.site) + c.message), 1)
+                    << ::testing::PrintToString(log.messages());
         } else {
             EXPECT_EQ(log.countContaining("No TASK_LOAD_BOOST"), 0);
         }
-        EXPECT_EQ(log.countContaining("ProfileList") != 0, c.message == nullptr);
+        EXPECT_EQ(log.countContaining("ProfileList") != 0, c.site == nullptr);
     }
 }
 
@@ -212,9 +221,10 @@ TEST_F(DeepMode, DeepTimerCallBack_WaitsForTheDeepProfileLock) {
     fakeperf::setAcquireFailure(true, -1);
     PSMPowerOptFeature::deeptimerCallBack(&*feature);
 
-    EXPECT_EQ(log.count("PSMPOWEROPT: readAndApplyProfile() 918: Failed to apply resource, "
-                        "handle = -1"),
-              1);
+    EXPECT_EQ(
+            log.count(pwr::linePrefix(pwr::site::kProfileApplyFailed) + "Failed to apply resource, "
+                                                                        "handle = -1"),
+            1);
     EXPECT_EQ(peer.profileLock().held(), -1);
     EXPECT_EQ(peer.deep().state(), 0);
     EXPECT_EQ(propertyValue(firstName), "<unset>") << "nothing is applied without the lock";
@@ -235,7 +245,7 @@ TEST_F(DeepMode, DeepTimerCallBack_AppliesThePropertiesOnceTheLockIsHeld) {
     for (const auto& [name, value] : pairs) EXPECT_EQ(propertyValue(name), value) << name;
     EXPECT_EQ(peer.deep().state(), 3);
     EXPECT_EQ(peer.deep().propResult(), 11) << "length of the last old value, \"performance\"";
-    EXPECT_EQ(log.count("PSMPOWEROPT: readAndApplyProp() 848: Prop size " +
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropSize) + "Prop size " +
                         std::to_string(list.size())),
               1)
             << ::testing::PrintToString(log.messages());
@@ -251,14 +261,14 @@ TEST_F(DeepMode, ResetDeepMode_ReleasesUnlessTheResultIsZero) {
 
     peer.deep().setPropResult(0);
     feature->resetDeepMode();
-    EXPECT_EQ(log.count("PSMPOWEROPT: resetDeepMode() 1238: Reset"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kResetDeepMode) + "Reset"), 1);
     EXPECT_EQ(log.countContaining("Array size"), 0) << "nothing released";
     EXPECT_EQ(propertyValue(name), "1");
 
     // Nothing applied (-1) still releases; with nothing saved, the property is cleared.
     peer.deep().setPropResult(-1);
     feature->resetDeepMode();
-    EXPECT_EQ(log.count("PSMPOWEROPT: releaseProp() 886:  Array size " +
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kReleasePropSize) + " Array size " +
                         std::to_string(peer.deep().propList().size())),
               1)
             << ::testing::PrintToString(log.messages());
@@ -431,7 +441,7 @@ TEST_F(LowPowerEntry, DeepModeOnArmsTheDeepTimer) {
     ASSERT_NE(peer.deep().timers().first, nullptr);
     EXPECT_EQ(peer.deep().timers().second, peer.deep().timers().first);
     EXPECT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
-    EXPECT_EQ(log.count("PSMPOWEROPT: lowPowerInit() 1087: Timer started \n"), 1)
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kDeepTimerStarted) + "Timer started \n"), 1)
             << ::testing::PrintToString(log.messages());
     EXPECT_EQ(log.countContaining("Timer couldn't be started"), 0);
     EXPECT_EQ(peer.psmMode(), 0) << "low-power entry leaves the PSM mode alone";
@@ -452,7 +462,7 @@ TEST_F(LowPowerEntry, EnteringTwiceReplacesTheTimer) {
     EXPECT_EQ(processTimers(), before + 1);
 
     EXPECT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
-    EXPECT_EQ(log.count("PSMPOWEROPT: lowPowerInit() 1087: Timer started \n"), 2);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kDeepTimerStarted) + "Timer started \n"), 2);
     feature.reset();
     EXPECT_EQ(processTimers(), before - 1) << "the destructor deletes what is left";
 }

@@ -5,6 +5,7 @@
 
 #include <climits>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "tests/support/DeepModeConfig.h"
@@ -36,9 +37,10 @@ constexpr char kGameKey[] = "com.example.game";
 constexpr char kApp[] = "com.example.notes/.Edit";
 constexpr char kAppKey[] = "com.example.notes";
 
-constexpr char kTriggering[] = "PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.";
-constexpr char kDisableGame[] =
-        "PSMPOWEROPT: sendEvents() 408: Disable Game feature for non-game case.";
+const std::string kTriggering =
+        pwr::linePrefix(pwr::site::kGamingOn) + "Triggering Gaming Usable Mode.";
+const std::string kDisableGame =
+        pwr::linePrefix(pwr::site::kGamingOffNonGame) + "Disable Game feature for non-game case.";
 
 // The applications asked about, in order.
 std::vector<std::string> classified() {
@@ -151,10 +153,11 @@ TEST_F(EventDispatchTest, GamingMode_NonGameStartDisablesAndReleases) {
     const int handle = peer->profileLock().held();
     LogCapture log;
     feature->sendEvents(event(kStart, kApp));
-    EXPECT_THAT(log.messages(), ElementsAre(kDisableGame,
-                                            "PSMPOWEROPT: releaseProfileLock() 929: Releasing "
-                                            "profile, handle = " +
-                                                    std::to_string(handle)));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(kDisableGame, pwr::linePrefix(pwr::site::kReleasingProfile) +
+                                                  "Releasing "
+                                                  "profile, handle = " +
+                                                  std::to_string(handle)));
     EXPECT_EQ(peer->gameState(), 2);
     EXPECT_FALSE(gameTimerActive());
     EXPECT_EQ(peer->profileLock().held(), -1);
@@ -190,7 +193,7 @@ TEST_F(EventDispatchTest, GamingMode_StopCodesDisarmReleaseAndTurnOff) {
         feature->sendEvents(event(code, kGame));
         ASSERT_GE(log.messages().size(), 1u) << code;
         // The whole appName is printed, not the key.
-        EXPECT_EQ(log.messages()[0], "PSMPOWEROPT: sendEvents() 449: Stop hint " +
+        EXPECT_EQ(log.messages()[0], pwr::linePrefix(pwr::site::kStopHint) + "Stop hint " +
                                              std::to_string(code) + " for: " + kGame);
         EXPECT_EQ(log.countContaining("Releasing profile"), 1) << code;
         EXPECT_EQ(peer->gameState(), 2) << code;
@@ -232,9 +235,9 @@ TEST_F(EventDispatchTest, GamingMode_TimerFailureLoggedAndNotRetried) {
     build(pwr::test::gpuMonitorConfig("2", "-5"));
     LogCapture log;
     feature->sendEvents(event(kStart, kGame));
-    EXPECT_THAT(
-            log.messages(),
-            ElementsAre(kTriggering, "PSMPOWEROPT: sendEvents() 404: Timer couldn't be started\n"));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(kTriggering, pwr::linePrefix(pwr::site::kGameTimerNotStarted) +
+                                                 "Timer couldn't be started\n"));
     EXPECT_EQ(peer->gameState(), 1);
     EXPECT_FALSE(gameTimerActive());
 
@@ -341,8 +344,8 @@ TEST_F(EventDispatchTest, BatteryWatchWithoutBatteryTimer_LogsCouldNotStart) {
     feature->sendEvents(event(kStart, kApp));
     EXPECT_THAT(log.messages(), IsEmpty());
     feature->sendEvents(event(kStart, kGame));
-    EXPECT_THAT(log.messages(),
-                ElementsAre("PSMPOWEROPT: sendEvents() 421: Battery Timer couldn't be started\n"));
+    EXPECT_THAT(log.messages(), ElementsAre(pwr::linePrefix(pwr::site::kBatteryTimerNotStarted) +
+                                            "Battery Timer couldn't be started\n"));
 }
 
 // --- Usable power mode hints ---
@@ -353,7 +356,9 @@ TEST_F(EventDispatchTest, Hint_ConfiguredPsmStateOwnsTheMode) {
     for (uint32_t type : {0x80u, 0x81u, 0x82u, 0x83u, 0x01u}) {
         feature->sendEvents(event(kHint, kGame, type));
     }
-    EXPECT_EQ(log.count("PSMPOWEROPT: sendEvents() 354: Control PSM mode swiching by XML."), 5);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kXmlOwnsMode) +
+                        "Control PSM mode swiching by XML."),
+              5);
     EXPECT_EQ(log.messages().size(), 5u);
     EXPECT_EQ(peer->psmMode(), 2);
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
@@ -365,10 +370,10 @@ TEST_F(EventDispatchTest, Hint_LightModeAppliesLightProfile) {
     LogCapture log;
     feature->sendEvents(event(kHint, "com.example.app/.X", 0x81));
     EXPECT_EQ(peer->psmMode(), 1);
-    EXPECT_TRUE(
-            log.contains("PSMPOWEROPT: sendEvents() 362: Usable power mode hint for app "
-                         "com.example.app/.X, hintID : 5600, hintType hex : 81, psmAction: 1, "
-                         "psmType: 1"));
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kPowerModeHint) +
+                             "Usable power mode hint for app "
+                             "com.example.app/.X, hintID : 5600, hintType hex : 81, psmAction: 1, "
+                             "psmType: 1"));
     const auto calls = fakeperf::calls();
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].kind, CallKind::LockAcquire);
@@ -416,7 +421,8 @@ TEST_F(EventDispatchTest, Hint_NoActionOrUnknownTypeDoesNothing) {
     // Type 4: only the debug line.
     feature->sendEvents(event(kHint, kGame, 0x84));
     EXPECT_THAT(log.messages(),
-                ElementsAre("PSMPOWEROPT: sendEvents() 362: Usable power mode hint for app "
+                ElementsAre(pwr::linePrefix(pwr::site::kPowerModeHint) +
+                            "Usable power mode hint for app "
                             "com.example.game/.Main, hintID : 5600, hintType hex : 84, "
                             "psmAction: 1, psmType: 4"));
     peer->setDebugEnabled(false);

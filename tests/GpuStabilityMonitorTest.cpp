@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "platform/GraxInfo.h"
@@ -65,6 +66,10 @@ constexpr unsigned long long kLowAvg = 200;
 
 std::string line(const char* func, int number, const std::string& message) {
     return std::string("PSMPOWEROPT: ") + func + "() " + std::to_string(number) + ": " + message;
+}
+
+std::string line(const pwr::LogSite& site, const std::string& message) {
+    return pwr::linePrefix(site) + message;
 }
 
 PowerOptFeatureInfo gpuConfig() {
@@ -163,8 +168,8 @@ TEST(GpuMonitorConfig, EachMissingSettingIsNamedAndStopsConfiguration) {
                 << ::testing::PrintToString(log.messages());
         EXPECT_TRUE(log.contains(
                 line("initGpuMonitor", missing.line, std::string("miss ") + missing.key)));
-        EXPECT_TRUE(
-                log.contains(line("PSMPowerOptFeature", 70, "Missing feature configs, return !!")));
+        EXPECT_TRUE(log.contains(
+                line(pwr::site::kMissingConfigs, "Missing feature configs, return !!")));
     }
 }
 
@@ -194,7 +199,7 @@ TEST(GpuMonitorConfig, NoDynamicProfileFailsConfiguration) {
     info.profiles.erase("DYN_2_LOW");
     PSMPowerOptFeature feature(info);
     EXPECT_FALSE(PSMPowerOptFeatureTestPeer(feature).ready());
-    EXPECT_TRUE(log.contains(line("initGpuMonitor", 176, "miss Dynamic GPU profile")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kMissDynamicProfile, "miss Dynamic GPU profile")));
 }
 
 TEST(GpuMonitorConfig, UnparsableOrOutOfRangeSettingThrows) {
@@ -281,7 +286,7 @@ TEST_F(GpuMonitorTest, Tick_RecordsAndLogsTheSampleInMHz) {
     setGpu(tree, 0, 37);
     tree.write(kClock, "450999999\n");  // truncated to 450 MHz
     PSMPowerOptFeature::gametimerCallBack(feature.get());
-    EXPECT_TRUE(log.contains(line("gametimerCallBack", 500, "Meastured freq:450, busy:37")))
+    EXPECT_TRUE(log.contains(line(pwr::site::kMeasured, "Meastured freq:450, busy:37")))
             << ::testing::PrintToString(log.messages());
     const std::vector<GPUSample> samples = peer().gpu().samples();
     ASSERT_EQ(samples.size(), 1u);
@@ -358,7 +363,7 @@ TEST_F(GpuMonitorTest, Tick_SampleListIsBoundedBySampleCount) {
         }
     }
     EXPECT_EQ(busyValues(), (std::vector<int64_t>{70, 90, 10, 30, 50}));
-    EXPECT_EQ(log.count(line("isGpuStable", 561, "GPU is not stable yet. Busy range:80")), 4);
+    EXPECT_EQ(log.count(line(pwr::site::kGpuNotStable, "GPU is not stable yet. Busy range:80")), 4);
     EXPECT_EQ(peer().snapshot().gpuStableCount, 0);
     EXPECT_TRUE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_CHECKING));
 }
@@ -370,7 +375,7 @@ TEST_F(GpuMonitorTest, Phases_StableTicksStartEvaluationThenEveryTickDecides) {
     for (int busy : {40, 45, 50, 42}) tick(300, busy);
     EXPECT_EQ(peer().snapshot().gpuStableCount, 0);
     tick(300, 48);  // 40..50: range 10, at the threshold
-    EXPECT_TRUE(log.contains(line("isGpuStable", 557, "GPU is stable. Busy range:10")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kGpuStable, "GPU is stable. Busy range:10")));
     EXPECT_EQ(peer().snapshot().gpuStableCount, 1);
     tick(300, 44);
     EXPECT_EQ(peer().snapshot().gpuStableCount, 2);
@@ -387,14 +392,15 @@ TEST_F(GpuMonitorTest, Phases_StableTicksStartEvaluationThenEveryTickDecides) {
     log.clear();
     tick(300, 90);  // evaluation no longer looks at stability
     EXPECT_EQ(log.countContaining("isGpuStable()"), 0);
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 569, "Averaged freq:300")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kAveragedFreq, "Averaged freq:300")));
 }
 
 TEST_F(GpuMonitorTest, Phases_AnUnstableTickRestartsTheStableCount) {
     for (int busy : {40, 45, 50, 42, 48, 44}) tick(300, busy);
     ASSERT_EQ(peer().snapshot().gpuStableCount, 2);
     tick(300, 90);  // 42..90
-    EXPECT_TRUE(log.contains(line("isGpuStable", 561, "GPU is not stable yet. Busy range:48")));
+    EXPECT_TRUE(
+            log.contains(line(pwr::site::kGpuNotStable, "GPU is not stable yet. Busy range:48")));
     EXPECT_EQ(peer().snapshot().gpuStableCount, 0);
     EXPECT_TRUE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_CHECKING));
 }
@@ -405,15 +411,15 @@ TEST_F(GpuMonitorTest, Phases_EvaluationAveragesAFullListOnly) {
     tick(400, 50);  // four of five
     EXPECT_EQ(log.countContaining("Averaged freq"), 0);
     tick(500, 50);
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 569, "Averaged freq:300")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kAveragedFreq, "Averaged freq:300")));
     log.clear();
     tick(1000, 50);  // 200 + 300 + 400 + 500 + 1000
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 569, "Averaged freq:480")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kAveragedFreq, "Averaged freq:480")));
 
     peer().gpu().setSamples({{1, 50}, {1, 50}, {1, 50}, {1, 50}});
     log.clear();
     tick(2, 50);  // 6 / 5, truncated
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 569, "Averaged freq:1")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kAveragedFreq, "Averaged freq:1")));
 }
 
 TEST_F(GpuMonitorTest, Phases_WithNeitherPhaseATickOnlyRecords) {
@@ -449,10 +455,11 @@ TEST_F(GpuMonitorTest, IsGpuStable_RangeAtTheThresholdIsStable) {
     log.clear();
     std::vector<GPUSample> samples = {{300, 40}, {300, 45}, {300, 50}};
     EXPECT_TRUE(three->isGpuStable(samples));
-    EXPECT_TRUE(log.contains(line("isGpuStable", 557, "GPU is stable. Busy range:10")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kGpuStable, "GPU is stable. Busy range:10")));
     samples = {{300, 40}, {300, 51}, {300, 45}};
     EXPECT_FALSE(three->isGpuStable(samples));
-    EXPECT_TRUE(log.contains(line("isGpuStable", 561, "GPU is not stable yet. Busy range:11")));
+    EXPECT_TRUE(
+            log.contains(line(pwr::site::kGpuNotStable, "GPU is not stable yet. Busy range:11")));
 
     log.clear();
     samples = {{300, 40}, {300, 40}};  // fewer than GPU_SAMPLE_COUNT
@@ -495,7 +502,7 @@ TEST_F(GpuMonitorTest, Decision_ThresholdsAreComparedSignExtended) {
     log.clear();
     negative->applyGpuProfile(5000);
     EXPECT_TRUE(log.contains(
-            line("applyGpuProfile", 575, "GPU is underutilized. Remaining power profile.")));
+            line(pwr::site::kGpuUnderutilized, "GPU is underutilized. Remaining power profile.")));
 }
 
 TEST_F(GpuMonitorTest, Switch_OnTheThirdDifferingDecision) {
@@ -506,7 +513,7 @@ TEST_F(GpuMonitorTest, Switch_OnTheThirdDifferingDecision) {
     EXPECT_EQ(acquiredLists(), (std::vector<std::vector<int>>{kLowList}));
     EXPECT_EQ(peer().snapshot().gpuProfileLevel, 2);
     EXPECT_EQ(gGpuProfileChangeCount, 0);
-    EXPECT_EQ(log.count(line("applyGpuProfile", 593, "Ready to change the profile.")), 1);
+    EXPECT_EQ(log.count(line(pwr::site::kReadyToChangeProfile, "Ready to change the profile.")), 1);
     EXPECT_GT(peer().profileLock().held(), 0);
 }
 
@@ -563,7 +570,7 @@ TEST_F(GpuMonitorTest, Switch_LevelChangesEvenWhenTheLockIsRefused) {
     EXPECT_EQ(peer().snapshot().gpuProfileLevel, 2);
     EXPECT_EQ(peer().profileLock().held(), -1);
     EXPECT_TRUE(log.contains(
-            line("readAndApplyProfile", 918, "Failed to apply resource, handle = -1")));
+            line(pwr::site::kProfileApplyFailed, "Failed to apply resource, handle = -1")));
     // Decisions equal to the new level do not retry.
     log.clear();
     decide({kLowAvg, kLowAvg, kLowAvg});
@@ -580,7 +587,8 @@ TEST_F(GpuMonitorTest, Switch_ALevelWithoutAProfileOnlyReleases) {
     ASSERT_EQ(acquiredLists(), (std::vector<std::vector<int>>{kBalancedList}));
     log.clear();
     for (int i = 0; i < 3; ++i) twoProfiles->applyGpuProfile(kLowAvg);
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 596, "No dynamic GPU profile for level 2")));
+    EXPECT_TRUE(log.contains(
+            line(pwr::site::kNoDynamicProfileForLevel, "No dynamic GPU profile for level 2")));
     EXPECT_EQ(PSMPowerOptFeatureTestPeer(*twoProfiles).snapshot().gpuProfileLevel, 2);
     EXPECT_EQ(acquiredLists().size(), 1u);
     EXPECT_TRUE(fakeperf::heldLocks().empty());
@@ -700,14 +708,14 @@ TEST(GpuMonitorTimer, RealTicksSwitchTheDynamicProfileAsTheGpuChanges) {
     ASSERT_TRUE(feature.peer().ready());
 
     feature->sendEvents(event(kAppStart, std::string(kGame) + "/.Main"));
-    EXPECT_TRUE(log.contains(line("sendEvents", 398, "Triggering Gaming Usable Mode.")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kGamingOn, "Triggering Gaming Usable Mode.")));
     EXPECT_TRUE(Timer().Timer_isActive(feature.peer().gpu().timer()));
     EXPECT_EQ(feature.peer().gameState(), 1);
 
     // 200 MHz: underutilised, the third profile.
     const int low = watch.waitForAcquire(kLowList, 0);
     ASSERT_GE(low, 0) << ::testing::PrintToString(log.messages());
-    EXPECT_TRUE(log.contains(line("gametimerCallBack", 500, "Meastured freq:200, busy:50")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kMeasured, "Meastured freq:200, busy:50")));
     EXPECT_TRUE(log.contains(line("gametimerCallBack", 517,
                                   "GPU behavior is stable. Start evaluating GPU status.")));
 

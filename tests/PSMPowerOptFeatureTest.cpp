@@ -7,6 +7,7 @@
 #include <climits>
 #include <stdexcept>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -29,10 +30,10 @@ using pwr::test::TimerSyscalls;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr char kConstructed[] =
-        "PSMPOWEROPT: PSMPowerOptFeature() 75: Constructor PSMPowerOptFeature";
-constexpr char kMissingConfigs[] =
-        "PSMPOWEROPT: PSMPowerOptFeature() 70: Missing feature configs, return !!";
+const std::string kConstructed =
+        pwr::linePrefix(pwr::site::kConstructor) + "Constructor PSMPowerOptFeature";
+const std::string kMissingConfigs =
+        pwr::linePrefix(pwr::site::kMissingConfigs) + "Missing feature configs, return !!";
 
 class PSMPowerOptFeatureTest : public ::testing::Test {
   protected:
@@ -91,8 +92,9 @@ TEST_F(PSMPowerOptFeatureTest, MissingPsmState_NotReadyAndIgnoresEvents) {
     auto feature = createFeature(info);
     ASSERT_NE(feature, nullptr);
     EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
-    EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: initAnalyzeConfigs() 84: miss PSM_STATE",
-                                            kMissingConfigs));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(pwr::linePrefix(pwr::site::kMissPsmState) + "miss PSM_STATE",
+                            kMissingConfigs));
 
     log.clear();
     fakeperf::setDefaultAppType(2);
@@ -111,8 +113,8 @@ TEST_F(PSMPowerOptFeatureTest, MissingOrEmptyLightProfile_NotReady) {
         auto feature = createFeature(info);
         EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
         EXPECT_THAT(log.messages(),
-                    ElementsAre("PSMPOWEROPT: initAnalyzeConfigs() 90: No  Default Profile "
-                                "specified\n",
+                    ElementsAre(pwr::linePrefix(pwr::site::kNoLightProfile) + "No  Default Profile "
+                                                                              "specified\n",
                                 kMissingConfigs));
     }
     // The host's record is copied on the way in and never changed.
@@ -143,8 +145,9 @@ TEST_F(PSMPowerOptFeatureTest, MissingGpuMode_NotReady) {
     LogCapture log;
     auto feature = createFeature(info);
     EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
-    EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: initAnalyzeConfigs() 107: miss GPUMode",
-                                            kMissingConfigs));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(pwr::linePrefix(pwr::site::kMissGpuMode) + "miss GPUMode",
+                            kMissingConfigs));
 }
 
 TEST_F(PSMPowerOptFeatureTest, NotReady_KeepsWhatWasCreatedUntilDestroyed) {
@@ -250,8 +253,8 @@ TEST_F(PSMPowerOptFeatureTest, Destructor_DeletesTimersInOrderAndKeepsProfileLoc
     const size_t callsBefore = fakeperf::calls().size();
     feature.reset();
     EXPECT_THAT(TimerSyscalls::deleted(), ElementsAre(deep, game, battery));
-    EXPECT_TRUE(
-            log.contains("PSMPOWEROPT: ~PSMPowerOptFeature() 292: Destructor PSMPowerOptFeature"));
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kDestructor) +
+                             "Destructor PSMPowerOptFeature"));
     // The lock stays with the library: no perf_lock_rel, no other call.
     EXPECT_EQ(fakeperf::calls().size(), callsBefore);
     EXPECT_EQ(fakeperf::heldLocks().count(handle), 1u);

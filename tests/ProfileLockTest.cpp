@@ -6,6 +6,7 @@
 #include <climits>
 #include <thread>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "tests/support/FeaturePeer.h"
@@ -20,7 +21,8 @@ using pwr::test::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr char kTrying[] = "PSMPOWEROPT: applyProfileLock() 936: Trying to applyProfileLock.";
+const std::string kTrying =
+        pwr::linePrefix(pwr::site::kTryingProfileLock) + "Trying to applyProfileLock.";
 
 class ProfileLockTest : public ::testing::Test {
   protected:
@@ -39,8 +41,8 @@ TEST_F(ProfileLockTest, Apply_TakesFirstListOnlyForever) {
     LogCapture log;
     feature->applyProfileLock(profile);
     EXPECT_THAT(log.messages(),
-                ElementsAre(kTrying, "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 3",
-                            "PSMPOWEROPT: readAndApplyProfile() 909:  Array size 4"));
+                ElementsAre(kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 3",
+                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 4"));
     const auto calls = fakeperf::calls();
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].kind, CallKind::LockAcquire);
@@ -70,11 +72,11 @@ TEST_F(ProfileLockTest, Apply_EmptyProfileOrEmptyFirstListTakesNothing) {
     feature->applyProfileLock(emptyFirst);
     EXPECT_EQ(feature->readAndApplyProfile(emptyFirst, 100), -1);
     EXPECT_THAT(log.messages(),
-                ElementsAre(kTrying, "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 0",
-                            kTrying, "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 2",
-                            "PSMPOWEROPT: readAndApplyProfile() 909:  Array size 0",
-                            "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 2",
-                            "PSMPOWEROPT: readAndApplyProfile() 909:  Array size 0"));
+                ElementsAre(kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 0",
+                            kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 2",
+                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 0",
+                            pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 2",
+                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 0"));
     EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
 }
@@ -84,8 +86,8 @@ TEST_F(ProfileLockTest, Apply_RefusedLockLoggedAndRetriedNextTime) {
     fakeperf::setAcquireFailure(true, 0);
     LogCapture log;
     feature->applyProfileLock(profile);
-    EXPECT_TRUE(log.contains(
-            "PSMPOWEROPT: readAndApplyProfile() 918: Failed to apply resource, handle = 0"));
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kProfileApplyFailed) +
+                             "Failed to apply resource, handle = 0"));
     EXPECT_EQ(peer->profileLock().held(), -1);
 
     fakeperf::setAcquireFailure(false);
@@ -100,7 +102,8 @@ TEST_F(ProfileLockTest, Release_GivesBackHeldLockOnce) {
     LogCapture log;
     feature->releaseProfileLock();
     feature->releaseProfileLock();  // none held: silent
-    EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: releaseProfileLock() 929: Releasing "
+    EXPECT_THAT(log.messages(), ElementsAre(pwr::linePrefix(pwr::site::kReleasingProfile) +
+                                            "Releasing "
                                             "profile, handle = " +
                                             std::to_string(handle)));
     EXPECT_EQ(peer->profileLock().held(), -1);
@@ -140,10 +143,10 @@ TEST_F(ProfileLockTest, PlainPair_DiagnosticsOnlyWhenDebugging) {
     peer->setDebugEnabled(true);
     EXPECT_EQ(feature->applyProfile(list, 2, 10), -3);
     feature->releaseProfile(4);
-    EXPECT_THAT(
-            log.messages(),
-            ElementsAre("PSMPOWEROPT: applyProfile() 954: Failed to apply resource, handle = -3",
-                        "PSMPOWEROPT: releaseProfile() 964: Releasing handle:4"));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(pwr::linePrefix(pwr::site::kApplyFailed) +
+                                    "Failed to apply resource, handle = -3",
+                            pwr::linePrefix(pwr::site::kReleasingHandle) + "Releasing handle:4"));
 }
 
 // Event and timer threads apply and release concurrently: at most one lock is ever held, every

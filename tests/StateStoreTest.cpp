@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -109,16 +110,20 @@ TEST_F(StateStoreTest, WriteTwiceReadOnceGivesLaterByteAndConsumesBoth) {
     EXPECT_EQ(psm(*feature).pmDbRead("vendor.a"), 0);
 
     EXPECT_THAT(featureMessages(log),
-                ElementsAre("PSMPOWEROPT: pmDbWrite() 1134: Successfully written output to DB, DB "
-                            "Row key name=vendor.a, writing properties 1",
-                            "PSMPOWEROPT: pmDbWrite() 1134: Successfully written output to DB, DB "
-                            "Row key name=vendor.a, writing properties 7",
-                            "PSMPOWEROPT: pmDbRead() 1152: ReferenceAlgo::runAlgo (totalCount , "
-                            "readCount) = (2, 2) ",
-                            "PSMPOWEROPT: pmDbRead() 1158: Reading properties[0]=1",
-                            "PSMPOWEROPT: pmDbRead() 1158: Reading properties[1]=7",
-                            "PSMPOWEROPT: pmDbRead() 1152: ReferenceAlgo::runAlgo (totalCount , "
-                            "readCount) = (0, 0) "));
+                ElementsAre(pwr::linePrefix(pwr::site::kDbWritten) +
+                                    "Successfully written output to DB, DB "
+                                    "Row key name=vendor.a, writing properties 1",
+                            pwr::linePrefix(pwr::site::kDbWritten) +
+                                    "Successfully written output to DB, DB "
+                                    "Row key name=vendor.a, writing properties 7",
+                            pwr::linePrefix(pwr::site::kDbReadCounts) +
+                                    "ReferenceAlgo::runAlgo (totalCount , "
+                                    "readCount) = (2, 2) ",
+                            pwr::linePrefix(pwr::site::kDbReadRow) + "Reading properties[0]=1",
+                            pwr::linePrefix(pwr::site::kDbReadRow) + "Reading properties[1]=7",
+                            pwr::linePrefix(pwr::site::kDbReadCounts) +
+                                    "ReferenceAlgo::runAlgo (totalCount , "
+                                    "readCount) = (0, 0) "));
 }
 
 TEST_F(StateStoreTest, ReadConsumesOnlyItsOwnKey) {
@@ -172,9 +177,9 @@ TEST_F(StateStoreTest, FailedInitSaysSoWhenDebugging) {
     LogCapture log;
     psm(*feature).pmDbInit();
     EXPECT_EQ(peer.store().database(), nullptr);
-    EXPECT_THAT(featureMessages(log),
-                ElementsAre("PSMPOWEROPT: pmDbInit() 1111: Error in DB initialization - "
-                            "createFeatureInputDb -1"));
+    EXPECT_THAT(featureMessages(log), ElementsAre(pwr::linePrefix(pwr::site::kDbInitFailed) +
+                                                  "Error in DB initialization - "
+                                                  "createFeatureInputDb -1"));
 
     // A later init tries again, and succeeds once the directory is there.
     tree.mkdirs("/data/vendor/pwr");
