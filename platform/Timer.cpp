@@ -21,8 +21,8 @@ struct Dispatch {
     bool orphaned = false;  // deleted by Timer_destroy: the last callback to return frees this
 };
 
-// The live records, by address. A leaf lock, never held while a callback runs. Never destroyed:
-// a late notification at process exit must still find a map to look in.
+// The live records, by address. A leaf lock, never held while a callback runs. Destroyed at exit
+// (or unload) like timerMutex: a timer still alive then must not fire any more.
 struct Registry {
     pwr::Mutex mutex;
     std::condition_variable_any callbackReturned;
@@ -30,8 +30,8 @@ struct Registry {
 };
 
 Registry& registry() {
-    static Registry* const instance = new Registry();
-    return *instance;
+    static Registry instance;
+    return instance;
 }
 
 // The dispatch entry a callback on this thread belongs to, to catch a handle released from its
