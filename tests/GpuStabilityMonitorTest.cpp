@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "feature/FeatureCodes.h"
 #include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
@@ -49,10 +50,10 @@ constexpr char kClock[] = "/sys/class/grax/grax-3d0/gpuclk";
 constexpr char kGame[] = "com.example.game";
 constexpr char kOtherApp[] = "com.example.mail";
 
-constexpr int32_t kAppStart = 0x1001;
-constexpr int32_t kAppStop = 0x1002;
-constexpr int32_t kAppStopOther = 0x1093;
-constexpr int32_t kGameOff = 0x1040;
+using pwr::codes::kAppStart;
+using pwr::codes::kAppStop;
+using pwr::codes::kAppStopOther;
+using pwr::codes::kGameOff;
 
 // The dynamic profiles, in key order: very high, moderate, low utilisation.
 const std::vector<int> kHighList = {0x40C00000, 0x3, 0x42804000, 0x7};

@@ -21,6 +21,7 @@
 
 #include <gtest/gtest.h>
 
+#include "feature/FeatureCodes.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -49,12 +50,12 @@ constexpr uint64_t kEventsPerTick = 200;
 constexpr uint64_t kBatteryTicksPerArming = 3;
 constexpr auto kTimeout = 120s;
 
-constexpr int32_t kAppStart = 0x1001;
-constexpr int32_t kAppStartAlt = 0x1003;
-constexpr int32_t kAppStop = 0x1002;
-constexpr int32_t kAppStopOther = 0x1093;
-constexpr int32_t kGameOff = 0x1040;
-constexpr int32_t kPowerModeHint = 0x15E0;
+using pwr::codes::kAppStart;
+using pwr::codes::kAppStartAlt;
+using pwr::codes::kAppStop;
+using pwr::codes::kAppStopOther;
+using pwr::codes::kGameOff;
+constexpr int32_t kPowerModeHint = pwr::codes::kUsablePowerModeHint;
 constexpr int32_t kUnknownEvent = 0x1234;
 
 // Usable power mode hint words: action 1 (bit 7) and the PSM type.
