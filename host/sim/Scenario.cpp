@@ -131,13 +131,15 @@ int64_t period(const Node& node) {
     return ms;
 }
 
+constexpr std::pair<const char*, int> kAppTypes[] = {
+        {"game", 2}, {"browser", 3}, {"video", 5}, {"other", 0}};
+
 int appType(const Node& node) {
     if (node.value().is_string()) {
         const std::string name = node.text();
-        if (name == "game") return 2;
-        if (name == "browser") return 3;
-        if (name == "video") return 5;
-        if (name == "other") return 0;
+        for (const auto& [word, type] : kAppTypes) {
+            if (name == word) return type;
+        }
         node.fail("\"" + name +
                   "\" is not an application type; expected game, browser, video, "
                   "other or a number");
@@ -365,6 +367,32 @@ std::string parseMessage(const std::string& what) {
 }
 
 }  // namespace
+
+bool appTypeFromWord(std::string_view word, int* type) {
+    for (const auto& [name, value] : kAppTypes) {
+        if (word == name) {
+            *type = value;
+            return true;
+        }
+    }
+    const std::string text(word);
+    char* end = nullptr;
+    errno = 0;
+    const long value = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < std::numeric_limits<int32_t>::min() ||
+        value > std::numeric_limits<int32_t>::max()) {
+        return false;
+    }
+    *type = static_cast<int>(value);
+    return true;
+}
+
+std::string appTypeWord(int type) {
+    for (const auto& [name, value] : kAppTypes) {
+        if (type == value) return name;
+    }
+    return std::to_string(type);
+}
 
 bool Scenario::parseText(std::string_view text, const std::string& name, Scenario* out,
                          std::string* error) {

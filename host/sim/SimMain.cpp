@@ -13,6 +13,7 @@
 #include "host/sim/ChromeTrace.h"
 #include "host/sim/ConfigCheck.h"
 #include "host/sim/Simulator.h"
+#include "host/sim/Subcommands.h"
 #include "host/sim/Summary.h"
 #include "host/sim/SvgPlot.h"
 #include "host/sim/TimelineWriter.h"
@@ -24,6 +25,8 @@ constexpr int kUsageError = 2;
 void usage(std::ostream& out) {
     out << "usage: pwr-sim [options] SCENARIO.json\n"
            "       pwr-sim --check [--strict] CONFIG.xml\n"
+           "       pwr-sim import [options] CAPTURE|TRACE.json   (pwr-sim import --help)\n"
+           "       pwr-sim phone SCENARIO.json -- COMMAND...    (pwr-sim phone --help)\n"
            "\n"
            "Replays SCENARIO.json (docs/pwr-sim.md) against the plug-in on simulated time: builds\n"
            "a fake device from the scenario's traces, builds the feature from the scenario's XML\n"
@@ -69,6 +72,9 @@ bool writeFile(const std::filesystem::path& path, const std::function<void(std::
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "import")
+        return pwr::sim::importMain(argc - 1, argv + 1);
+    if (argc > 1 && std::string(argv[1]) == "phone") return pwr::sim::phoneMain(argc - 1, argv + 1);
     pwr::sim::SimOptions options;
     options.pluginPath = PWR_DEFAULT_PLUGIN;
     std::string outDir;
