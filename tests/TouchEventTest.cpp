@@ -255,6 +255,16 @@ class TouchListener : public ::testing::Test {
 
     TouchEventTestPeer peer() { return TouchEventTestPeer(*touch); }
 
+    // Client A enabled and told of one touch down, and the listener back in its poll.
+    void touchOnceAndWaitInPoll() {
+        Touchevent_s* a = add("A", 1);
+        ASSERT_NE(a, nullptr);
+        touch->touchEventNotify(a, true);
+        device.down();
+        ASSERT_TRUE(calls.waitForCount(1));
+        ASSERT_TRUE(waitUntil(listenerBlockedInPoll));
+    }
+
     CallLog calls;
     std::vector<std::unique_ptr<Client>> clients;
     std::vector<Registration> registrations;
@@ -529,12 +539,7 @@ TEST_F(TouchListener, ParksUntilWokenAndStaysAwakeOnceWoken) {
 // Found again by a search or a check while the listener is blocked in its poll, the device is
 // reported but neither its descriptor nor the poll record the listener uses is replaced.
 TEST_F(TouchListener, FindingTheDeviceAgainKeepsWhatTheListenerPolls) {
-    Touchevent_s* a = add("A", 1);
-    ASSERT_NE(a, nullptr);
-    touch->touchEventNotify(a, true);
-    device.down();
-    ASSERT_TRUE(calls.waitForCount(1));
-    ASSERT_TRUE(waitUntil(listenerBlockedInPoll));
+    ASSERT_NO_FATAL_FAILURE(touchOnceAndWaitInPoll());
     const auto polled = peer().polled();
     ASSERT_EQ(polled.first->fd, polled.second);
 
@@ -548,12 +553,7 @@ TEST_F(TouchListener, FindingTheDeviceAgainKeepsWhatTheListenerPolls) {
 }
 
 TEST_F(TouchListener, DestructionWaitsInPollForOneMoreEvent) {
-    Touchevent_s* a = add("A", 1);
-    ASSERT_NE(a, nullptr);
-    touch->touchEventNotify(a, true);
-    device.down();
-    ASSERT_TRUE(calls.waitForCount(1));
-    ASSERT_TRUE(waitUntil(listenerBlockedInPoll));
+    ASSERT_NO_FATAL_FAILURE(touchOnceAndWaitInPoll());
 
     auto destroyed = std::async(std::launch::async, [this] { touch.reset(); });
     // The listener is blocked in a poll without timeout: the destructor cannot finish yet.
