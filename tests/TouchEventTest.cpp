@@ -64,8 +64,12 @@ class TouchEventTestPeer {
 
 // A FIFO under a fake device tree's /dev/input answers the evdev queries as a touch controller
 // named "fts_ts"; every other ioctl goes to the C library. The plug-in's calls bind to this
-// definition, which the executable exports.
+// definition, which the executable exports. Declared as each C library declares it.
+#ifdef __BIONIC__
+extern "C" int ioctl(int fd, int request, ...) {
+#else
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+#endif
     va_list args;
     va_start(args, request);
     void* arg = va_arg(args, void*);
@@ -90,7 +94,7 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
             }
         }
     }
-    using Ioctl = int (*)(int, unsigned long, ...);
+    using Ioctl = int (*)(int, decltype(request), ...);
     static const auto real = reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"));
     return real(fd, request, arg);
 }
