@@ -9,6 +9,7 @@
 #include <set>
 
 #include <android-base/file.h>
+#include <android-base/parseint.h>
 #include <android-base/stringprintf.h>
 #include <nlohmann/json.hpp>
 
@@ -235,10 +236,8 @@ class Reader {
                 double total = 0;
                 for (const auto& [key, share] : res.value().items()) {
                     const Node entry(share, res.join(key));
-                    char* end = nullptr;
-                    errno = 0;
-                    const unsigned long long mhz = strtoull(key.c_str(), &end, 10);
-                    if (key.empty() || *end != '\0' || errno != 0 || seen.count(mhz) == 0) {
+                    uint64_t mhz = 0;
+                    if (!android::base::ParseUint(key, &mhz) || seen.count(mhz) == 0) {
                         entry.fail("is not a frequency of frequencies_mhz");
                     }
                     const double s = entry.number(0, 1e9);
