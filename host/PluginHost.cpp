@@ -4,17 +4,13 @@
 
 namespace pwr::host {
 
-PluginHost::~PluginHost() {
-    if (mHandle != nullptr) dlclose(mHandle);
-}
-
 bool PluginHost::load(const std::string& library, std::string* error) {
-    if (mHandle != nullptr) {
+    if (mPlugin != nullptr) {
         if (error != nullptr) *error = "a plug-in is already loaded";
         return false;
     }
-    mHandle = dlopen(library.c_str(), RTLD_NOW);
-    if (mHandle == nullptr) {
+    mPlugin = openLibrary(library.c_str());
+    if (mPlugin == nullptr) {
         if (error != nullptr) *error = dlerror();
         return false;
     }
@@ -22,7 +18,7 @@ bool PluginHost::load(const std::string& library, std::string* error) {
 }
 
 void* PluginHost::symbol(const char* name) const {
-    return mHandle != nullptr ? dlsym(mHandle, name) : nullptr;
+    return mPlugin != nullptr ? dlsym(mPlugin.get(), name) : nullptr;
 }
 
 PowerOptFeatureFactory PluginHost::findFactory(const std::string& featureName) {

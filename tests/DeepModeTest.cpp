@@ -272,7 +272,7 @@ TEST_F(DeepMode, ResetDeepMode_ReleasesUnlessTheResultIsZero) {
                         std::to_string(peer.deep().propList().size())),
               1)
             << ::testing::PrintToString(log.messages());
-    EXPECT_EQ(propertyValue(name), "");
+    EXPECT_EQ(propertyValue(name, ""), "");
     EXPECT_EQ(peer.deep().state(), 0);
 }
 
