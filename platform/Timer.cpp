@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <unordered_map>
 
@@ -26,7 +27,7 @@ struct Dispatch {
 struct Registry {
     pwr::Mutex mutex;
     std::condition_variable_any callbackReturned;
-    std::unordered_map<const Timer_s*, Dispatch*> live GUARDED_BY(mutex);
+    std::unordered_map<const Timer_s*, std::unique_ptr<Dispatch>> live GUARDED_BY(mutex);
 };
 
 Registry& registry() {
@@ -39,13 +40,13 @@ Registry& registry() {
 thread_local const Dispatch* tRunningDispatch = nullptr;
 
 // Takes the record out of the live ones: no notification dispatched from now on reaches it.
-Dispatch* unregister(const Timer_s* timer) {
+std::unique_ptr<Dispatch> unregister(const Timer_s* timer) {
     if (timer == nullptr) return nullptr;
     Registry& r = registry();
     pwr::MutexLock lock(r.mutex);
     auto it = r.live.find(timer);
     if (it == r.live.end()) return nullptr;
-    Dispatch* const dispatch = it->second;
+    std::unique_ptr<Dispatch> dispatch = std::move(it->second);
     r.live.erase(it);
     return dispatch;
 }
@@ -91,7 +92,7 @@ void timerCallback(sigval value) {
         pwr::MutexLock lock(r.mutex);
         auto it = r.live.find(timer);
         if (it == r.live.end()) return;
-        dispatch = it->second;
+        dispatch = it->second.get();
         ++dispatch->running;
     }
     const Dispatch* const outer = tRunningDispatch;
@@ -127,18 +128,11 @@ Timer_s* Timer::Timer_create(void (*callback)(void*), void* argument) {
     timer->active = false;
     timer->argument = argument;
     // Unarmed until now, so no notification can have been missed.
-    auto* dispatch = new (std::nothrow) Dispatch{callback, argument};
-    if (dispatch == nullptr) {
-        timer_delete(timer->timerId);
-        free(timer);
-        return nullptr;
-    }
     Registry& r = registry();
     pwr::MutexLock lock(r.mutex);
     try {
-        r.live.emplace(timer, dispatch);
+        r.live.emplace(timer, std::make_unique<Dispatch>(Dispatch{callback, argument}));
     } catch (const std::bad_alloc&) {
-        delete dispatch;
         timer_delete(timer->timerId);
         free(timer);
         return nullptr;
@@ -147,16 +141,15 @@ Timer_s* Timer::Timer_create(void (*callback)(void*), void* argument) {
 }
 
 void Timer::Timer_destroy(Timer_s* timer) {
-    Dispatch* const dispatch = unregister(timer);
+    std::unique_ptr<Dispatch> dispatch = unregister(timer);
     deleteRecord(timer);
     if (dispatch == nullptr) return;
     // Does not wait: a callback still running frees the entry when it returns.
     Registry& r = registry();
     pwr::MutexLock lock(r.mutex);
-    if (dispatch->running == 0) {
-        delete dispatch;
-    } else {
+    if (dispatch->running != 0) {
         dispatch->orphaned = true;
+        dispatch.release();
     }
 }
 
@@ -209,19 +202,16 @@ TimerHandle& TimerHandle::operator=(TimerHandle&& other) noexcept {
 
 void TimerHandle::reset() {
     if (mRecord == nullptr) return;
-    Dispatch* const dispatch = unregister(mRecord);
+    const std::unique_ptr<Dispatch> dispatch = unregister(mRecord);
     deleteRecord(mRecord);
     mRecord = nullptr;
     if (dispatch == nullptr) return;
     // Waiting for itself would never end.
-    assert(tRunningDispatch != dispatch && "a timer handle released from its own callback");
+    assert(tRunningDispatch != dispatch.get() && "a timer handle released from its own callback");
     Registry& r = registry();
-    {
-        pwr::MutexLock lock(r.mutex);
-        dispatch->awaited = true;
-        while (dispatch->running != 0) r.callbackReturned.wait(r.mutex);
-    }
-    delete dispatch;
+    pwr::MutexLock lock(r.mutex);
+    dispatch->awaited = true;
+    while (dispatch->running != 0) r.callbackReturned.wait(r.mutex);
 }
 
 }  // namespace pwr
