@@ -99,6 +99,7 @@ inline constexpr size_t kDynamicProfilesUsed = 3;
 // The configuration entry that deep mode leaves out of its property list.
 inline constexpr char kPropertyListExcluded[] = "PSM";
 
+namespace table {
 using C = Conversion;
 using G = Group;
 using S = FeatureSettings;
@@ -139,6 +140,8 @@ inline constexpr Key kKeys[] = {
         {kDynamicProfileMark, C::DynamicProfiles, G::GpuMonitor, G::Core,
          &site::kMissDynamicProfile, nullptr, nullptr, nullptr, &S::mDynamicGpuProfiles},
 };
+}  // namespace table
+using table::kKeys;
 
 // A truncated number that std::stod reads but no int can hold.
 class NotAnInt : public std::out_of_range {
