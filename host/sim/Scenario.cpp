@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -19,6 +20,14 @@ namespace {
 using nlohmann::json;
 
 constexpr int kMaxPid = (1 << 22);  // pid_max on 64-bit kernels
+constexpr double kPi = 3.14159265358979323846;
+
+// A sine of `amplitude` and period `periodMs`, `sinceMs` after it started rising from 0.
+double swing(double amplitude, int64_t periodMs, int64_t sinceMs) {
+    if (amplitude == 0 || periodMs <= 0) return 0;
+    return amplitude * std::sin(2 * kPi * static_cast<double>(sinceMs % periodMs) /
+                                static_cast<double>(periodMs));
+}
 
 using Node = JsonNode;
 
@@ -240,6 +249,14 @@ class Reader {
 };
 
 }  // namespace
+
+double GpuPoint::busyAt(int64_t ms) const {
+    return std::clamp(busy + swing(busySwing, swingPeriodMs, ms - timeMs), 0.0, 100.0);
+}
+
+double BatteryPoint::drainAt(int64_t ms) const {
+    return drainMa + swing(drainSwing, swingPeriodMs, ms - timeMs);
+}
 
 bool Scenario::parseText(std::string_view text, const std::string& name, Scenario* out,
                          std::string* error) {

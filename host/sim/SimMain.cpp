@@ -33,6 +33,8 @@ void usage(std::ostream& out) {
            "\n"
            "options:\n"
            "  --config FILE       the XML configuration (default: the scenario's \"config\")\n"
+           "  --device MODEL.json close the loop: the device reacts to the feature's locks and\n"
+           "                      the scenario's GPU trace is demand (docs/device-model.md)\n"
            "  --out DIR           also write DIR/timeline.txt, summary.txt, trace.json (Chrome\n"
            "                      trace-event format: Perfetto UI, chrome://tracing) and plot.svg\n"
            "  --quiet             print only the summary\n"
@@ -97,6 +99,8 @@ int main(int argc, char** argv) {
             if (!value(&outDir)) return kUsageError;
         } else if (arg == "--plugin") {
             if (!value(&options.pluginPath)) return kUsageError;
+        } else if (arg == "--device") {
+            if (!value(&options.deviceModelPath)) return kUsageError;
         } else if (arg == "--device-root") {
             if (!value(&options.deviceRoot)) return kUsageError;
         } else if (arg == "--debug") {
