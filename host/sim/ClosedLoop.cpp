@@ -58,9 +58,8 @@ void ClosedLoop::advance(int64_t nowMs, const fakeperf::Limits& limits,
     }
     mDemandMhz = demandAt(nowMs);
     mClockMhz = mGovernor.pick(mDemandMhz, range);
-    mCurrentMa =
-            mPower.totalMa(mClockMhz, std::min(1.0, mDemandMhz / static_cast<double>(mClockMhz)),
-                           cpuMa);
+    mCurrentMa = mPower.totalMa(mClockMhz,
+                                std::min(1.0, mDemandMhz / static_cast<double>(mClockMhz)), cpuMa);
 }
 
 }  // namespace pwr::sim

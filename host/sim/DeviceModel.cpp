@@ -82,14 +82,14 @@ class Reader {
             throw ProfileInvalid{error};
         }
         mOut->batteryMah = scalar("battery.capacity", 1, 1e6);
-        mOut->cpuActiveMa = mProfile.values.count("cpu.active") != 0
-                                    ? scalar("cpu.active", 0, kMaxMa)
-                                    : 0;
+        mOut->cpuActiveMa =
+                mProfile.values.count("cpu.active") != 0 ? scalar("cpu.active", 0, kMaxMa) : 0;
         const std::vector<double>& cores = list("cpu.clusters.cores");
         for (size_t c = 0; c < cores.size(); ++c) {
             DeviceModel::CpuCluster cluster;
             if (cores[c] < 1 || cores[c] > 64 || cores[c] != static_cast<int>(cores[c])) {
-                profileFail("cpu.clusters.cores", StringPrintf("%g cores is not a count", cores[c]));
+                profileFail("cpu.clusters.cores",
+                            StringPrintf("%g cores is not a count", cores[c]));
             }
             cluster.cores = static_cast<int>(cores[c]);
             const std::string speedsKey = "cpu.core_speeds.cluster" + std::to_string(c);
@@ -98,8 +98,7 @@ class Reader {
             const std::vector<double>& power = list(powerKey);
             if (power.size() != speeds.size()) {
                 profileFail(powerKey, StringPrintf("%zu values for the %zu speeds of %s",
-                                                   power.size(), speeds.size(),
-                                                   speedsKey.c_str()));
+                                                   power.size(), speeds.size(), speedsKey.c_str()));
             }
             for (size_t i = 0; i < speeds.size(); ++i) {
                 // The profile lists speeds in kHz, ascending.
@@ -238,7 +237,8 @@ class Reader {
                 if (name == a.name) action = &a;
                 names += (names.empty() ? "" : ", ") + std::string(a.name);
             }
-            if (action == nullptr) does.fail("\"" + name + "\" is not an effect; expected " + names);
+            if (action == nullptr)
+                does.fail("\"" + name + "\" is not an effect; expected " + names);
             Resource resource;
             resource.kind = action->kind;
             if (action->cpu) {

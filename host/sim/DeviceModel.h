@@ -39,13 +39,13 @@ struct DeviceModel {
     std::string name;
     std::string powerProfileFile;
     double batteryMah = 0;
-    double baseMa = 0;               // everything but the GPU and the CPU clusters
-    std::vector<GpuStep> gpu;        // ascending frequencies
-    double targetBusy = 100;         // percent the governor lets the GPU be busy before stepping up
-    int64_t governorPeriodMs = 20;   // how often it looks at the demand
-    double cpuActiveMa = 0;          // the power profile's cpu.active
+    double baseMa = 0;              // everything but the GPU and the CPU clusters
+    std::vector<GpuStep> gpu;       // ascending frequencies
+    double targetBusy = 100;        // percent the governor lets the GPU be busy before stepping up
+    int64_t governorPeriodMs = 20;  // how often it looks at the demand
+    double cpuActiveMa = 0;         // the power profile's cpu.active
     std::vector<CpuCluster> clusters;
-    double boostMaPerPoint = 0;      // saved per point of task-load scale-down per task
+    double boostMaPerPoint = 0;  // saved per point of task-load scale-down per task
     std::map<int, fakeperf::Resource> resources;  // by opcode
 
     std::vector<uint64_t> gpuFrequenciesMhz() const;

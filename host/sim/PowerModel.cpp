@@ -35,7 +35,8 @@ double PowerModel::cpuMa(const fakeperf::Limits& limits) const {
         clusters += cluster.clusterMa + cluster.busyCores * cluster.coreMa[level];
     }
     double saved = 0;
-    for (const auto& [pid, value] : limits.boosts) saved += std::abs(value) * mModel.boostMaPerPoint;
+    for (const auto& [pid, value] : limits.boosts)
+        saved += std::abs(value) * mModel.boostMaPerPoint;
     return mModel.cpuActiveMa + std::max(0.0, clusters - saved);
 }
 

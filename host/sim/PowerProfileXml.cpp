@@ -72,8 +72,8 @@ bool PowerProfileXml::parseText(std::string_view text, const std::string& name, 
         }
         auto [line, added] = out->lines.emplace(key, e->GetLineNum());
         if (!added) {
-            *error = at(name, e->GetLineNum()) + ": \"" + key + "\" is written twice (first on line " +
-                     std::to_string(line->second) + ")";
+            *error = at(name, e->GetLineNum()) + ": \"" + key +
+                     "\" is written twice (first on line " + std::to_string(line->second) + ")";
             return false;
         }
         std::vector<double>& values = out->values[key];

@@ -85,6 +85,8 @@ inline constexpr char kCounterGameState[] = "game_state";
 inline constexpr char kCounterGpuDemand[] = "gpu_demand";
 inline constexpr char kCounterChargeMah[] = "charge_mah";
 inline constexpr char kCounterSaturatedMs[] = "gpu_saturated_ms";
+// Closed loop: the share of each span between two device updates with the GPU saturated.
+inline constexpr char kCounterGpuSaturated[] = "gpu_saturated";
 inline constexpr char kCounterDemandMc[] = "gpu_demand_mc";
 inline constexpr char kCounterUnservedMc[] = "gpu_unserved_mc";
 

@@ -12,8 +12,10 @@
 
 #include "host/sim/ChromeTrace.h"
 #include "host/sim/ConfigCheck.h"
+#include "host/sim/RecordingJson.h"
 #include "host/sim/Simulator.h"
 #include "host/sim/Summary.h"
+#include "host/sim/SummaryJson.h"
 #include "host/sim/SvgPlot.h"
 #include "host/sim/TimelineWriter.h"
 
@@ -35,8 +37,12 @@ void usage(std::ostream& out) {
            "  --config FILE       the XML configuration (default: the scenario's \"config\")\n"
            "  --device MODEL.json close the loop: the device reacts to the feature's locks and\n"
            "                      the scenario's GPU trace is demand (docs/device-model.md)\n"
-           "  --out DIR           also write DIR/timeline.txt, summary.txt, trace.json (Chrome\n"
-           "                      trace-event format: Perfetto UI, chrome://tracing) and plot.svg\n"
+           "  --out DIR           also write DIR/timeline.txt, summary.txt, summary.json, "
+           "trace.json\n"
+           "                      (Chrome trace-event format: Perfetto UI, chrome://tracing) and\n"
+           "                      plot.svg\n"
+           "  --json FILE         write the summary as JSON to FILE (stable keys, for scripts)\n"
+           "  --recording FILE    write everything the run observed as JSON to FILE\n"
            "  --quiet             print only the summary\n"
            "  --brief             print the timeline without the feature's log lines (the\n"
            "                      files written by --out keep them)\n"
@@ -74,7 +80,8 @@ int main(int argc, char** argv) {
     pwr::sim::SimOptions options;
     options.pluginPath = PWR_DEFAULT_PLUGIN;
     std::string outDir;
-    std::string checkPath;
+    std::string jsonPath;
+    std::string recordingPath;
     bool check = false;
     bool strict = false;
     bool quiet = false;
@@ -99,6 +106,10 @@ int main(int argc, char** argv) {
             if (!value(&outDir)) return kUsageError;
         } else if (arg == "--plugin") {
             if (!value(&options.pluginPath)) return kUsageError;
+        } else if (arg == "--json") {
+            if (!value(&jsonPath)) return kUsageError;
+        } else if (arg == "--recording") {
+            if (!value(&recordingPath)) return kUsageError;
         } else if (arg == "--device") {
             if (!value(&options.deviceModelPath)) return kUsageError;
         } else if (arg == "--device-root") {
@@ -135,6 +146,15 @@ int main(int argc, char** argv) {
     pwr::sim::Recording recording;
     if (pwr::sim::runSimulation(options, &recording, std::cerr) != 0) return 1;
     const pwr::sim::Summary summary = pwr::sim::Summary::of(recording);
+    auto writeJson = [&](std::ostream& out) {
+        out << pwr::sim::summaryJson(summary, recording).dump(2) << '\n';
+    };
+    if ((!jsonPath.empty() && !writeFile(jsonPath, writeJson)) ||
+        (!recordingPath.empty() && !writeFile(recordingPath, [&](std::ostream& out) {
+            out << pwr::sim::RecordingJson::toJson(recording).dump() << '\n';
+        }))) {
+        return 1;
+    }
     if (!quiet) {
         pwr::sim::writeTimeline(recording, std::cout, !brief);
         std::cout << '\n';
@@ -150,6 +170,7 @@ int main(int argc, char** argv) {
             !writeFile(
                     dir / "summary.txt",
                     [&](std::ostream& out) { pwr::sim::writeSummary(summary, recording, out); }) ||
+            !writeFile(dir / "summary.json", writeJson) ||
             !writeFile(dir / "trace.json",
                        [&](std::ostream& out) { pwr::sim::writeChromeTrace(recording, out); }) ||
             !writeFile(dir / "plot.svg",
@@ -157,7 +178,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         std::cout << "\nWrote " << (dir / "timeline.txt").string() << ", summary.txt, "
-                  << "trace.json and plot.svg\n";
+                  << "summary.json, trace.json and plot.svg\n";
     }
     return 0;
 }

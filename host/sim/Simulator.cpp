@@ -146,6 +146,16 @@ class Recorder {
             const ClosedLoop::Totals& totals = loop->totals();
             setCounterLocked(ms, kCounterGpuDemand, "GPU demand", "MHz", state.demandMhz);
             setCounterLocked(ms, kCounterChargeMah, "Charge used", "mAh", totals.chargeMah);
+            // The share of the window since the previous update that was saturated, from the
+            // window's start.
+            const double window = static_cast<double>(ms - mLastDeviceMs);
+            const double saturated = static_cast<double>(totals.saturatedMs - mLastSaturatedMs);
+            if (window > 0) {
+                setCounterLocked(mLastDeviceMs, kCounterGpuSaturated, "GPU saturated", "share",
+                                 saturated / window);
+            }
+            mLastDeviceMs = ms;
+            mLastSaturatedMs = totals.saturatedMs;
             setCounterLocked(ms, kCounterSaturatedMs, "GPU saturated", "ms",
                              static_cast<double>(totals.saturatedMs));
             setCounterLocked(ms, kCounterDemandMc, "GPU work asked", "Mcycles", totals.demandMc);
@@ -415,6 +425,8 @@ class Recorder {
     bool mReady GUARDED_BY(mMutex) = false;
     int mPsmMode GUARDED_BY(mMutex) = 0;
     int mGameState GUARDED_BY(mMutex) = 0;
+    int64_t mLastDeviceMs GUARDED_BY(mMutex) = 0;
+    int64_t mLastSaturatedMs GUARDED_BY(mMutex) = 0;
 };
 
 // The recorder that liblog's hook (a plain function pointer) reaches.
