@@ -58,12 +58,17 @@ json RecordingJson::toJson(const Recording& r) {
                             {"writes", h.writes},
                             {"last", h.last}};
     }
-    return {{"scenario", r.scenarioName},   {"scenario_file", r.scenarioFile},
-            {"config_file", r.configFile},  {"device_model", r.deviceModelFile},
-            {"battery_mah", r.batteryMah},  {"duration_ms", r.durationMs},
+    return {{"scenario", r.scenarioName},
+            {"scenario_file", r.scenarioFile},
+            {"config_file", r.configFile},
+            {"device_model", r.deviceModelFile},
+            {"battery_mah", r.batteryMah},
+            {"duration_ms", r.durationMs},
             {"dynamic_profiles", r.dynamicProfiles},
-            {"counters", counters},         {"locks", locks},
-            {"timeline", timeline},         {"properties", properties}};
+            {"counters", counters},
+            {"locks", locks},
+            {"timeline", timeline},
+            {"properties", properties}};
 }
 
 bool RecordingJson::parseText(std::string_view text, const std::string& name, Recording* out,

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "host/sim/ChromeTrace.h"
+#include "host/sim/Compare.h"
 #include "host/sim/ConfigCheck.h"
 #include "host/sim/RecordingJson.h"
 #include "host/sim/Simulator.h"
@@ -26,6 +27,7 @@ constexpr int kUsageError = 2;
 void usage(std::ostream& out) {
     out << "usage: pwr-sim [options] SCENARIO.json\n"
            "       pwr-sim --check [--strict] CONFIG.xml\n"
+           "       pwr-sim compare [options] SCENARIO.json CONFIG.xml CONFIG.xml...\n"
            "\n"
            "Replays SCENARIO.json (docs/pwr-sim.md) against the plug-in on simulated time: builds\n"
            "a fake device from the scenario's traces, builds the feature from the scenario's XML\n"
@@ -77,6 +79,9 @@ bool writeFile(const std::filesystem::path& path, const std::function<void(std::
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && strcmp(argv[1], "compare") == 0) {
+        return pwr::sim::compareMain(argc - 1, argv + 1);
+    }
     pwr::sim::SimOptions options;
     options.pluginPath = PWR_DEFAULT_PLUGIN;
     std::string outDir;

@@ -26,7 +26,8 @@ json energyJson(const Summary::Energy& e) {
 json summaryJson(const Summary& summary, const Recording& recording) {
     json profiles = json::array();
     for (const Summary::ProfileTime& p : summary.profiles) {
-        profiles.push_back({{"name", p.name}, {"held_s", seconds(p.heldMs)}, {"taken", p.acquisitions}});
+        profiles.push_back(
+                {{"name", p.name}, {"held_s", seconds(p.heldMs)}, {"taken", p.acquisitions}});
     }
     json modes = json::object();
     for (const auto& [mode, ms] : summary.msInMode) modes[std::to_string(mode)] = seconds(ms);
@@ -53,15 +54,15 @@ json summaryJson(const Summary& summary, const Recording& recording) {
     return {{"scenario", recording.scenarioName},
             {"scenario_file", recording.scenarioFile},
             {"config_file", recording.configFile},
-            {"device_model", recording.deviceModelFile.empty() ? json(nullptr)
-                                                                : json(recording.deviceModelFile)},
+            {"device_model",
+             recording.deviceModelFile.empty() ? json(nullptr) : json(recording.deviceModelFile)},
             {"duration_s", seconds(summary.durationMs)},
             {"profiles", profiles},
             {"profile_switches", summary.profileSwitches},
             {"psm_mode_s", modes},
             {"gaming_on_s", seconds(summary.gamingOnMs)},
-            {"boost", {{"scaled_down_s", seconds(summary.boostedMs)},
-                       {"locks", summary.boostAcquisitions}}},
+            {"boost",
+             {{"scaled_down_s", seconds(summary.boostedMs)}, {"locks", summary.boostAcquisitions}}},
             {"properties", properties},
             {"held_at_end", summary.heldAtEnd},
             {"energy", energy}};

@@ -11,7 +11,7 @@ namespace pwr::sim {
 namespace {
 
 constexpr char kSaturatedLane[] = "GPU saturated";
-constexpr char kSaturatedColor[] = "#b00020";
+constexpr char kSaturatedColor[] = "#333333";
 constexpr char kDemandColor[] = "#777777";
 
 const CounterTrack* counter(const Recording& recording, const char* key) {

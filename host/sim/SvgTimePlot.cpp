@@ -13,8 +13,9 @@ namespace {
 using android::base::StringPrintf;
 
 constexpr double kWidth = 1100;
-constexpr double kLeft = 110;   // room for the vertical axis and the lanes' names
-constexpr double kRight = 230;  // room for the legends
+constexpr double kMinLeft = 110;      // room for the vertical axis and the lanes' names
+constexpr double kLaneCharWidth = 6;  // of the lanes' names (10 px)
+constexpr double kRight = 230;        // room for the legends
 constexpr double kTop = 84;
 constexpr double kPanelHeight = 120;
 constexpr double kPanelGap = 46;
@@ -75,17 +76,22 @@ SvgTimePlot::SvgTimePlot(std::string title, std::string subtitle, int64_t endMs)
     : mTitle(std::move(title)),
       mSubtitle(std::move(subtitle)),
       mEndMs(std::max<int64_t>(endMs, 1)),
-      mMinutes(static_cast<double>(endMs) / 1000.0 > 300) {}
+      mMinutes(static_cast<double>(endMs) / 1000.0 > 300),
+      mLeft(kMinLeft) {}
 
 void SvgTimePlot::setBars(std::string title, std::vector<std::string> lanes,
                           std::vector<PlotBar> bars) {
     mBarsTitle = std::move(title);
     mLanes = std::move(lanes);
     mBars = std::move(bars);
+    for (const std::string& lane : mLanes) {
+        mLeft = std::max(mLeft, kLaneCharWidth * static_cast<double>(lane.size()) + 12);
+    }
 }
 
 double SvgTimePlot::x(int64_t ms) const {
-    return kLeft + (kWidth - kLeft - kRight) * static_cast<double>(ms) / static_cast<double>(mEndMs);
+    return mLeft +
+           (kWidth - mLeft - kRight) * static_cast<double>(ms) / static_cast<double>(mEndMs);
 }
 
 void SvgTimePlot::write(std::ostream& out) const {
@@ -119,9 +125,9 @@ void SvgTimePlot::write(std::ostream& out) const {
             kWidth, height, kWidth, height);
     out << StringPrintf("<rect width=\"%.0f\" height=\"%.0f\" fill=\"white\"/>\n", kWidth, height);
     out << StringPrintf(
-            "<text x=\"%.0f\" y=\"24\" font-size=\"16\" font-weight=\"bold\">%s</text>\n", kLeft,
+            "<text x=\"%.0f\" y=\"24\" font-size=\"16\" font-weight=\"bold\">%s</text>\n", mLeft,
             svgEscape(mTitle).c_str());
-    out << StringPrintf("<text x=\"%.0f\" y=\"40\" fill=\"#555\">%s</text>\n", kLeft,
+    out << StringPrintf("<text x=\"%.0f\" y=\"40\" fill=\"#555\">%s</text>\n", mLeft,
                         svgEscape(mSubtitle).c_str());
     double y = kTop;
     for (const PlotPanel& panel : panels) {
@@ -133,8 +139,9 @@ void SvgTimePlot::write(std::ostream& out) const {
         y += barsHeight + kPanelGap;
     }
     out << StringPrintf(
-            "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" font-size=\"13\">time (%s)</text>\n",
-            (kLeft + kWidth - kRight) / 2, y - kPanelGap + 40, mMinutes ? "minutes" : "seconds");
+            "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" font-size=\"13\">time "
+            "(%s)</text>\n",
+            (mLeft + kWidth - kRight) / 2, y - kPanelGap + 40, mMinutes ? "minutes" : "seconds");
     out << "</svg>\n";
 }
 
@@ -159,7 +166,7 @@ void SvgTimePlot::drawPanel(std::ostream& out, const PlotPanel& panel, double to
         return top + kPanelHeight - (v - panel.min) / (panel.max - panel.min) * kPanelHeight;
     };
     out << StringPrintf(
-            "<text x=\"%.0f\" y=\"%.1f\" font-size=\"13\" font-weight=\"bold\">%s</text>\n", kLeft,
+            "<text x=\"%.0f\" y=\"%.1f\" font-size=\"13\" font-weight=\"bold\">%s</text>\n", mLeft,
             top - 8, svgEscape(panel.title).c_str());
     drawTimeGrid(out, top, kPanelHeight);
     // Vertical axis: ticks with values (or names), and horizontal grid lines.
@@ -175,15 +182,15 @@ void SvgTimePlot::drawPanel(std::ostream& out, const PlotPanel& panel, double to
     for (const auto& [v, label] : ticks) {
         out << StringPrintf(
                 "<line x1=\"%.1f\" y1=\"%.1f\" x2=\"%.1f\" y2=\"%.1f\" stroke=\"#e5e5e5\"/>\n",
-                kLeft, y(v), plotRight, y(v));
+                mLeft, y(v), plotRight, y(v));
         out << StringPrintf(
                 "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\" fill=\"#333\">%s</text>\n",
-                kLeft - 6, y(v) + 4, svgEscape(label).c_str());
+                mLeft - 6, y(v) + 4, svgEscape(label).c_str());
     }
     out << StringPrintf(
             "<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" fill=\"none\" "
             "stroke=\"#333\"/>\n",
-            kLeft, top, plotRight - kLeft, kPanelHeight);
+            mLeft, top, plotRight - mLeft, kPanelHeight);
     // Each series as a step line, and its legend entry.
     double legendY = top + 12;
     for (size_t i = 0; i < panel.series.size(); ++i) {
@@ -212,8 +219,8 @@ void SvgTimePlot::drawPanel(std::ostream& out, const PlotPanel& panel, double to
         legendY += 18;
     }
     for (const std::string& note : panel.notes) {
-        out << StringPrintf("<text x=\"%.1f\" y=\"%.1f\" fill=\"#333\">%s</text>\n",
-                            plotRight + 14, legendY + 4, svgEscape(note).c_str());
+        out << StringPrintf("<text x=\"%.1f\" y=\"%.1f\" fill=\"#333\">%s</text>\n", plotRight + 14,
+                            legendY + 4, svgEscape(note).c_str());
         legendY += 16;
     }
 }
@@ -221,20 +228,20 @@ void SvgTimePlot::drawPanel(std::ostream& out, const PlotPanel& panel, double to
 void SvgTimePlot::drawBars(std::ostream& out, double top, double height) const {
     const double plotRight = kWidth - kRight;
     out << StringPrintf(
-            "<text x=\"%.0f\" y=\"%.1f\" font-size=\"13\" font-weight=\"bold\">%s</text>\n", kLeft,
+            "<text x=\"%.0f\" y=\"%.1f\" font-size=\"13\" font-weight=\"bold\">%s</text>\n", mLeft,
             top - 8, svgEscape(mBarsTitle).c_str());
     drawTimeGrid(out, top, height);
     out << StringPrintf(
             "<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" fill=\"none\" "
             "stroke=\"#333\"/>\n",
-            kLeft, top, plotRight - kLeft, height);
+            mLeft, top, plotRight - mLeft, height);
     std::map<std::string, size_t> laneIndex;
     for (size_t i = 0; i < mLanes.size(); ++i) {
         laneIndex.emplace(mLanes[i], i);
         out << StringPrintf(
                 "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"end\" font-size=\"10\" "
                 "fill=\"#333\">%s</text>\n",
-                kLeft - 6, top + 5 + kLaneHeight * i + 14, svgEscape(mLanes[i]).c_str());
+                mLeft - 6, top + 5 + kLaneHeight * i + 14, svgEscape(mLanes[i]).c_str());
     }
     std::map<std::string, std::string> legendColors;
     for (const PlotBar& bar : mBars) {
@@ -255,8 +262,8 @@ void SvgTimePlot::drawBars(std::ostream& out, double top, double height) const {
         out << StringPrintf(
                 "<rect x=\"%.1f\" y=\"%.1f\" width=\"22\" height=\"10\" fill=\"%s\"/>\n",
                 plotRight + 14, legendY - 5, color.c_str());
-        out << StringPrintf("<text x=\"%.1f\" y=\"%.1f\" fill=\"#333\">%s</text>\n",
-                            plotRight + 42, legendY + 4, svgEscape(label).c_str());
+        out << StringPrintf("<text x=\"%.1f\" y=\"%.1f\" fill=\"#333\">%s</text>\n", plotRight + 42,
+                            legendY + 4, svgEscape(label).c_str());
         legendY += 16;
     }
 }

@@ -23,7 +23,8 @@ struct PlotSeries {
 
 // One quantity over time, with its unit in the title.
 struct PlotPanel {
-    PlotPanel(std::string t, std::vector<PlotSeries> s) : title(std::move(t)), series(std::move(s)) {}
+    PlotPanel(std::string t, std::vector<PlotSeries> s)
+        : title(std::move(t)), series(std::move(s)) {}
     std::string title;
     std::vector<PlotSeries> series;
     double min = 0;
@@ -65,6 +66,7 @@ class SvgTimePlot {
     std::string mSubtitle;
     int64_t mEndMs;
     bool mMinutes;
+    double mLeft;  // where the panels begin: past the longest lane name
     std::vector<PlotPanel> mPanels;
     std::string mBarsTitle;
     std::vector<std::string> mLanes;
