@@ -61,9 +61,9 @@ std::string labelOf(const std::string& path, const std::vector<ComparedRun>& bef
 }
 
 std::string timeAndShare(int64_t ms, int64_t whole) {
-    return StringPrintf("%s %5.1f%%", formatTime(ms).substr(0, 7).c_str(),
-                        whole > 0 ? 100.0 * static_cast<double>(ms) / static_cast<double>(whole)
-                                  : 0.0);
+    return StringPrintf(
+            "%s %5.1f%%", formatTime(ms).substr(0, 7).c_str(),
+            whole > 0 ? 100.0 * static_cast<double>(ms) / static_cast<double>(whole) : 0.0);
 }
 
 }  // namespace
@@ -95,8 +95,9 @@ void writeCompareTable(const std::vector<ComparedRun>& runs, std::ostream& out) 
         });
         row("GPU work unserved", [&](const Summary& s) {
             const Summary::Energy* e = whole(s);
-            return e && e->demandMc > 0 ? StringPrintf("%.1f%%", 100.0 * e->unservedMc / e->demandMc)
-                                        : "-";
+            return e && e->demandMc > 0
+                           ? StringPrintf("%.1f%%", 100.0 * e->unservedMc / e->demandMc)
+                           : "-";
         });
     }
     std::vector<std::string> profiles;
@@ -121,7 +122,8 @@ void writeCompareTable(const std::vector<ComparedRun>& runs, std::ostream& out) 
     row("profile switches", [](const Summary& s) { return std::to_string(s.profileSwitches); });
     row("gaming usable mode on",
         [](const Summary& s) { return timeAndShare(s.gamingOnMs, s.durationMs); });
-    row("tasks scaled down", [](const Summary& s) { return timeAndShare(s.boostedMs, s.durationMs); });
+    row("tasks scaled down",
+        [](const Summary& s) { return timeAndShare(s.boostedMs, s.durationMs); });
     row("boost locks with a scale",
         [](const Summary& s) { return std::to_string(s.boostAcquisitions); });
     row("properties written / restored", [](const Summary& s) {
@@ -250,8 +252,8 @@ int compareMain(int argc, char** argv) {
         compared.push_back(std::move(run));
     }
 
-    std::cout << "Comparison: " << compared.front().recording.scenarioName << " ("
-              << scenarioPath << ")";
+    std::cout << "Comparison: " << compared.front().recording.scenarioName << " (" << scenarioPath
+              << ")";
     if (!devicePath.empty()) std::cout << ", closed loop on " << devicePath;
     std::cout << "\n\n";
     writeCompareTable(compared, std::cout);

@@ -12,12 +12,12 @@ void writeComparePlot(const std::vector<ComparedRun>& runs, std::ostream& out) {
     const Recording& first = runs.front().recording;
     std::string labels;
     for (const ComparedRun& run : runs) labels += (labels.empty() ? "" : ", ") + run.label;
-    SvgTimePlot plot("pwr-sim compare: " + first.scenarioName,
-                     "configurations " + labels +
-                             (first.deviceModelFile.empty()
-                                      ? ""
-                                      : "; closed loop on " + first.deviceModelFile),
-                     first.durationMs);
+    SvgTimePlot plot(
+            "pwr-sim compare: " + first.scenarioName,
+            "configurations " + labels +
+                    (first.deviceModelFile.empty() ? ""
+                                                   : "; closed loop on " + first.deviceModelFile),
+            first.durationMs);
     // A panel per quantity with a line per run, in the run's colour.
     auto panel = [&](const char* title, const char* key, const char* demandKey = nullptr) {
         PlotPanel p{title, {}};

@@ -18,6 +18,7 @@
 #include "host/sim/Summary.h"
 #include "host/sim/SummaryJson.h"
 #include "host/sim/SvgPlot.h"
+#include "host/sim/Sweep.h"
 #include "host/sim/TimelineWriter.h"
 
 namespace {
@@ -28,6 +29,7 @@ void usage(std::ostream& out) {
     out << "usage: pwr-sim [options] SCENARIO.json\n"
            "       pwr-sim --check [--strict] CONFIG.xml\n"
            "       pwr-sim compare [options] SCENARIO.json CONFIG.xml CONFIG.xml...\n"
+           "       pwr-sim sweep --config BASE.xml --set KEY=VALUES... --out DIR SCENARIO.json...\n"
            "\n"
            "Replays SCENARIO.json (docs/pwr-sim.md) against the plug-in on simulated time: builds\n"
            "a fake device from the scenario's traces, builds the feature from the scenario's XML\n"
@@ -82,6 +84,7 @@ int main(int argc, char** argv) {
     if (argc > 1 && strcmp(argv[1], "compare") == 0) {
         return pwr::sim::compareMain(argc - 1, argv + 1);
     }
+    if (argc > 1 && strcmp(argv[1], "sweep") == 0) return pwr::sim::sweepMain(argc - 1, argv + 1);
     pwr::sim::SimOptions options;
     options.pluginPath = PWR_DEFAULT_PLUGIN;
     std::string outDir;

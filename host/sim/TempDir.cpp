@@ -20,8 +20,8 @@ TempDir::~TempDir() {
 
 bool TempDir::create(const std::string& tool, std::string* error) {
     const char* tmp = getenv("TMPDIR");
-    std::string templ = std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/" + tool +
-                        ".XXXXXX";
+    std::string templ =
+            std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/" + tool + ".XXXXXX";
     if (mkdtemp(templ.data()) == nullptr) {
         *error = "cannot make a temporary folder " + templ + ": " + strerror(errno);
         return false;

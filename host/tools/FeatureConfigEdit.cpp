@@ -19,8 +19,8 @@ bool FeatureConfigEdit::setConfigs(std::string_view text, const std::string& nam
     std::set<std::string> found;
     tinyxml2::XMLElement* root = doc.RootElement();
     tinyxml2::XMLElement* configs = root != nullptr ? root->FirstChildElement("Configs") : nullptr;
-    for (tinyxml2::XMLElement* config =
-                 configs != nullptr ? configs->FirstChildElement("Config") : nullptr;
+    for (tinyxml2::XMLElement* config = configs != nullptr ? configs->FirstChildElement("Config")
+                                                           : nullptr;
          config != nullptr; config = config->NextSiblingElement("Config")) {
         const char* key = config->Attribute("name");
         auto it = key != nullptr ? values.find(key) : values.end();
