@@ -347,8 +347,8 @@ int sweepMain(int argc, char** argv) {
                     << cell(figure(summary, "average_ma"), "%.1f") << ','
                     << cell(figure(summary, "gpu_saturated_s"), "%.3f") << ','
                     << cell(figure(summary, "gpu_unserved_pct"), "%.2f") << ','
-                    << summary["profile_switches"].get<int>() << ','
-                    << (pareto(k) ? "yes" : "no") << '\n';
+                    << summary["profile_switches"].get<int>() << ',' << (pareto(k) ? "yes" : "no")
+                    << '\n';
         }
         jsonRuns.push_back({{"run", i},
                             {"scenario", scenarios[i % scenarios.size()]},

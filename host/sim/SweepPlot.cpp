@@ -4,8 +4,8 @@
 
 #include <android-base/stringprintf.h>
 
-#include "host/sim/Sweep.h"
 #include "host/sim/SvgTimePlot.h"
+#include "host/sim/Sweep.h"
 
 namespace pwr::sim {
 namespace {
@@ -125,9 +125,10 @@ void writeTradeoffPlot(const std::vector<TradeoffPoint>& points, const std::stri
         }
     }
     // Top to bottom, so that labels pushed down keep the order of their points.
-    std::stable_sort(merged.begin(), merged.end(), [](const TradeoffPoint& a, const TradeoffPoint& b) {
-        return a.chargeMah > b.chargeMah;
-    });
+    std::stable_sort(merged.begin(), merged.end(),
+                     [](const TradeoffPoint& a, const TradeoffPoint& b) {
+                         return a.chargeMah > b.chargeMah;
+                     });
     std::vector<std::tuple<bool, double, double>> placed;  // side, x and y of each label
     for (const TradeoffPoint& p : merged) {
         const char* color = p.pareto ? kFrontColor : kOtherColor;
