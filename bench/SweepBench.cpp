@@ -22,7 +22,8 @@ namespace {
 constexpr int kRunsPerIteration = 8;
 
 void BM_SweepRuns(benchmark::State& state) {
-    const int jobs = state.range(0) == 0 ? pwr::sim::RunPool::cores() : static_cast<int>(state.range(0));
+    const int jobs =
+            state.range(0) == 0 ? pwr::sim::RunPool::cores() : static_cast<int>(state.range(0));
     pwr::sim::TempDir temp;
     std::string error;
     if (!temp.create("pwr-bench-sweep", &error)) {
@@ -33,8 +34,13 @@ void BM_SweepRuns(benchmark::State& state) {
     for (int i = 0; i < kRunsPerIteration; ++i) {
         const std::string base = temp.path() + "/run-" + std::to_string(i);
         runs[i].args = {std::string(PWR_SOURCE_DIR) + "/configs/sim/game-climb.json",
-                        "--device", std::string(PWR_SOURCE_DIR) + "/configs/sim/phone.json",
-                        "--quiet", "--json", base + ".json", "--plugin", PWR_PLUGIN_PATH};
+                        "--device",
+                        std::string(PWR_SOURCE_DIR) + "/configs/sim/phone.json",
+                        "--quiet",
+                        "--json",
+                        base + ".json",
+                        "--plugin",
+                        PWR_PLUGIN_PATH};
         runs[i].outPath = base + ".out";
         runs[i].errPath = base + ".err";
     }
@@ -54,8 +60,8 @@ void BM_SweepRuns(benchmark::State& state) {
         done += kRunsPerIteration;
     }
     state.counters["jobs"] = jobs;
-    state.counters["runs/s"] = benchmark::Counter(static_cast<double>(done),
-                                                  benchmark::Counter::kIsRate);
+    state.counters["runs/s"] =
+            benchmark::Counter(static_cast<double>(done), benchmark::Counter::kIsRate);
 }
 
 // One job, then one per core (0).

@@ -20,15 +20,15 @@ TEST(Governor, PicksTheLowestFrequencyThatServesWithinTheLimits) {
         uint64_t expected;
     };
     const Row rows[] = {
-            {{}, {}, 0, 100},      // idle: the lowest
-            {{}, {}, 90, 100},     // exactly 90% of 100
-            {{}, {}, 91, 200},     // past the target: up a step
-            {{}, {}, 500, 400},    // more than the top serves: the top
-            {{}, 300, 300, 200},   // cap between steps: the step under it
-            {{}, 50, 10, 100},     // cap under the table: the lowest
-            {150, {}, 10, 200},    // floor between steps: the step above it
-            {500, {}, 10, 400},    // floor above the table: the highest
-            {400, 200, 10, 200},   // crossing limits: the cap wins
+            {{}, {}, 0, 100},     // idle: the lowest
+            {{}, {}, 90, 100},    // exactly 90% of 100
+            {{}, {}, 91, 200},    // past the target: up a step
+            {{}, {}, 500, 400},   // more than the top serves: the top
+            {{}, 300, 300, 200},  // cap between steps: the step under it
+            {{}, 50, 10, 100},    // cap under the table: the lowest
+            {150, {}, 10, 200},   // floor between steps: the step above it
+            {500, {}, 10, 400},   // floor above the table: the highest
+            {400, 200, 10, 200},  // crossing limits: the cap wins
     };
     for (const Row& r : rows) {
         EXPECT_EQ(governor.pick(r.demand, governor.allowed(r.min, r.max)), r.expected)

@@ -50,9 +50,8 @@ class DeviceModelTest : public ::testing::Test {
 
     // Parses kModel with `from` replaced by `to` in it and `profileFrom` by `profileTo` in the
     // power profile.
-    bool parse(const std::string& from, const std::string& to, std::string* error,
-               DeviceModel* out, const std::string& profileFrom = "",
-               const std::string& profileTo = "") {
+    bool parse(const std::string& from, const std::string& to, std::string* error, DeviceModel* out,
+               const std::string& profileFrom = "", const std::string& profileTo = "") {
         auto replaced = [](std::string text, const std::string& a, const std::string& b) {
             if (!a.empty()) {
                 const size_t at = text.find(a);
@@ -96,11 +95,16 @@ TEST_F(DeviceModelTest, MissingOrContradictoryItemsNameFileAndKey) {
             {"\"idle\": 20", "\"idle\": 95", "", "",
              "gpu.current_ma.200.idle: is more than the busy current"},
             {"\"base_ma\": 200,", "", "", "", "/m.json: \"base_ma\" is missing"},
-            {"\"cpu_max_level\"", "\"gpu_turbo\"", "", "", "resources[1].does: \"gpu_turbo\" is not"},
-            {"\"cluster\": 0", "\"cluster\": 1", "", "", "resources[1].cluster: 1 is outside 0 to 0"},
-            {"", "", "<item name=\"battery.capacity\">4000</item>", "", "/pp.xml: \"battery.capacity\" is missing"},
-            {"", "", "<value>10</value>", "", "/pp.xml:6: \"cpu.core_power.cluster0\": 1 values for the 2 speeds"},
-            {"", "", "<value>4</value></array>", "<value>4</value><value>2</value></array>", "/pp.xml: \"cpu.core_speeds.cluster1\" is missing"},
+            {"\"cpu_max_level\"", "\"gpu_turbo\"", "", "",
+             "resources[1].does: \"gpu_turbo\" is not"},
+            {"\"cluster\": 0", "\"cluster\": 1", "", "",
+             "resources[1].cluster: 1 is outside 0 to 0"},
+            {"", "", "<item name=\"battery.capacity\">4000</item>", "",
+             "/pp.xml: \"battery.capacity\" is missing"},
+            {"", "", "<value>10</value>", "",
+             "/pp.xml:6: \"cpu.core_power.cluster0\": 1 values for the 2 speeds"},
+            {"", "", "<value>4</value></array>", "<value>4</value><value>2</value></array>",
+             "/pp.xml: \"cpu.core_speeds.cluster1\" is missing"},
     };
     for (const Row& r : rows) {
         DeviceModel m;
