@@ -1,7 +1,5 @@
 #include "host/sim/Compare.h"
 
-#include <getopt.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -9,11 +7,10 @@
 #include <iostream>
 
 #include <android-base/file.h>
-#include <android-base/parseint.h>
 #include <android-base/stringprintf.h>
 
-#include "host/sim/DeviceModel.h"
 #include "host/sim/RecordingJson.h"
+#include "host/sim/RunOptions.h"
 #include "host/sim/RunPool.h"
 #include "host/sim/Scenario.h"
 #include "host/sim/SummaryJson.h"
@@ -155,48 +152,18 @@ void writeCompareTable(const std::vector<ComparedRun>& runs, std::ostream& out) 
 }
 
 int compareMain(int argc, char** argv) {
-    std::string devicePath;
-    std::string outDir;
-    std::string pluginPath;
-    int jobs = RunPool::cores();
-    static const option kOptions[] = {{"device", required_argument, nullptr, 'd'},
-                                      {"out", required_argument, nullptr, 'o'},
-                                      {"jobs", required_argument, nullptr, 'j'},
-                                      {"plugin", required_argument, nullptr, 'p'},
-                                      {"help", no_argument, nullptr, 'h'},
-                                      {nullptr, 0, nullptr, 0}};
-    optind = 1;
-    for (int c; (c = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
-        switch (c) {
-            case 'd':
-                devicePath = optarg;
-                break;
-            case 'o':
-                outDir = optarg;
-                break;
-            case 'p':
-                pluginPath = optarg;
-                break;
-            case 'j':
-                if (!android::base::ParseInt(optarg, &jobs, 1, 1024)) {
-                    std::cerr << kTool << ": --jobs must be a number from 1 to 1024\n";
-                    return kUsageError;
-                }
-                break;
-            case 'h':
-                usage(std::cout);
-                return 0;
-            default:
-                usage(std::cerr);
-                return kUsageError;
-        }
-    }
-    if (argc - optind < 3) {
+    RunOptions options;
+    const int exit = options.parse(argc, argv, false, kTool, usage);
+    if (exit >= 0) return exit;
+    if (options.positional.size() < 3) {
         usage(std::cerr);
         return kUsageError;
     }
-    const std::string scenarioPath = argv[optind];
-    const std::vector<std::string> configs(argv + optind + 1, argv + argc);
+    const std::string scenarioPath = options.positional[0];
+    const std::vector<std::string> configs(options.positional.begin() + 1,
+                                           options.positional.end());
+    const std::string& devicePath = options.devicePath;
+    const std::string& outDir = options.outDir;
 
     // Everything is checked before anything runs.
     std::string error;
@@ -206,11 +173,7 @@ int compareMain(int argc, char** argv) {
         tools::FeatureConfig parsed;
         if (!tools::FeatureConfigXml::parseFile(config, &parsed, &error)) return fail(error);
     }
-    DeviceModel model;
-    if (!devicePath.empty() && !DeviceModel::parseFile(devicePath, &model, &error)) {
-        return fail(error);
-    }
-    if (!outDir.empty() && !makeWritableFolder(outDir, &error)) return fail(error);
+    if (!options.checkDeviceAndOutput(&error)) return fail(error);
     TempDir temp;
     if (!temp.create("pwr-sim-compare", &error)) return fail(error);
 
@@ -219,13 +182,12 @@ int compareMain(int argc, char** argv) {
         RunPool::Run run;
         const std::string base = temp.path() + "/run-" + std::to_string(i);
         run.args = {scenarioPath, "--config", configs[i], "--quiet", "--recording", base + ".json"};
-        if (!devicePath.empty()) run.args.insert(run.args.end(), {"--device", devicePath});
-        if (!pluginPath.empty()) run.args.insert(run.args.end(), {"--plugin", pluginPath});
+        for (const std::string& arg : options.runArgs()) run.args.push_back(arg);
         run.outPath = base + ".out";
         run.errPath = base + ".err";
         runs.push_back(std::move(run));
     }
-    RunPool pool(RunPool::selfPath(), jobs);
+    RunPool pool(RunPool::selfPath(), options.jobs, temp.path());
     const bool completed = pool.runAll(runs, RunPool::terminalProgress("compare", runs.size()));
     RunPool::finishLine();
     if (!completed) {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
 #include <map>
 
 #include <android-base/file.h>
@@ -94,8 +95,17 @@ pid_t RunPool::start(const Run& run) {
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    std::vector<std::string> variables;
+    for (char** v = environ; *v != nullptr; ++v) {
+        if (mTmpDir.empty() || strncmp(*v, "TMPDIR=", 7) != 0) variables.push_back(*v);
+    }
+    if (!mTmpDir.empty()) variables.push_back("TMPDIR=" + mTmpDir);
+    std::vector<char*> envp;
+    for (std::string& v : variables) envp.push_back(v.data());
+    envp.push_back(nullptr);
     pid_t pid = -1;
-    const int result = posix_spawn(&pid, mProgram.c_str(), &actions, &attr, argv.data(), environ);
+    const int result =
+            posix_spawn(&pid, mProgram.c_str(), &actions, &attr, argv.data(), envp.data());
     posix_spawnattr_destroy(&attr);
     posix_spawn_file_actions_destroy(&actions);
     return result == 0 ? pid : -1;
@@ -153,6 +163,12 @@ bool RunPool::runAll(std::vector<Run>& runs, const Progress& progress) {
                 runs[index].status = statusOf(wstatus);
             }
         }
+    }
+    // Signals still pending would act when the mask is restored, before the caller can clean
+    // up: take them now; a stop asked for counts as an interruption.
+    const timespec now{0, 0};
+    for (int signal; (signal = sigtimedwait(&held.set(), nullptr, &now)) > 0;) {
+        interrupted = interrupted || signal == SIGINT || signal == SIGTERM;
     }
     return !interrupted;
 }

@@ -23,7 +23,10 @@ class RunPool {
     // Called after each start and end: runs finished, failed (non-zero status), running.
     using Progress = std::function<void(size_t done, size_t failed, size_t running)>;
 
-    RunPool(std::string program, int jobs) : mProgram(std::move(program)), mJobs(jobs) {}
+    // `tmpDir`, when given, is the children's TMPDIR: their own temporary files (a pwr-sim run's
+    // device tree) then go where the caller removes them, even from a child that was stopped.
+    RunPool(std::string program, int jobs, std::string tmpDir = "")
+        : mProgram(std::move(program)), mJobs(jobs), mTmpDir(std::move(tmpDir)) {}
 
     // Runs every run. SIGINT and SIGTERM are held back meanwhile; when one comes, the running
     // children are terminated and reaped, the runs not started stay at -1 and the result is
@@ -46,6 +49,7 @@ class RunPool {
 
     std::string mProgram;
     int mJobs;
+    std::string mTmpDir;
 };
 
 }  // namespace pwr::sim

@@ -1,7 +1,5 @@
 #include "host/sim/Sweep.h"
 
-#include <getopt.h>
-
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -11,12 +9,11 @@
 #include <set>
 
 #include <android-base/file.h>
-#include <android-base/parseint.h>
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <nlohmann/json.hpp>
 
-#include "host/sim/DeviceModel.h"
+#include "host/sim/RunOptions.h"
 #include "host/sim/RunPool.h"
 #include "host/sim/Scenario.h"
 #include "host/sim/TempDir.h"
@@ -149,66 +146,29 @@ std::vector<bool> paretoFront(const std::vector<std::pair<double, double>>& poin
 }
 
 int sweepMain(int argc, char** argv) {
-    std::string basePath;
-    std::string devicePath;
-    std::string outDir;
-    std::string pluginPath;
-    std::vector<SweepAxis> axes;
-    int jobs = RunPool::cores();
-    static const option kOptions[] = {{"config", required_argument, nullptr, 'c'},
-                                      {"set", required_argument, nullptr, 's'},
-                                      {"device", required_argument, nullptr, 'd'},
-                                      {"out", required_argument, nullptr, 'o'},
-                                      {"jobs", required_argument, nullptr, 'j'},
-                                      {"plugin", required_argument, nullptr, 'p'},
-                                      {"help", no_argument, nullptr, 'h'},
-                                      {nullptr, 0, nullptr, 0}};
-    optind = 1;
+    RunOptions options;
+    const int exit = options.parse(argc, argv, true, kTool, usage);
+    if (exit >= 0) return exit;
     std::string error;
-    for (int c; (c = getopt_long(argc, argv, "h", kOptions, nullptr)) != -1;) {
-        switch (c) {
-            case 'c':
-                basePath = optarg;
-                break;
-            case 's': {
-                SweepAxis axis;
-                if (!SweepAxis::parse(optarg, &axis, &error)) {
-                    std::cerr << kTool << ": --set " << error << '\n';
-                    return kUsageError;
-                }
-                for (const SweepAxis& other : axes) {
-                    if (other.key == axis.key) {
-                        std::cerr << kTool << ": --set " << axis.key << " is given twice\n";
-                        return kUsageError;
-                    }
-                }
-                axes.push_back(axis);
-                break;
-            }
-            case 'd':
-                devicePath = optarg;
-                break;
-            case 'o':
-                outDir = optarg;
-                break;
-            case 'p':
-                pluginPath = optarg;
-                break;
-            case 'j':
-                if (!android::base::ParseInt(optarg, &jobs, 1, 1024)) {
-                    std::cerr << kTool << ": --jobs must be a number from 1 to 1024\n";
-                    return kUsageError;
-                }
-                break;
-            case 'h':
-                usage(std::cout);
-                return 0;
-            default:
-                usage(std::cerr);
-                return kUsageError;
+    std::vector<SweepAxis> axes;
+    for (const std::string& set : options.sets) {
+        SweepAxis axis;
+        if (!SweepAxis::parse(set, &axis, &error)) {
+            std::cerr << kTool << ": --set " << error << '\n';
+            return kUsageError;
         }
+        for (const SweepAxis& other : axes) {
+            if (other.key == axis.key) {
+                std::cerr << kTool << ": --set " << axis.key << " is given twice\n";
+                return kUsageError;
+            }
+        }
+        axes.push_back(axis);
     }
-    const std::vector<std::string> scenarios(argv + optind, argv + argc);
+    const std::string& basePath = options.configPath;
+    const std::string& devicePath = options.devicePath;
+    const std::string& outDir = options.outDir;
+    const std::vector<std::string>& scenarios = options.positional;
     if (basePath.empty() || axes.empty() || outDir.empty() || scenarios.empty()) {
         usage(std::cerr);
         return kUsageError;
@@ -228,17 +188,13 @@ int sweepMain(int argc, char** argv) {
         Scenario scenario;
         if (!Scenario::parseFile(path, &scenario, &error)) return fail(error);
     }
-    DeviceModel model;
-    if (!devicePath.empty() && !DeviceModel::parseFile(devicePath, &model, &error)) {
-        return fail(error);
-    }
+    if (!options.checkDeviceAndOutput(&error)) return fail(error);
     size_t combinations = 1;
     for (const SweepAxis& axis : axes) combinations *= axis.values.size();
     if (combinations * scenarios.size() > kMaxRuns) {
         return fail(StringPrintf("%zu runs is more than %zu", combinations * scenarios.size(),
                                  kMaxRuns));
     }
-    if (!makeWritableFolder(outDir, &error)) return fail(error);
     TempDir temp;
     if (!temp.create("pwr-sim-sweep", &error)) return fail(error);
 
@@ -264,8 +220,7 @@ int sweepMain(int argc, char** argv) {
             RunPool::Run run;
             const std::string name = temp.path() + StringPrintf("/run-%zu-%zu", k, s);
             run.args = {scenarios[s], "--config", config, "--quiet", "--json", name + ".json"};
-            if (!devicePath.empty()) run.args.insert(run.args.end(), {"--device", devicePath});
-            if (!pluginPath.empty()) run.args.insert(run.args.end(), {"--plugin", pluginPath});
+            for (const std::string& arg : options.runArgs()) run.args.push_back(arg);
             run.outPath = name + ".out";
             run.errPath = name + ".err";
             runs.push_back(std::move(run));
@@ -273,7 +228,7 @@ int sweepMain(int argc, char** argv) {
         }
     }
 
-    RunPool pool(RunPool::selfPath(), jobs);
+    RunPool pool(RunPool::selfPath(), options.jobs, temp.path());
     const bool completed = pool.runAll(runs, RunPool::terminalProgress("sweep", runs.size()));
     RunPool::finishLine();
     if (!completed) {
