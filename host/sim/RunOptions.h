@@ -20,8 +20,7 @@ struct RunOptions {
     // Parses argv (argv[0] is the subcommand) with getopt_long. -1 to go on; otherwise the exit
     // status to end with: 0 after --help (usage on standard output), 2 after a usage error
     // (a line on standard error naming `tool`, or the usage).
-    int parse(int argc, char** argv, bool sweep, const char* tool,
-              void (*usage)(std::ostream&));
+    int parse(int argc, char** argv, bool sweep, const char* tool, void (*usage)(std::ostream&));
 
     // The options each pwr-sim run takes from these: --device and --plugin when given.
     std::vector<std::string> runArgs() const;

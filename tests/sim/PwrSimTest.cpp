@@ -590,6 +590,9 @@ TEST_F(PwrSimTest, ClosedLoop_LockTakenAtATickLimitsTheGpuFromTheNextTick) {
 }
 
 TEST_F(PwrSimTest, Sweep_WritesARowPerRunAndChecksKeysFirst) {
+    // The sweep starts pwr-sim again for each run; under qemu-user without binfmt_misc the
+    // kernel cannot run the cross-built program by itself.
+    if (getenv("PWR_TEST_EMULATOR") != nullptr) GTEST_SKIP() << "runs start pwr-sim natively";
     const std::string out = mDir + "/sweep";
     const std::vector<std::string> common = {"sweep",
                                              "--config",
