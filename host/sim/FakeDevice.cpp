@@ -180,12 +180,15 @@ bool FakeDevice::writeClosedLoop(std::string* error) {
     const int64_t windowUs = std::llround(loop.windowUs());
     mState.freqMhz = static_cast<double>(loop.clockMhz());
     mState.demandMhz = loop.demandMhz();
-    mState.busy = static_cast<int>(std::lround(
-            std::min(100.0, 100.0 * loop.demandMhz() / static_cast<double>(loop.clockMhz()))));
+    // As gpubusy shows it: the share of the window since the last update; before any time
+    // has passed, the share of the device as it stands.
+    const double busy =
+            windowUs > 0 ? loop.windowBusyUs() / loop.windowUs()
+                         : std::min(1.0, loop.demandMhz() / static_cast<double>(loop.clockMhz()));
+    mState.busy = static_cast<int>(std::lround(100.0 * busy));
     mState.drainMa = loop.currentMa();
-    // Before any time has passed, the busy share of the device as it stands.
-    const int64_t busyUs = windowUs > 0 ? std::llround(loop.windowBusyUs())
-                                        : static_cast<int64_t>(mState.busy) * 10000;
+    const int64_t busyUs =
+            windowUs > 0 ? std::llround(loop.windowBusyUs()) : std::llround(busy * 1000000.0);
     if (!writeClockStats(error) || !writeClockAndBusy(loop.clockMhz(), busyUs, windowUs, error)) {
         return false;
     }
