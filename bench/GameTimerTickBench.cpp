@@ -13,11 +13,9 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <new>
 #include <stdexcept>
@@ -29,6 +27,7 @@
 #include <android/log.h>
 #include <benchmark/benchmark.h>
 
+#include "bench/BenchSupport.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "platform/hostshim/DeviceRoot.h"
@@ -147,53 +146,12 @@ void BM_ReadNodesFloor(benchmark::State& state) {
 BENCHMARK(BM_GameTimerTick);
 BENCHMARK(BM_ReadNodesFloor);
 
-// Prints the usual table, then the tick's cost over the floor from the medians of the runs.
-class RatioReporter : public benchmark::ConsoleReporter {
-  public:
-    RatioReporter()
-        : benchmark::ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override {
-        benchmark::ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred) continue;
-            // Single runs, or their median when only aggregates are reported.
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (run.run_type != Run::RT_Iteration && !median) continue;
-            mCpu[run.run_name.function_name].push_back(run.GetAdjustedCPUTime());
-            mReal[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
-        }
-    }
-    void Finalize() override {
-        benchmark::ConsoleReporter::Finalize();
-        const double tickCpu = median(mCpu["BM_GameTimerTick"]);
-        const double floorCpu = median(mCpu["BM_ReadNodesFloor"]);
-        const double tickReal = median(mReal["BM_GameTimerTick"]);
-        const double floorReal = median(mReal["BM_ReadNodesFloor"]);
-        if (tickCpu <= 0 || floorCpu <= 0) return;
-        printf("\ntick / floor (medians): cpu %.0f / %.0f ns = %.2fx, real %.0f / %.0f ns = "
-               "%.2fx (goal: within 1.5x)\n",
-               tickCpu, floorCpu, tickCpu / floorCpu, tickReal, floorReal, tickReal / floorReal);
-    }
-
-  private:
-    static double median(std::vector<double> values) {
-        if (values.empty()) return 0;
-        std::sort(values.begin(), values.end());
-        return values[values.size() / 2];
-    }
-
-    std::map<std::string, std::vector<double>> mCpu;
-    std::map<std::string, std::vector<double>> mReal;
-};
-
 void dropLine(const __android_logger_data*, const char*) {}
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (!pwr::bench::initialize(argc, argv)) return 1;
 
     __android_log_set_logger(dropLine);
     fakeperf::reset();
@@ -220,9 +178,11 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    pwr::bench::MedianReporter reporter;
+    pwr::bench::run(reporter);
+    reporter.printRatio("tick / floor", "BM_GameTimerTick", "BM_ReadNodesFloor", "within 1.5x");
+    printf("allocations per tick (median): %.2f (goal: 0)\n",
+           reporter.counter("BM_GameTimerTick", "allocs/tick"));
     gFeature = nullptr;
     return 0;
 }

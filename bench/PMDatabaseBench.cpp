@@ -10,14 +10,13 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "bench/BenchSupport.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "platform/hostshim/DeviceRoot.h"
 #include "tests/support/TestConfig.h"
@@ -137,64 +136,22 @@ BENCHMARK_CAPTURE(BM_PmDbWrite, tmpfs, kTmpfs)->Apply(configure);
 BENCHMARK_CAPTURE(BM_InsertFloor, disk, kDisk)->Apply(configure);
 BENCHMARK_CAPTURE(BM_PmDbWrite, disk, kDisk)->Apply(configure);
 
-// The console report, then pmDbWrite / floor per file system, in real and in CPU time, from the
-// medians of the repetitions: the file system's latency on a shared host swings by an order of
-// magnitude between repetitions, which the least of them would pick up.
-class RatioReporter : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
-            const std::string name = run.run_name.function_name;
-            const std::string fs = name.find("/tmpfs") != std::string::npos ? "tmpfs" : "disk";
-            const bool write = name.rfind("BM_PmDbWrite", 0) == 0;
-            Times& times = mTimes[fs];
-            (write ? times.write : times.floor) = {run.GetAdjustedRealTime(),
-                                                   run.GetAdjustedCPUTime()};
-        }
-    }
-
-    void printRatios() const {
-        for (const auto& [fs, times] : mTimes) {
-            if (times.write.real <= 0 || times.floor.real <= 0) continue;
-            printf("ratio pmDbWrite / floor on %s (medians): real %.2f (%.1f us / %.1f us), cpu "
-                   "%.2f (%.1f us / %.1f us)\n",
-                   fs.c_str(), times.write.real / times.floor.real, times.write.real,
-                   times.floor.real, times.write.cpu / times.floor.cpu, times.write.cpu,
-                   times.floor.cpu);
-        }
-    }
-
-  private:
-    struct Time {
-        double real = 0;
-        double cpu = 0;
-    };
-    struct Times {
-        Time write;
-        Time floor;
-    };
-    std::map<std::string, Times> mTimes;
-};
-
 void dropLogLine(const __android_logger_data*, const char*) {}
 
 }  // namespace
 
 int main(int argc, char** argv) {
     __android_log_set_logger(dropLogLine);
-    // Defaults that flags given on the command line override.
-    std::vector<char*> args(argv, argv + argc);
-    std::string interleave = "--benchmark_enable_random_interleaving=true";
-    args.insert(args.begin() + 1, interleave.data());
-    argc = static_cast<int>(args.size());
-    argv = args.data();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printRatios();
-    benchmark::Shutdown();
+    if (!pwr::bench::initialize(argc, argv, {"--benchmark_enable_random_interleaving=true"})) {
+        return 1;
+    }
+    pwr::bench::MedianReporter reporter;
+    pwr::bench::run(reporter);
+    // Medians: the file system's latency on a shared host swings by an order of magnitude
+    // between repetitions, which the least of them would pick up.
+    for (const std::string fs : {"tmpfs", "disk"}) {
+        reporter.printRatio("pmDbWrite / floor on " + fs, "BM_PmDbWrite/" + fs,
+                            "BM_InsertFloor/" + fs);
+    }
     return 0;
 }

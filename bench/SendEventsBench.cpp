@@ -1,8 +1,8 @@
 // Cost of sendEvents for a game start followed by its stop in PSM mode 2, against the fake
 // performance library, beside a floor measured in the same run: the same library entry points
 // and the same timer_settime calls made directly in a loop. Logging goes to a null logger and the
-// fake library records nothing. At the end the program prints feature/floor for each pair; the
-// goal is at most 2.
+// fake library records nothing. At the end the program prints feature/floor for each pair from the
+// medians of the repetitions; the goal is at most 2.
 //
 //   build/bench/pwr_sendevents_bench   (ten interleaved repetitions of each; flags may override)
 
@@ -11,15 +11,13 @@
 #include <signal.h>
 #include <time.h>
 
-#include <algorithm>
 #include <climits>
 #include <cstdio>
-#include <map>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
+#include "bench/BenchSupport.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -163,70 +161,17 @@ void BM_Floor_GameStartStopReleasingProfile(benchmark::State& state) {
 }
 BENCHMARK(BM_Floor_GameStartStopReleasingProfile);
 
-// Console output as usual, then feature/floor for each pair in real and in CPU time, from the
-// fastest repetition of each (the least disturbed by other work on the shared machine).
-class RatioReporter : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            // Single runs, or the median when only aggregates are reported.
-            const bool usable = run.run_type == Run::RT_Iteration || run.aggregate_name == "median";
-            if (!usable || run.error_occurred) continue;
-            const double toNs = benchmark::GetTimeUnitMultiplier(benchmark::kNanosecond) /
-                                benchmark::GetTimeUnitMultiplier(run.time_unit);
-            keepFastest(mFastestRealNs, run.run_name.function_name,
-                        run.GetAdjustedRealTime() * toNs);
-            keepFastest(mFastestCpuNs, run.run_name.function_name, run.GetAdjustedCPUTime() * toNs);
-        }
-    }
-
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        printRatios("real", mFastestRealNs);
-        printRatios("cpu", mFastestCpuNs);
-    }
-
-  private:
-    using Times = std::map<std::string, double>;
-
-    static void keepFastest(Times& times, const std::string& name, double ns) {
-        auto [it, inserted] = times.emplace(name, ns);
-        if (!inserted) it->second = std::min(it->second, ns);
-    }
-
-    void printRatios(const char* clock, const Times& times) {
-        const std::string prefix = "BM_Feature_";
-        for (const auto& [name, featureNs] : times) {
-            if (name.compare(0, prefix.size(), prefix) != 0) continue;
-            const std::string pair = name.substr(prefix.size());
-            auto floor = times.find("BM_Floor_" + pair);
-            if (floor == times.end()) continue;
-            GetOutputStream() << "ratio " << pair << " (" << clock << " time): feature "
-                              << featureNs << " ns / floor " << floor->second
-                              << " ns = " << featureNs / floor->second << " (goal <= 2)\n";
-        }
-    }
-
-    Times mFastestRealNs;
-    Times mFastestCpuNs;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     // The machine is shared: repeat, interleave the feature's and the floor's repetitions so that
-    // both see the same load, and report aggregates. Flags given on the command line come later
-    // and win.
-    std::vector<char*> args{argv[0]};
-    char repetitions[] = "--benchmark_repetitions=10";
-    char interleave[] = "--benchmark_enable_random_interleaving=true";
-    char aggregates[] = "--benchmark_report_aggregates_only=true";
-    args.insert(args.end(), {repetitions, interleave, aggregates});
-    args.insert(args.end(), argv + 1, argv + argc);
-    int count = static_cast<int>(args.size());
-    benchmark::Initialize(&count, args.data());
-    if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+    // both see the same load, and report aggregates.
+    if (!pwr::bench::initialize(
+                argc, argv,
+                {"--benchmark_repetitions=10", "--benchmark_enable_random_interleaving=true",
+                 "--benchmark_report_aggregates_only=true"})) {
+        return 1;
+    }
     // The plug-in is loaded as the power service loads it; its registration fills the registry.
     pwr::host::PluginHost host;
     std::string error;
@@ -234,8 +179,10 @@ int main(int argc, char** argv) {
         fprintf(stderr, "cannot load the plug-in: %s\n", error.c_str());
         return 1;
     }
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    pwr::bench::MedianReporter reporter;
+    pwr::bench::run(reporter);
+    for (const std::string pair : {"GameStartStop", "GameStartStopReleasingProfile"}) {
+        reporter.printRatio(pair, "BM_Feature_" + pair, "BM_Floor_" + pair, "at most 2x");
+    }
     return 0;
 }

@@ -6,18 +6,14 @@
 //
 //   pwr_bench_sim [--benchmark_repetitions=N] [other Google Benchmark flags]
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <cstdio>
-#include <map>
 #include <sstream>
 #include <string>
-#include <vector>
 
 #include <android-base/file.h>
 #include <benchmark/benchmark.h>
 
+#include "bench/BenchSupport.h"
 #include "host/sim/FakeDevice.h"
 #include "host/sim/Scenario.h"
 #include "host/sim/Simulator.h"
@@ -87,54 +83,15 @@ void BM_DeviceNodesFloor(benchmark::State& state) {
 BENCHMARK(BM_SimulateGameScenario)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_DeviceNodesFloor)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// Prints the usual table, then the replay speed and its cost over the floor from the medians.
-class SpeedReporter : public benchmark::ConsoleReporter {
-  public:
-    SpeedReporter()
-        : benchmark::ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
-
-    void ReportRuns(const std::vector<Run>& runs) override {
-        benchmark::ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred) continue;
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (run.run_type != Run::RT_Iteration && !median) continue;
-            mReal[run.run_name.function_name].push_back(run.GetAdjustedRealTime());
-            auto it = run.counters.find("sim_s/wall_s");
-            if (it != run.counters.end()) {
-                mSpeed[run.run_name.function_name].push_back(it->second.value);
-            }
-        }
-    }
-    void Finalize() override {
-        benchmark::ConsoleReporter::Finalize();
-        const double speed = median(mSpeed["BM_SimulateGameScenario"]);
-        const double run = median(mReal["BM_SimulateGameScenario"]);
-        const double floor = median(mReal["BM_DeviceNodesFloor"]);
-        if (speed <= 0 || floor <= 0) return;
-        printf("\nreplay speed (median): %.0fx real time (goal: at least 10000x); scenario / "
-               "device-node floor: %.2f / %.2f ms = %.2fx\n",
-               speed, run, floor, run / floor);
-    }
-
-  private:
-    static double median(std::vector<double> values) {
-        if (values.empty()) return 0;
-        std::sort(values.begin(), values.end());
-        return values[values.size() / 2];
-    }
-
-    std::map<std::string, std::vector<double>> mReal;
-    std::map<std::string, std::vector<double>> mSpeed;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    SpeedReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!pwr::bench::initialize(argc, argv)) return 1;
+    pwr::bench::MedianReporter reporter;
+    pwr::bench::run(reporter);
+    printf("replay speed (median): %.0fx real time (goal: at least 10000x)\n",
+           reporter.counter("BM_SimulateGameScenario", "sim_s/wall_s"));
+    reporter.printRatio("scenario / device-node floor", "BM_SimulateGameScenario",
+                        "BM_DeviceNodesFloor");
     return 0;
 }

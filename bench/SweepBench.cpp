@@ -4,16 +4,13 @@
 //
 //   pwr_bench_sweep [--benchmark_repetitions=N] [other Google Benchmark flags]
 
-#include <unistd.h>
-
-#include <algorithm>
 #include <cstdio>
-#include <map>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
+#include "bench/BenchSupport.h"
 #include "host/sim/RunPool.h"
 #include "host/sim/TempDir.h"
 
@@ -21,9 +18,8 @@ namespace {
 
 constexpr int kRunsPerIteration = 8;
 
-void BM_SweepRuns(benchmark::State& state) {
-    const int jobs =
-            state.range(0) == 0 ? pwr::sim::RunPool::cores() : static_cast<int>(state.range(0));
+// `jobs` runs at once, kRunsPerIteration per iteration.
+void sweepRuns(benchmark::State& state, int jobs) {
     pwr::sim::TempDir temp;
     std::string error;
     if (!temp.create("pwr-bench-sweep", &error)) {
@@ -64,49 +60,29 @@ void BM_SweepRuns(benchmark::State& state) {
             benchmark::Counter(static_cast<double>(done), benchmark::Counter::kIsRate);
 }
 
-// One job, then one per core (0).
-BENCHMARK(BM_SweepRuns)->Arg(1)->Arg(0)->Unit(benchmark::kMillisecond)->UseRealTime();
+void BM_SweepOneJob(benchmark::State& state) {
+    sweepRuns(state, 1);
+}
 
-// Prints the usual table, then the runs per second of each and their ratio from the medians.
-class ThroughputReporter : public benchmark::ConsoleReporter {
-  public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        benchmark::ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred) continue;
-            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
-            if (run.run_type != Run::RT_Iteration && !median) continue;
-            auto rate = run.counters.find("runs/s");
-            if (rate != run.counters.end()) mRates[run.run_name.args].push_back(rate->second.value);
-        }
-    }
-    void Finalize() override {
-        benchmark::ConsoleReporter::Finalize();
-        const double one = median(mRates["1"]);
-        const double all = median(mRates["0"]);
-        if (one <= 0 || all <= 0) return;
-        printf("\nsweep throughput (median): %.2f runs/s on one core, %.2f on %d cores: %.2fx "
-               "(goal on two cores: at least 1.8x)\n",
-               one, all, pwr::sim::RunPool::cores(), all / one);
-    }
+void BM_SweepEveryCore(benchmark::State& state) {
+    sweepRuns(state, pwr::sim::RunPool::cores());
+}
 
-  private:
-    static double median(std::vector<double> values) {
-        if (values.empty()) return 0;
-        std::sort(values.begin(), values.end());
-        return values[values.size() / 2];
-    }
-
-    std::map<std::string, std::vector<double>> mRates;
-};
+BENCHMARK(BM_SweepOneJob)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_SweepEveryCore)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    ThroughputReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!pwr::bench::initialize(argc, argv)) return 1;
+    pwr::bench::MedianReporter reporter;
+    pwr::bench::run(reporter);
+    const double one = reporter.counter("BM_SweepOneJob", "runs/s");
+    const double all = reporter.counter("BM_SweepEveryCore", "runs/s");
+    if (one > 0 && all > 0) {
+        printf("sweep throughput (median): %.2f runs/s with one job, %.2f with %d: %.2fx (goal on "
+               "two cores: at least 1.8x)\n",
+               one, all, pwr::sim::RunPool::cores(), all / one);
+    }
     return 0;
 }

@@ -1,5 +1,6 @@
 // readNumbersFromFile and readNumbersFromFile_Int64 on arbitrary node contents. Beyond never
-// crashing: whatever the 32-bit reader accepts, the 64-bit reader accepts with the same values;
+// crashing: the sampling scanner agrees with the 64-bit reader (embedded NULs included);
+// whatever the 32-bit reader accepts, the 64-bit reader accepts with the same values;
 // and the values either reader returns come back unchanged when written out in decimal, one a
 // line, and read again.
 
@@ -38,6 +39,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     writeNode(std::string(reinterpret_cast<const char*>(data), size));
     const auto narrow = readNumbersFromFile(gNode);
     const auto wide = readNumbersFromFile_Int64(gNode);
+    std::string text;
+    std::vector<int64_t> scanned;
+    const bool scannedOk = pwr::readNumbersInto(gNode, text, scanned);
+    pwr::fuzz::check(scannedOk == wide.has_value() && (!scannedOk || scanned == *wide),
+                     "the sampling scanner reads what the 64-bit reader reads");
     if (narrow) {
         pwr::fuzz::check(wide.has_value(), "the 64-bit reader accepts what the 32-bit one does");
         pwr::fuzz::check(wide->size() == narrow->size(), "both readers find as many numbers");

@@ -4,17 +4,13 @@
 
 namespace pwr::host {
 
-PluginHost::~PluginHost() {
-    if (mHandle != nullptr) dlclose(mHandle);
-}
-
 bool PluginHost::load(const std::string& library, std::string* error) {
-    if (mHandle != nullptr) {
+    if (mPlugin != nullptr) {
         if (error != nullptr) *error = "a plug-in is already loaded";
         return false;
     }
-    mHandle = dlopen(library.c_str(), RTLD_NOW);
-    if (mHandle == nullptr) {
+    mPlugin = openLibrary(library.c_str());
+    if (mPlugin == nullptr) {
         if (error != nullptr) *error = dlerror();
         return false;
     }

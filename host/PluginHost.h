@@ -4,6 +4,7 @@
 #include <string>
 
 #include "feature/PowerOptFeature.h"
+#include "platform/LibraryHandle.h"
 
 namespace pwr::host {
 
@@ -13,7 +14,8 @@ namespace pwr::host {
 class PluginHost {
   public:
     PluginHost() = default;
-    ~PluginHost();
+    // Unloads the plug-in: every feature built from it must be gone by then.
+    ~PluginHost() = default;
     PluginHost(const PluginHost&) = delete;
     PluginHost& operator=(const PluginHost&) = delete;
 
@@ -30,7 +32,7 @@ class PluginHost {
                                                    std::string* error);
 
   private:
-    void* mHandle = nullptr;
+    LibraryHandle mPlugin;
 };
 
 }  // namespace pwr::host

@@ -69,12 +69,12 @@ int GraxInfo::GetAvgUtil() {
     uint32_t count = 0;
     int64_t busy = 0;
     int64_t total = 0;
-    const bool read =
-            pwr::forEachNumberInFile(mBusyNode, pwr::NumberWidth::kUint32, [&](int64_t value) {
-                if (count == 0) busy = value;
-                if (count == 1) total = value;
-                ++count;
-            });
+    const bool read = pwr::forEachNumberInFile(mBusyNode, pwr::NumberWidth::kUint32, mNodeText,
+                                               [&](int64_t value) {
+                                                   if (count == 0) busy = value;
+                                                   if (count == 1) total = value;
+                                                   ++count;
+                                               });
     if (!read) return -EIO;
     if (count != 2) return -EINVAL;
     if (total == 0) return 0;
@@ -83,7 +83,7 @@ int GraxInfo::GetAvgUtil() {
 
 int GraxInfo::GetAvgCapacity(bool cached) {
     if (cached) return mAvgCapacity;
-    if (!pwr::readNumbersInto(mClockStatsNode, mClockStats)) return -EIO;
+    if (!pwr::readNumbersInto(mClockStatsNode, mNodeText, mClockStats)) return -EIO;
     const size_t n = mClockStats.size();
     if (n < 2) return -EINVAL;
     // One value per level is expected; more values than levels have no frequency to count for.
@@ -115,12 +115,12 @@ int GraxInfo::GetMaxCapacity() {
 uint64_t GraxInfo::GetCurFreq() {
     uint32_t count = 0;
     uint64_t first = 0;
-    const bool read =
-            pwr::forEachNumberInFile(mClockNode, pwr::NumberWidth::kUint32, [&](int64_t value) {
-                if (count++ == 0) {
-                    first = static_cast<uint64_t>(value);
-                }
-            });
+    const bool read = pwr::forEachNumberInFile(mClockNode, pwr::NumberWidth::kUint32, mNodeText,
+                                               [&](int64_t value) {
+                                                   if (count++ == 0) {
+                                                       first = static_cast<uint64_t>(value);
+                                                   }
+                                               });
     if (!read) return static_cast<uint64_t>(-EIO);
     if (count == 0) return static_cast<uint64_t>(-EINVAL);
     return first;

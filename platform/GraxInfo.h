@@ -86,6 +86,8 @@ class GraxInfo {
     const std::string mClockStatsNode;
     const std::string mBusyNode;
     const std::string mClockNode;
-    // The last "gpu_clock_stats" read, kept to reuse its storage.
+    // The last node text and "gpu_clock_stats" values read, kept to reuse their storage: the
+    // game timer's tick then allocates nothing.
+    std::string mNodeText;
     std::vector<int64_t> mClockStats;
 };

@@ -27,25 +27,34 @@ namespace pwr {
 
 enum class NumberWidth { kUint32, kInt64 };
 
-// The scanner behind both readers, for callers that sample a node periodically and must not
-// allocate: reads a node of up to one page into a stack buffer (a larger one on the heap) and
-// hands each number, in file order, to sink(context, value). Returns false on the same failures
-// as the readers; the sink may then have seen some values already, which the caller discards.
-bool scanNumbersInFile(const std::string& path, NumberWidth width,
+// The characters that separate the pieces of a node.
+inline constexpr char kNumberSeparators[] = " \n\t";
+
+// Reads one piece (up to its NUL) as a number of `width` by the rules above. False when it is
+// not one; `value` is then untouched.
+bool parseNumber(const char* piece, NumberWidth width, int64_t* value);
+
+// The readers' rules for callers that sample a node periodically and must not allocate: reads
+// the node into `text`, whose storage is reused (nothing is allocated once it has held the
+// node), and hands each number, in file order, to sink(context, value). Returns false on the
+// readers' failures; the sink may then have seen some values already, which the caller discards.
+bool scanNumbersInFile(const std::string& path, NumberWidth width, std::string& text,
                        void (*sink)(void* context, int64_t value), void* context);
 
 // scanNumbersInFile with any callable `visit(int64_t)` as the sink.
 template <typename Visit>
-bool forEachNumberInFile(const std::string& path, NumberWidth width, Visit&& visit) {
+bool forEachNumberInFile(const std::string& path, NumberWidth width, std::string& text,
+                         Visit&& visit) {
     using V = std::remove_reference_t<Visit>;
     return scanNumbersInFile(
-            path, width, [](void* context, int64_t value) { (*static_cast<V*>(context))(value); },
-            &visit);
+            path, width, text,
+            [](void* context, int64_t value) { (*static_cast<V*>(context))(value); }, &visit);
 }
 
 // Reads the signed 64-bit numbers of a node into `out`, which is cleared first and keeps its
-// capacity, so a caller that keeps `out` between reads allocates only while it grows. False on
-// the failures of readNumbersFromFile_Int64; `out` then holds no meaningful values.
-bool readNumbersInto(const std::string& path, std::vector<int64_t>& out);
+// capacity, through `text` as scanNumbersInFile does: a caller that keeps both between reads
+// allocates only while they grow. False on the failures of readNumbersFromFile_Int64; `out`
+// then holds no meaningful values.
+bool readNumbersInto(const std::string& path, std::string& text, std::vector<int64_t>& out);
 
 }  // namespace pwr

@@ -173,17 +173,10 @@ int PolicyInfo::GetMaxCapacity() {
 }
 
 uint64_t PolicyInfo::GetCurFreq() {
-    uint32_t count = 0;
-    uint64_t first = 0;
-    const bool read = pwr::forEachNumberInFile(policyNode("scaling_cur_freq"),
-                                               pwr::NumberWidth::kUint32, [&](int64_t value) {
-                                                   if (count++ == 0) {
-                                                       first = static_cast<uint64_t>(value);
-                                                   }
-                                               });
-    if (!read) return static_cast<uint64_t>(-EIO);
-    if (count == 0) return static_cast<uint64_t>(-EINVAL);
-    return first;
+    const auto values = readNumbersFromFile(policyNode("scaling_cur_freq"));
+    if (!values) return static_cast<uint64_t>(-EIO);
+    if (values->empty()) return static_cast<uint64_t>(-EINVAL);
+    return values->front();
 }
 
 int64_t PolicyInfo::GetAvgFreq() {

@@ -1,7 +1,5 @@
 #include "platform/PowerHelper.h"
 
-#include <dlfcn.h>
-
 #include "platform/DevicePath.h"
 #include "platform/Log.h"
 #include "platform/Properties.h"
@@ -34,26 +32,27 @@ PowerHelper::~PowerHelper() {
         pwr::MutexLock lock(fileMutex);
         if (usbStream.is_open()) usbStream.close();
     }
-    // The entry points are left as they are: a PowerHelper built later binds them again.
-    if (perf_handle != nullptr) dlclose(perf_handle);
+    // mPerfLibrary closes the library after this body has closed the streams. perf_handle and the
+    // entry points keep their stale values: a PowerHelper built later binds them again.
 }
 
 void PowerHelper::getPerfhandle() {
     // RTLD_NOW: immediate binding, the platform's flags value 0 on its 32-bit C library.
-    perf_handle = dlopen(kPerfClientLibrary, RTLD_NOW);
+    mPerfLibrary = pwr::openLibrary(kPerfClientLibrary);
+    perf_handle = mPerfLibrary.get();
     if (perf_handle == nullptr) {
         PWR_LOG(kModHelper, "getPerfhandle", 269, "Unable to open perf lib: %s", dlerror());
         return;
     }
-    perflock_acq = reinterpret_cast<PerfLockAcquireFn>(dlsym(perf_handle, "perf_lock_acq"));
+    perflock_acq = pwr::findEntry<PerfLockAcquireFn>(mPerfLibrary, "perf_lock_acq");
     if (perflock_acq == nullptr) {
         PWR_LOG(kModHelper, "getPerfhandle", 275, "Unable to get perf_lock_acq handle");
     }
-    perflock_rel = reinterpret_cast<PerfLockReleaseFn>(dlsym(perf_handle, "perf_lock_rel"));
+    perflock_rel = pwr::findEntry<PerfLockReleaseFn>(mPerfLibrary, "perf_lock_rel");
     if (perflock_rel == nullptr) {
         PWR_LOG(kModHelper, "getPerfhandle", 280, "Unable to get perf_lock_rel handle");
     }
-    perflock_hint = reinterpret_cast<PerfHintFn>(dlsym(perf_handle, "perf_hint"));
+    perflock_hint = pwr::findEntry<PerfHintFn>(mPerfLibrary, "perf_hint");
     if (perflock_hint == nullptr) {
         PWR_LOG(kModHelper, "getPerfhandle", 285, "Unable to get perflock_hint handle");
     }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/LibraryHandle.h"
 #include "platform/Mutex.h"
 
 // Entry points of the performance client library "libvyr-perfd-client.so".
@@ -38,11 +39,14 @@ std::string selectFilePath(const std::vector<std::string>& paths, std::string fa
 class PowerHelper {
   public:
     PowerHelper();
+    // Closes the streams, then the library this helper opened; perf_handle and the entry points
+    // keep their values, so no perf call may follow the destruction of the last helper.
     virtual ~PowerHelper();
     PowerHelper(const PowerHelper&) = delete;
     PowerHelper& operator=(const PowerHelper&) = delete;
 
-    // Opens the performance library and binds its entry points; a missing one stays null.
+    // Opens the performance library and binds its entry points; a missing one stays null. Called
+    // again, it opens the library anew and closes the handle this helper held before.
     void getPerfhandle();
 
     // Requests a new lock (the handle argument is ignored: always 0); -1 when unbound.
@@ -78,4 +82,11 @@ class PowerHelper {
     std::ifstream fpsStream;
     std::ifstream usbStream GUARDED_BY(fileMutex);
     uint32_t lastFrames = 0;
+
+  private:
+    // The library this helper opened, published as perf_handle. Each helper owns the handle it
+    // opened and closes it when it goes: dlopen counts references, so a helper that is destroyed
+    // while another still runs leaves the library loaded for that one. Declared last so that it is
+    // closed before the streams are destroyed, after the destructor's body has closed them.
+    pwr::LibraryHandle mPerfLibrary;
 };

@@ -1,7 +1,5 @@
 #include "platform/PowerOptClassifier.h"
 
-#include <dlfcn.h>
-
 #include "platform/Log.h"
 #include "platform/PowerHelper.h"
 
@@ -9,25 +7,27 @@ using pwr::kModClassifier;
 
 std::unique_ptr<PowerOptClassifier> PowerOptClassifier::Create() {
     // The classifier's own handle: the PowerHelper opens the same library separately.
-    void* handle = dlopen(kPerfClientLibrary, RTLD_NOW);
-    if (handle == nullptr) {
+    pwr::LibraryHandle library = pwr::openLibrary(kPerfClientLibrary);
+    if (library == nullptr) {
         PWR_LOG(kModClassifier, "Create", 32, "Unable to open perf lib: %s", dlerror());
         return nullptr;
     }
-    auto entry = reinterpret_cast<PerfGetFeedbackFn>(dlsym(handle, "perf_get_feedback"));
+    auto entry = pwr::findEntry<PerfGetFeedbackFn>(library, "perf_get_feedback");
     if (entry == nullptr) {
         PWR_LOG(kModClassifier, "Create", 39, "Unable to get perf_get_feedback: %s", dlerror());
-        dlclose(handle);
         return nullptr;
     }
-    return std::make_unique<PowerOptClassifier>(handle, entry);
+    // new rather than make_unique: the handle leaves `library` only once the allocation for its
+    // new owner has succeeded.
+    return std::unique_ptr<PowerOptClassifier>(new PowerOptClassifier(library.release(), entry));
 }
 
 PowerOptClassifier::PowerOptClassifier(void* handle, PerfGetFeedbackFn getFeedback)
     : handle(handle), getFeedback(getFeedback) {}
 
 PowerOptClassifier::~PowerOptClassifier() {
-    if (handle != nullptr) dlclose(handle);
+    // The library goes before `instance`, which the members' own destruction would reverse.
+    handle.reset();
     instance.reset();
 }
 

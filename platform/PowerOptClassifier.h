@@ -3,6 +3,8 @@
 #include <memory>
 #include <string>
 
+#include "platform/LibraryHandle.h"
+
 using PerfGetFeedbackFn = int (*)(int request, const char* app);
 
 // Asks the performance client library, which keeps the device's application catalogue, what
@@ -15,7 +17,9 @@ class PowerOptClassifier {
     // Loads the library and binds "perf_get_feedback"; null (after logging why) on failure.
     static std::unique_ptr<PowerOptClassifier> Create();
 
+    // Takes over `handle`, a dlopen handle of the library, which the destructor closes.
     PowerOptClassifier(void* handle, PerfGetFeedbackFn getFeedback);
+    // Closes the library, then destroys `instance`.
     virtual ~PowerOptClassifier();
     PowerOptClassifier(const PowerOptClassifier&) = delete;
     PowerOptClassifier& operator=(const PowerOptClassifier&) = delete;
@@ -25,7 +29,7 @@ class PowerOptClassifier {
     bool validateAppType(std::string app, int type);
 
   private:
-    void* handle;
+    pwr::LibraryHandle handle;
     PerfGetFeedbackFn getFeedback;
     std::unique_ptr<PowerOptClassifier> instance;
 };

@@ -73,7 +73,8 @@ int TouchEvent::searchTouchDevice() {
         std::string path = dirPart + "/" + entry->d_name;
         if (checkTouchDevice(path.data()) == 0) {
             dir.reset();
-            mPollRecord = std::make_unique<pollfd>(pollfd{mDevice.get(), POLLIN, 0});
+            // A running listener keeps the record it polls (checkTouchDevice kept its device too).
+            if (!mRunning) mPollRecord = std::make_unique<pollfd>(pollfd{mDevice.get(), POLLIN, 0});
             return 0;
         }
     }
@@ -94,7 +95,9 @@ int TouchEvent::checkTouchDevice(char* path) {
     (void)ioctl(fd.get(), EVIOCGNAME(sizeof(name) - 1), name);
     name[sizeof(name) - 1] = '\0';
     if (name[0] == '\0' || strstr(name, kTouchDeviceName) == nullptr) return -1;
-    mDevice = std::move(fd);
+    // The listener may be blocked in its poll on the held descriptor, which therefore stays open
+    // and in place while it runs; the device just found is closed again.
+    if (!mRunning) mDevice = std::move(fd);
     return 0;
 }
 

@@ -35,8 +35,8 @@ class TouchEvent {
     // Searches /dev/input for the touch device and, when one is found, starts the listener.
     // Throws std::system_error ("thread constructor failed") if the thread cannot be started.
     TouchEvent();
-    // Listens on an input device the caller has already opened (tests hand in a pipe fed with
-    // input_event records). An invalid descriptor gives a service without a listener.
+    // Listens on an input device the caller has already opened. An invalid descriptor gives a
+    // service without a listener, such as touchInstance.
     explicit TouchEvent(android::base::unique_fd device);
     // Stops and joins the listener. A listener blocked in its poll leaves only after one more
     // input event arrives. Registrations are not freed.
@@ -45,9 +45,16 @@ class TouchEvent {
     TouchEvent& operator=(const TouchEvent&) = delete;
 
     // 0 when a touch device was found under /dev/input and kept open, -1 otherwise.
+    //
+    // Once the listener runs, its device and poll record stay as they are until the destructor
+    // has joined it: the thread may be blocked in a poll without timeout on them, and nothing can
+    // wake it to switch. So a search (or check) on a running service still answers whether a
+    // touch device is there, but closes what it found and keeps listening to the held device.
+    // Without a listener (no device was found at construction) a device found later is kept,
+    // though no listener is started for it.
     int searchTouchDevice();
     // 0 when the device path `path` is an evdev device whose name contains "fts" (its
-    // descriptor is then kept), -1 otherwise.
+    // descriptor is then kept, unless the listener runs: see searchTouchDevice), -1 otherwise.
     int checkTouchDevice(char* path);
     // The listener thread's body.
     void touchEventMain();
@@ -87,6 +94,7 @@ class TouchEvent {
     std::thread mThread;
     std::condition_variable_any mParkCondition;
     pwr::Mutex mParkMutex;
+    // Fixed while the listener runs: written only while mRunning is false.
     android::base::unique_fd mDevice;
     std::unique_ptr<pollfd> mPollRecord;  // events = POLLIN on mDevice
     pwr::Mutex mRegistrationMutex;

@@ -6,6 +6,8 @@
 
 #include "platform/Log.h"
 #include "pmdb/PSMReferenceOutput.h"
+#include "pmdb/Statement.h"
+#include "pmdb/Transaction.h"
 
 using pwr::kModPmdb;
 
@@ -14,36 +16,27 @@ namespace {
 // One read hands back at most this many rows.
 constexpr int kMaxRowsPerRead = 10000;
 
-// Owns one prepared statement. finalize() returns SQLite's result so that callers can log it;
-// the destructor finalizes whatever an early return left behind.
-class Statement {
+// The store's error line for a failed SQLite call of one operation, "sql:ERROR:Dbt=<table>
+// info=<...>" with SQLite's result code or message, under the operation's name and the call
+// site's number.
+class SqlErrors {
   public:
-    Statement() = default;
-    ~Statement() { sqlite3_finalize(mStmt); }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
+    SqlErrors(const char* function, const std::string& table)
+        : mFunction(function), mTable(table.c_str()) {}
 
-    int prepare(sqlite3* db, const std::string& sql) {
-        return sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size()), &mStmt, nullptr);
+    // Logs `rc` unless it is `expected`; whether it was.
+    bool check(int line, int rc, int expected = SQLITE_OK) const {
+        if (rc == expected) return true;
+        PWR_LOG(kModPmdb, mFunction, line, "sql:ERROR:Dbt=%s info=%d\n", mTable, rc);
+        return false;
     }
-    sqlite3_stmt* get() const { return mStmt; }
-    // Steps a statement that returns no rows and resets it for the next run. On failure `error`
-    // takes SQLite's message.
-    int run(sqlite3* db, std::string* error) {
-        int rc = sqlite3_step(mStmt);
-        if (rc == SQLITE_DONE) rc = SQLITE_OK;
-        if (rc != SQLITE_OK) *error = sqlite3_errmsg(db);
-        sqlite3_reset(mStmt);
-        return rc;
-    }
-    int finalize() {
-        int rc = sqlite3_finalize(mStmt);
-        mStmt = nullptr;
-        return rc;
+    void message(int line, const std::string& text) const {
+        PWR_LOG(kModPmdb, mFunction, line, "sql:ERROR:Dbt=%s info=%s\n", mTable, text.c_str());
     }
 
   private:
-    sqlite3_stmt* mStmt = nullptr;
+    const char* const mFunction;
+    const char* const mTable;
 };
 
 int exec(sqlite3* db, const char* sql) {
@@ -115,8 +108,7 @@ pmdbError PMDatabase<Row>::openPMdb() {
     }
     // Writers then never block the readers; a failure leaves the default journal in use.
     if (!mFileName.empty() && exec(db, "PRAGMA journal_mode=WAL") != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "openPMdb", 108, "sql:ERROR:Dbt=%s info=%s\n", file.c_str(),
-                sqlite3_errmsg(db));
+        SqlErrors("openPMdb", file).message(108, sqlite3_errmsg(db));
     }
     return kPmdbSuccess;
 }
@@ -142,14 +134,13 @@ std::vector<std::unique_ptr<Row>> PMDatabase<Row>::readAllocateDR(const PMDBData
     pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return rows;
-    const char* table = this->mTableName.c_str();
+    const SqlErrors errors("readAllocateDR", this->mTableName);
     std::string sql = "SELECT *, rowid FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
 
     Statement stmt;
     if (stmt.prepare(db, sql) != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "readAllocateDR", 142, "sql:ERROR:Dbt=%s info=%s\n", table,
-                sqlite3_errmsg(db));
+        errors.message(142, sqlite3_errmsg(db));
         return rows;
     }
     sqlite3_stmt* s = stmt.get();
@@ -172,16 +163,8 @@ std::vector<std::unique_ptr<Row>> PMDatabase<Row>::readAllocateDR(const PMDBData
         }
     }
     // The statement is left mid-result at the limit; finalizing it is enough then.
-    if (!limitReached) {
-        int rc = sqlite3_reset(s);
-        if (rc != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "readAllocateDR", 170, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-        }
-    }
-    int rc = stmt.finalize();
-    if (rc != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "readAllocateDR", 175, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-    }
+    if (!limitReached) errors.check(170, sqlite3_reset(s));
+    errors.check(175, stmt.finalize());
     return rows;
 }
 
@@ -190,22 +173,18 @@ int PMDatabase<Row>::getCountDR(const PMDBDataRowKey& key) {
     pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return 0;
-    const char* table = this->mTableName.c_str();
+    const SqlErrors errors("getCountDR", this->mTableName);
     std::string sql = "SELECT COUNT(*) FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
 
     Statement stmt;
     if (stmt.prepare(db, sql) != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "getCountDR", 190, "sql:ERROR:Dbt=%s info=%s\n", table,
-                sqlite3_errmsg(db));
+        errors.message(190, sqlite3_errmsg(db));
         return 0;
     }
     int count = 0;
     if (sqlite3_step(stmt.get()) == SQLITE_ROW) count = sqlite3_column_int(stmt.get(), 0);
-    int rc = stmt.finalize();
-    if (rc != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "getCountDR", 199, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-    }
+    errors.check(199, stmt.finalize());
     return count;
 }
 
@@ -214,27 +193,18 @@ void PMDatabase<Row>::deleteAllDR(const PMDBDataRowKey& key) {
     pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return;
-    const char* table = this->mTableName.c_str();
+    const SqlErrors errors("deleteAllDR", this->mTableName);
     std::string sql = "DELETE FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
 
     Statement stmt;
     if (stmt.prepare(db, sql) != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "deleteAllDR", 212, "sql:ERROR:Dbt=%s info=%s\n", table,
-                sqlite3_errmsg(db));
+        errors.message(212, sqlite3_errmsg(db));
         return;
     }
-    int rc = sqlite3_step(stmt.get());
-    if (rc == SQLITE_DONE) {
-        // Fetched for a trace; nothing depends on how many rows went.
-        (void)sqlite3_changes(db);
-    } else {
-        PWR_LOG(kModPmdb, "deleteAllDR", 218, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-    }
-    rc = stmt.finalize();
-    if (rc != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "deleteAllDR", 222, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-    }
+    // The count of deleted rows is fetched for a trace; nothing depends on it.
+    if (errors.check(218, sqlite3_step(stmt.get()), SQLITE_DONE)) (void)sqlite3_changes(db);
+    errors.check(222, stmt.finalize());
 }
 
 template <typename Row>
@@ -268,20 +238,17 @@ pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
     // write itself on a fast file system.
     if (prepareFlushStatementsLocked() != kPmdbSuccess) return kPmdbFailure;
     FlushStatements& st = *mFlush;
-    const char* table = this->mTableName.c_str();
+    const SqlErrors errors("writeCachedDRToDisk", this->mTableName);
     std::string error;
 
     pmdbError status = kPmdbSuccess;
     // IMMEDIATE takes the write lock now, so the transaction cannot fail halfway for want of it.
     // Without a transaction every row still goes out on its own.
-    if (st.begin.run(db, &error) != SQLITE_OK) {
+    Transaction transaction(db, st.begin, st.commit, st.rollback);
+    if (transaction.begin(&error) != SQLITE_OK) {
         status = kPmdbFailure;
-        PWR_LOG(kModPmdb, "writeCachedDRToDisk", 247, "sql:ERROR:Dbt=%s info=%s\n", table,
-                error.c_str());
-        if (st.rollback.run(db, &error) != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 250, "sql:ERROR:Dbt=%s info=%s\n", table,
-                    error.c_str());
-        }
+        errors.message(247, error);
+        if (transaction.rollback(&error) != SQLITE_OK) errors.message(250, error);
     }
 
     // Bindings are static and never cleared between rows: a parameter that a row leaves unbound
@@ -294,49 +261,30 @@ pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
         const Row& row = *drained.back();
         const bool isUpdate = row.rowid != 0;
         sqlite3_stmt* s = isUpdate ? st.update.get() : st.insert.get();
-        int rc;
-        if (row.intcol1 != kPmdbIntUnset &&
-            (rc = sqlite3_bind_int(s, 1, row.intcol1)) != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 268, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
+        if (row.intcol1 != kPmdbIntUnset) errors.check(268, sqlite3_bind_int(s, 1, row.intcol1));
+        if (!row.appName.empty()) {
+            errors.check(273,
+                         sqlite3_bind_text(s, 2, row.appName.data(),
+                                           static_cast<int>(row.appName.size()), SQLITE_STATIC));
         }
-        if (!row.appName.empty() &&
-            (rc = sqlite3_bind_text(s, 2, row.appName.data(), static_cast<int>(row.appName.size()),
-                                    SQLITE_STATIC)) != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 273, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
+        if (!row.rsvdName.empty()) {
+            errors.check(278,
+                         sqlite3_bind_text(s, 3, row.rsvdName.data(),
+                                           static_cast<int>(row.rsvdName.size()), SQLITE_STATIC));
         }
-        if (!row.rsvdName.empty() && (rc = sqlite3_bind_text(s, 3, row.rsvdName.data(),
-                                                             static_cast<int>(row.rsvdName.size()),
-                                                             SQLITE_STATIC)) != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 278, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-        }
-        if ((rc = sqlite3_bind_blob(s, 4, &row.blob, 1, SQLITE_STATIC)) != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 282, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-        }
-        if (isUpdate && (rc = sqlite3_bind_int(s, 5, static_cast<int>(row.rowid))) != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 287, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-        }
-        rc = sqlite3_step(s);
-        if (rc != SQLITE_DONE) {
-            status = kPmdbFailure;
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 291, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-        }
-        rc = sqlite3_reset(s);
-        if (rc != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 294, "sql:ERROR:Dbt=%s info=%d\n", table, rc);
-        }
+        errors.check(282, sqlite3_bind_blob(s, 4, &row.blob, 1, SQLITE_STATIC));
+        if (isUpdate) errors.check(287, sqlite3_bind_int(s, 5, static_cast<int>(row.rowid)));
+        if (!errors.check(291, sqlite3_step(s), SQLITE_DONE)) status = kPmdbFailure;
+        errors.check(294, sqlite3_reset(s));
     }
     sqlite3_clear_bindings(st.insert.get());
     sqlite3_clear_bindings(st.update.get());
     drained.clear();
 
-    if (st.commit.run(db, &error) != SQLITE_OK) {
+    if (transaction.commit(&error) != SQLITE_OK) {
         status = kPmdbFailure;
-        PWR_LOG(kModPmdb, "writeCachedDRToDisk", 305, "sql:ERROR:Dbt=%s info=%s\n", table,
-                error.c_str());
-        if (st.rollback.run(db, &error) != SQLITE_OK) {
-            PWR_LOG(kModPmdb, "writeCachedDRToDisk", 308, "sql:ERROR:Dbt=%s info=%s\n", table,
-                    error.c_str());
-        }
+        errors.message(305, error);
+        if (transaction.rollback(&error) != SQLITE_OK) errors.message(308, error);
     }
     return status;
 }

@@ -6,6 +6,9 @@ PACKAGES=(
     android-libbase-dev android-liblog-dev libsqlite3-dev sqlite3
     googletest libgtest-dev libgmock-dev libbenchmark-dev
     libtinyxml2-dev nlohmann-json3-dev
+    # The phone's capture script is tested under busybox's sh and mksh, stand-ins for the
+    # phone's own minimal shell.
+    busybox mksh
 )
 source "$(dirname "$0")/lib/apt.sh"
 pwr_apt_install "${PACKAGES[@]}"

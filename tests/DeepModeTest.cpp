@@ -257,7 +257,7 @@ TEST_F(DeepMode, ResetDeepMode_ReleasesUnlessTheResultIsZero) {
                         std::to_string(peer.propList().size())),
               1)
             << ::testing::PrintToString(log.messages());
-    EXPECT_EQ(propertyValue(name), "");
+    EXPECT_EQ(propertyValue(name, ""), "");
     EXPECT_EQ(peer.deepModeState(), 0);
 }
 

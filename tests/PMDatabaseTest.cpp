@@ -22,6 +22,7 @@
 
 #include "pmdb/PMDatabase.h"
 #include "pmdb/PSMReferenceOutput.h"
+#include "pmdb/Transaction.h"
 #include "tests/support/DeviceTree.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SqliteProbe.h"
@@ -320,6 +321,33 @@ TEST_F(PMDatabaseTest, WriteLockHeldElsewhereDropsTheRowWithLoggedErrors) {
     ASSERT_TRUE(other.query("COMMIT").empty());
     write(*store, makeRow("vendor.b", '2'));
     EXPECT_EQ(blobs(store->readAllocateDR(PMDBDataRowKey{})), "2");
+}
+
+// The guard keeps a transaction's rows only when commit() ran; leaving its scope otherwise (an
+// exception in the flush's loop) rolls them back.
+TEST(Transaction, RollsBackUnlessCommitted) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(":memory:", &db), SQLITE_OK);
+    std::unique_ptr<sqlite3, int (*)(sqlite3*)> closer(db, sqlite3_close_v2);
+    ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE t(x)", nullptr, nullptr, nullptr), SQLITE_OK);
+    Statement begin, commit, rollback, insert, count;
+    ASSERT_EQ(begin.prepare(db, "BEGIN IMMEDIATE TRANSACTION;"), SQLITE_OK);
+    ASSERT_EQ(commit.prepare(db, "COMMIT TRANSACTION;"), SQLITE_OK);
+    ASSERT_EQ(rollback.prepare(db, "ROLLBACK TRANSACTION;"), SQLITE_OK);
+    ASSERT_EQ(insert.prepare(db, "INSERT INTO t VALUES (1)"), SQLITE_OK);
+    std::string error;
+    for (const bool commits : {false, true, false}) {
+        Transaction transaction(db, begin, commit, rollback);
+        ASSERT_EQ(transaction.begin(&error), SQLITE_OK) << error;
+        ASSERT_EQ(insert.run(db, &error), SQLITE_OK) << error;
+        if (commits) {
+            EXPECT_EQ(transaction.commit(&error), SQLITE_OK) << error;
+        }
+    }
+    ASSERT_EQ(count.prepare(db, "SELECT COUNT(*) FROM t"), SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(count.get()), SQLITE_ROW);
+    EXPECT_EQ(sqlite3_column_int(count.get(), 0), 1);
+    EXPECT_TRUE(sqlite3_get_autocommit(db)) << "a transaction was left open";
 }
 
 // The event thread and timer threads write through one connection: no flush may start its

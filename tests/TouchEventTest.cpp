@@ -1,5 +1,5 @@
 // The touch event service: device search against a fake /dev/input, registrations, and a real
-// listener thread fed input_event records through a pipe.
+// listener thread fed input_event records through a FIFO that stands in for the touch device.
 
 #include <gtest/gtest.h>
 
@@ -25,6 +25,9 @@
 #include <vector>
 
 #include <android-base/unique_fd.h>
+#include <dlfcn.h>
+#include <stdarg.h>
+#include <sys/stat.h>
 
 #include "platform/TouchEvent.h"
 #include "tests/support/DeviceTree.h"
@@ -38,6 +41,8 @@ class TouchEventTestPeer {
     bool listening() const { return t.mListening; }
     bool hasListener() const { return t.mThread.joinable(); }
     bool hasPollRecord() const { return t.mPollRecord != nullptr; }
+    // The listener's poll record and device descriptor.
+    std::pair<const pollfd*, int> polled() const { return {t.mPollRecord.get(), t.mDevice.get()}; }
     bool woken() {
         pwr::MutexLock lock(t.mParkMutex);
         return t.mWake != 0;
@@ -57,6 +62,43 @@ class TouchEventTestPeer {
     TouchEvent& t;
 };
 
+// A FIFO under a fake device tree's /dev/input answers the evdev queries as a touch controller
+// named "fts_ts"; every other ioctl goes to the C library. The plug-in's calls bind to this
+// definition, which the executable exports. Declared as each C library declares it.
+#ifdef __BIONIC__
+extern "C" int ioctl(int fd, int request, ...) {
+#else
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+#endif
+    va_list args;
+    va_start(args, request);
+    void* arg = va_arg(args, void*);
+    va_end(args);
+    struct stat st = {};
+    char link[PATH_MAX] = {};
+    if (_IOC_TYPE(request) == 'E' && fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode) &&
+        readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), link, sizeof(link) - 1) > 0 &&
+        strstr(link, "/dev/input/") != nullptr) {
+        constexpr char kName[] = "fts_ts";
+        switch (_IOC_NR(request)) {
+            case _IOC_NR(EVIOCGVERSION):
+                *static_cast<int*>(arg) = EV_VERSION;
+                return 0;
+            case _IOC_NR(EVIOCGID):
+                *static_cast<input_id*>(arg) = input_id{BUS_I2C, 1, 1, 1};
+                return 0;
+            case _IOC_NR(EVIOCGNAME(0)): {
+                const size_t n = std::min(sizeof(kName), static_cast<size_t>(_IOC_SIZE(request)));
+                memcpy(arg, kName, n);
+                return static_cast<int>(n);
+            }
+        }
+    }
+    using Ioctl = int (*)(int, decltype(request), ...);
+    static const auto real = reinterpret_cast<Ioctl>(dlsym(RTLD_NEXT, "ioctl"));
+    return real(fd, request, arg);
+}
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -66,7 +108,7 @@ constexpr auto kWait = 5s;
 constexpr ssize_t kRecordSize = sizeof(input_event);
 
 // Polls `predicate` until it holds or `timeout` passes; for states no condition variable
-// announces (a pipe drained, an atomic flag set by the listener).
+// announces (a FIFO drained, an atomic flag set by the listener).
 bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = kWait) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!predicate()) {
@@ -139,19 +181,23 @@ void recordTouch(void* context, int event) {
     client->log->add(client->name + std::to_string(event));
 }
 
-// Stands in for the touch device: the listener reads the pipe's read end, the test writes
-// whole input_event records of this platform's size into the other.
+// Stands in for the touch device: a FIFO at kTouchNode of a fake device tree, which the
+// service's search finds and reads; the test writes whole input_event records of this platform's
+// size into it.
+constexpr char kTouchNode[] = "/dev/input/event3";
+
 class FakeTouchDevice {
   public:
     FakeTouchDevice() {
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe2 failed");
-        mReadEnd.reset(fds[0]);
-        mWriteEnd.reset(fds[1]);
-        mProbe.reset(fcntl(mReadEnd.get(), F_DUPFD_CLOEXEC, 0));
+        tree.mkdirs("/dev/input");
+        if (mkfifo(tree.hostPath(kTouchNode).c_str(), 0600) != 0) {
+            throw std::runtime_error("mkfifo failed");
+        }
+        // Read-write, so that it opens without waiting for a reader and the service's read-only
+        // open does not wait for a writer; kept open, as a FIFO without writers polls as hung up.
+        mWriteEnd.reset(open(tree.hostPath(kTouchNode).c_str(), O_RDWR | O_CLOEXEC));
+        if (mWriteEnd.get() < 0) throw std::runtime_error("cannot open the FIFO");
     }
-
-    android::base::unique_fd takeReadEnd() { return std::move(mReadEnd); }
 
     void send(uint16_t type, uint16_t code, int32_t value) {
         input_event event = {};
@@ -169,23 +215,23 @@ class FakeTouchDevice {
     // Bytes written and not yet read by the listener.
     int pending() const {
         int bytes = -1;
-        return ioctl(mProbe.get(), FIONREAD, &bytes) == 0 ? bytes : -1;
+        return ioctl(mWriteEnd.get(), FIONREAD, &bytes) == 0 ? bytes : -1;
     }
 
+    DeviceTree tree;
+
   private:
-    android::base::unique_fd mReadEnd;
-    android::base::unique_fd mWriteEnd;  // kept open: a closed pipe polls as hung up
-    android::base::unique_fd mProbe;     // second descriptor of the read end, for FIONREAD
+    android::base::unique_fd mWriteEnd;
 };
 
 using Registration = std::unique_ptr<Touchevent_s, decltype(&free)>;
 
-// A service listening on a FakeTouchDevice, with clients logging into one CallLog. The service
-// is destroyed before the registrations, which the service never frees.
+// A service that found a FakeTouchDevice and listens on it, with clients logging into one
+// CallLog. The service is destroyed before the registrations, which the service never frees.
 class TouchListener : public ::testing::Test {
   protected:
     void SetUp() override {
-        touch = std::make_unique<TouchEvent>(device.takeReadEnd());
+        touch = std::make_unique<TouchEvent>();
         ASSERT_TRUE(TouchEventTestPeer(*touch).hasListener());
     }
 
@@ -212,6 +258,16 @@ class TouchListener : public ::testing::Test {
     }
 
     TouchEventTestPeer peer() { return TouchEventTestPeer(*touch); }
+
+    // Client A enabled and told of one touch down, and the listener back in its poll.
+    void touchOnceAndWaitInPoll() {
+        Touchevent_s* a = add("A", 1);
+        ASSERT_NE(a, nullptr);
+        touch->touchEventNotify(a, true);
+        device.down();
+        ASSERT_TRUE(calls.waitForCount(1));
+        ASSERT_TRUE(waitUntil(listenerBlockedInPoll));
+    }
 
     CallLog calls;
     std::vector<std::unique_ptr<Client>> clients;
@@ -256,6 +312,12 @@ TEST(TouchEvent, InvalidDescriptor_NoListener) {
     TouchEvent touch{android::base::unique_fd()};
     TouchEventTestPeer peer(touch);
     EXPECT_FALSE(peer.running());
+    EXPECT_FALSE(peer.hasListener());
+
+    // Without a listener a device found later is kept, and no listener starts for it.
+    FakeTouchDevice device;
+    EXPECT_EQ(touch.searchTouchDevice(), 0);
+    EXPECT_EQ(peer.polled().first->fd, peer.polled().second);
     EXPECT_FALSE(peer.hasListener());
 }
 
@@ -478,13 +540,24 @@ TEST_F(TouchListener, ParksUntilWokenAndStaysAwakeOnceWoken) {
     EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "B1", "A2", "B2"}));
 }
 
+// Found again by a search or a check while the listener is blocked in its poll, the device is
+// reported but neither its descriptor nor the poll record the listener uses is replaced.
+TEST_F(TouchListener, FindingTheDeviceAgainKeepsWhatTheListenerPolls) {
+    ASSERT_NO_FATAL_FAILURE(touchOnceAndWaitInPoll());
+    const auto polled = peer().polled();
+    ASSERT_EQ(polled.first->fd, polled.second);
+
+    std::string node = kTouchNode;
+    EXPECT_EQ(touch->searchTouchDevice(), 0);
+    EXPECT_EQ(touch->checkTouchDevice(node.data()), 0);
+    EXPECT_EQ(peer().polled(), polled);
+    device.up();
+    ASSERT_TRUE(calls.waitForCount(2));
+    EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "A2"}));
+}
+
 TEST_F(TouchListener, DestructionWaitsInPollForOneMoreEvent) {
-    Touchevent_s* a = add("A", 1);
-    ASSERT_NE(a, nullptr);
-    touch->touchEventNotify(a, true);
-    device.down();
-    ASSERT_TRUE(calls.waitForCount(1));
-    ASSERT_TRUE(waitUntil(listenerBlockedInPoll));
+    ASSERT_NO_FATAL_FAILURE(touchOnceAndWaitInPoll());
 
     auto destroyed = std::async(std::launch::async, [this] { touch.reset(); });
     // The listener is blocked in a poll without timeout: the destructor cannot finish yet.

@@ -13,6 +13,7 @@
 #include "host/sim/RunOptions.h"
 #include "host/sim/RunPool.h"
 #include "host/sim/Scenario.h"
+#include "host/sim/Subcommands.h"
 #include "host/sim/SummaryJson.h"
 #include "host/sim/TempDir.h"
 #include "host/tools/FeatureConfigXml.h"

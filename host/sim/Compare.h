@@ -16,12 +16,6 @@ struct ComparedRun {
     Summary summary;
 };
 
-// `pwr-sim compare`: runs one scenario with two or more configurations (on a device model, when
-// given), each as a pwr-sim process of its own and all at once on every core, then prints a
-// side-by-side table and, with --out, writes it with a JSON form and one combined plot.
-// argv[0] is "compare". Returns the exit status.
-int compareMain(int argc, char** argv);
-
 // The side-by-side table: charge, saturation, time on each profile, switches, boosts,
 // properties; one column per run.
 void writeCompareTable(const std::vector<ComparedRun>& runs, std::ostream& out);

@@ -10,6 +10,7 @@
 #include <set>
 
 #include <android-base/file.h>
+#include <android-base/parseint.h>
 #include <nlohmann/json.hpp>
 
 #include "host/sim/JsonNode.h"
@@ -38,13 +39,15 @@ int64_t period(const Node& node) {
     return ms;
 }
 
+constexpr std::pair<const char*, int> kAppTypes[] = {
+        {"game", 2}, {"browser", 3}, {"video", 5}, {"other", 0}};
+
 int appType(const Node& node) {
     if (node.value().is_string()) {
         const std::string name = node.text();
-        if (name == "game") return 2;
-        if (name == "browser") return 3;
-        if (name == "video") return 5;
-        if (name == "other") return 0;
+        for (const auto& [word, type] : kAppTypes) {
+            if (name == word) return type;
+        }
         node.fail("\"" + name +
                   "\" is not an application type; expected game, browser, video, "
                   "other or a number");
@@ -140,10 +143,8 @@ class Reader {
                 double total = 0;
                 for (const auto& [key, share] : res.value().items()) {
                     const Node entry(share, res.join(key));
-                    char* end = nullptr;
-                    errno = 0;
-                    const unsigned long long mhz = strtoull(key.c_str(), &end, 10);
-                    if (key.empty() || *end != '\0' || errno != 0 || seen.count(mhz) == 0) {
+                    uint64_t mhz = 0;
+                    if (!android::base::ParseUint(key, &mhz) || seen.count(mhz) == 0) {
                         entry.fail("is not a frequency of frequencies_mhz");
                     }
                     const double s = entry.number(0, 1e9);
@@ -256,6 +257,32 @@ double GpuPoint::busyAt(int64_t ms) const {
 
 double BatteryPoint::drainAt(int64_t ms) const {
     return drainMa + swing(drainSwing, swingPeriodMs, ms - timeMs);
+}
+
+bool appTypeFromWord(std::string_view word, int* type) {
+    for (const auto& [name, value] : kAppTypes) {
+        if (word == name) {
+            *type = value;
+            return true;
+        }
+    }
+    const std::string text(word);
+    char* end = nullptr;
+    errno = 0;
+    const long value = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || errno != 0 || value < std::numeric_limits<int32_t>::min() ||
+        value > std::numeric_limits<int32_t>::max()) {
+        return false;
+    }
+    *type = static_cast<int>(value);
+    return true;
+}
+
+std::string appTypeWord(int type) {
+    for (const auto& [name, value] : kAppTypes) {
+        if (type == value) return name;
+    }
+    return std::to_string(type);
 }
 
 bool Scenario::parseText(std::string_view text, const std::string& name, Scenario* out,

@@ -56,6 +56,12 @@ struct ScenarioEvent {
     std::string note;          // shown in the timeline; may accompany an event
 };
 
+// The application type a catalogue word names: "game" 2, "browser" 3, "video" 5, "other" 0, or
+// a decimal number. False, with `type` untouched, for any other word.
+bool appTypeFromWord(std::string_view word, int* type);
+// The word for an application type: its name for 2, 3, 5 and 0, else the number.
+std::string appTypeWord(int type);
+
 // A simulation scenario (docs/pwr-sim.md): the application catalogue of the fake performance
 // library, the device's traces and the events, over a fixed duration. Times are in milliseconds
 // from the start; every list is in time order.

@@ -2,6 +2,7 @@
 // feature did (timeline, summary, trace, plot); or checks a configuration without running it.
 
 #include <errno.h>
+#include <getopt.h>
 
 #include <cstring>
 #include <filesystem>
@@ -11,15 +12,15 @@
 #include <string>
 
 #include "host/sim/ChromeTrace.h"
-#include "host/sim/Compare.h"
 #include "host/sim/ConfigCheck.h"
 #include "host/sim/RecordingJson.h"
 #include "host/sim/Simulator.h"
+#include "host/sim/Subcommands.h"
 #include "host/sim/Summary.h"
 #include "host/sim/SummaryJson.h"
 #include "host/sim/SvgPlot.h"
-#include "host/sim/Sweep.h"
 #include "host/sim/TimelineWriter.h"
+#include "host/tools/ToolOptions.h"
 
 namespace {
 
@@ -28,6 +29,8 @@ constexpr int kUsageError = 2;
 void usage(std::ostream& out) {
     out << "usage: pwr-sim [options] SCENARIO.json\n"
            "       pwr-sim --check [--strict] CONFIG.xml\n"
+           "       pwr-sim import [options] CAPTURE|TRACE.json   (pwr-sim import --help)\n"
+           "       pwr-sim phone SCENARIO.json -- COMMAND...    (pwr-sim phone --help)\n"
            "       pwr-sim compare [options] SCENARIO.json CONFIG.xml CONFIG.xml...\n"
            "       pwr-sim sweep --config BASE.xml --set KEY=VALUES... --out DIR SCENARIO.json...\n"
            "\n"
@@ -81,10 +84,43 @@ bool writeFile(const std::filesystem::path& path, const std::function<void(std::
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1 && strcmp(argv[1], "compare") == 0) {
+    if (argc > 1 && std::string(argv[1]) == "import")
+        return pwr::sim::importMain(argc - 1, argv + 1);
+    if (argc > 1 && std::string(argv[1]) == "phone") return pwr::sim::phoneMain(argc - 1, argv + 1);
+    if (argc > 1 && std::string(argv[1]) == "compare") {
         return pwr::sim::compareMain(argc - 1, argv + 1);
     }
-    if (argc > 1 && strcmp(argv[1], "sweep") == 0) return pwr::sim::sweepMain(argc - 1, argv + 1);
+    if (argc > 1 && std::string(argv[1]) == "sweep") return pwr::sim::sweepMain(argc - 1, argv + 1);
+    enum {
+        kConfig = 256,
+        kOut,
+        kQuiet,
+        kBrief,
+        kPlugin,
+        kDeviceRoot,
+        kDebug,
+        kCheck,
+        kStrict,
+        kDevice,
+        kJson,
+        kRecording
+    };
+    static const option kOptions[] = {
+            {"config", required_argument, nullptr, kConfig},
+            {"out", required_argument, nullptr, kOut},
+            {"quiet", no_argument, nullptr, kQuiet},
+            {"brief", no_argument, nullptr, kBrief},
+            {"plugin", required_argument, nullptr, kPlugin},
+            {"device-root", required_argument, nullptr, kDeviceRoot},
+            {"debug", no_argument, nullptr, kDebug},
+            {"check", no_argument, nullptr, kCheck},
+            {"strict", no_argument, nullptr, kStrict},
+            {"device", required_argument, nullptr, kDevice},
+            {"json", required_argument, nullptr, kJson},
+            {"recording", required_argument, nullptr, kRecording},
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
     pwr::sim::SimOptions options;
     options.pluginPath = PWR_DEFAULT_PLUGIN;
     std::string outDir;
@@ -94,60 +130,72 @@ int main(int argc, char** argv) {
     bool strict = false;
     bool quiet = false;
     bool brief = false;
-    std::string positional;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        auto value = [&](std::string* out) {
-            if (i + 1 >= argc || argv[i + 1][0] == '\0') {
-                std::cerr << "pwr-sim: " << arg << " needs a value\n";
-                return false;
-            }
-            *out = argv[++i];
-            return true;
-        };
-        if (arg == "-h" || arg == "--help") {
-            usage(std::cout);
-            return 0;
-        } else if (arg == "--config") {
-            if (!value(&options.configPath)) return kUsageError;
-        } else if (arg == "--out") {
-            if (!value(&outDir)) return kUsageError;
-        } else if (arg == "--plugin") {
-            if (!value(&options.pluginPath)) return kUsageError;
-        } else if (arg == "--json") {
-            if (!value(&jsonPath)) return kUsageError;
-        } else if (arg == "--recording") {
-            if (!value(&recordingPath)) return kUsageError;
-        } else if (arg == "--device") {
-            if (!value(&options.deviceModelPath)) return kUsageError;
-        } else if (arg == "--device-root") {
-            if (!value(&options.deviceRoot)) return kUsageError;
-        } else if (arg == "--debug") {
-            options.debug = true;
-        } else if (arg == "--quiet") {
-            quiet = true;
-        } else if (arg == "--brief") {
-            brief = true;
-        } else if (arg == "--check") {
-            check = true;
-        } else if (arg == "--strict") {
-            strict = true;
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            std::cerr << "pwr-sim: unknown option " << arg << "\n\n";
-            usage(std::cerr);
-            return kUsageError;
-        } else if (positional.empty()) {
-            positional = arg;
-        } else {
-            std::cerr << "pwr-sim: too many arguments\n\n";
-            usage(std::cerr);
+    opterr = 0;
+    int opt;
+    while ((opt = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
+        // Every value of this tool names something, so an empty one is as good as none.
+        if (opt == ':' || (optarg != nullptr && optarg[0] == '\0')) {
+            std::cerr << "pwr-sim: " << pwr::tools::optionName(kOptions, opt == ':' ? optopt : opt)
+                      << " needs a value\n";
             return kUsageError;
         }
+        switch (opt) {
+            case 'h':
+                usage(std::cout);
+                return 0;
+            case kConfig:
+                options.configPath = optarg;
+                break;
+            case kOut:
+                outDir = optarg;
+                break;
+            case kPlugin:
+                options.pluginPath = optarg;
+                break;
+            case kDeviceRoot:
+                options.deviceRoot = optarg;
+                break;
+            case kDebug:
+                options.debug = true;
+                break;
+            case kQuiet:
+                quiet = true;
+                break;
+            case kBrief:
+                brief = true;
+                break;
+            case kCheck:
+                check = true;
+                break;
+            case kStrict:
+                strict = true;
+                break;
+            case kDevice:
+                options.deviceModelPath = optarg;
+                break;
+            case kJson:
+                jsonPath = optarg;
+                break;
+            case kRecording:
+                recordingPath = optarg;
+                break;
+            default:
+                std::cerr << "pwr-sim: unknown option " << pwr::tools::refusedOption(kOptions, argv)
+                          << "\n\n";
+                usage(std::cerr);
+                return kUsageError;
+        }
     }
-    if (positional.empty() || (strict && !check)) {
+    if (argc - optind > 1) {
+        std::cerr << "pwr-sim: too many arguments\n\n";
         usage(std::cerr);
         return kUsageError;
     }
+    if (optind == argc || (strict && !check)) {
+        usage(std::cerr);
+        return kUsageError;
+    }
+    const std::string positional = argv[optind];
     if (check) return pwr::sim::checkConfig(positional, strict, std::cout);
 
     options.scenarioPath = positional;

@@ -16,6 +16,7 @@
 #include "host/sim/RunOptions.h"
 #include "host/sim/RunPool.h"
 #include "host/sim/Scenario.h"
+#include "host/sim/Subcommands.h"
 #include "host/sim/TempDir.h"
 #include "host/tools/FeatureConfigEdit.h"
 #include "host/tools/FeatureConfigXml.h"

@@ -34,9 +34,4 @@ struct TradeoffPoint {
 void writeTradeoffPlot(const std::vector<TradeoffPoint>& points, const std::string& title,
                        const std::string& subtitle, std::ostream& out);
 
-// `pwr-sim sweep`: runs every combination of the swept configuration values over one or more
-// scenarios, as pwr-sim processes on every core, and writes a CSV and a JSON of each run's
-// figures and the trade-off plot. argv[0] is "sweep". Returns the exit status.
-int sweepMain(int argc, char** argv);
-
 }  // namespace pwr::sim

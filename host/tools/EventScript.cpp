@@ -2,12 +2,15 @@
 
 #include <errno.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 
 #include <android-base/file.h>
+#include <android-base/parseint.h>
 #include <android-base/stringprintf.h>
+#include <android-base/strings.h>
 
 namespace pwr::tools {
 namespace {
@@ -17,16 +20,10 @@ using android::base::StringPrintf;
 constexpr int kMaxHintType = 0x7F;    // bits 0-6 of hintType
 constexpr int kMaxHintAction = 0xFF;  // bits 7-14
 
-std::vector<std::string_view> splitWords(std::string_view line) {
-    std::vector<std::string_view> words;
-    size_t i = 0;
-    while (i < line.size()) {
-        while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
-        size_t end = i;
-        while (end < line.size() && line[end] != ' ' && line[end] != '\t') ++end;
-        if (end > i) words.push_back(line.substr(i, end - i));
-        i = end;
-    }
+// The words of a line, between blanks and tabs.
+std::vector<std::string> splitWords(std::string_view line) {
+    std::vector<std::string> words = android::base::Split(std::string(line), " \t");
+    words.erase(std::remove(words.begin(), words.end(), std::string()), words.end());
     return words;
 }
 
@@ -40,65 +37,33 @@ std::string_view stripComment(std::string_view line) {
     return line;
 }
 
-// Decimal (optionally negative) or 0x hex; true when the whole word is a number in
-// [min, max].
-bool parseInteger(std::string_view word, int64_t min, int64_t max, int64_t* out) {
-    bool negative = false;
-    int base = 10;
-    size_t i = 0;
-    if (word.size() > 2 && word[0] == '0' && (word[1] == 'x' || word[1] == 'X')) {
-        base = 16;
-        i = 2;
-    } else if (!word.empty() && word[0] == '-') {
-        negative = true;
-        i = 1;
-    }
-    if (i == word.size()) return false;
-    int64_t value = 0;
-    for (; i < word.size(); ++i) {
-        const char c = word[i];
-        int digit;
-        if (c >= '0' && c <= '9') {
-            digit = c - '0';
-        } else if (base == 16 && c >= 'a' && c <= 'f') {
-            digit = c - 'a' + 10;
-        } else if (base == 16 && c >= 'A' && c <= 'F') {
-            digit = c - 'A' + 10;
-        } else {
-            return false;
-        }
-        value = value * base + digit;
-        if (value > (int64_t{1} << 40)) return false;  // far beyond any field; stops overflow
-    }
-    if (negative) value = -value;
-    if (value < min || value > max) return false;
-    *out = value;
-    return true;
+// Decimal (optionally signed) or 0x hex; true when the whole word is a number in [min, max].
+bool parseInteger(const std::string& word, int64_t min, int64_t max, int64_t* out) {
+    return android::base::ParseInt(word, out, min, max);
 }
 
 // The event of words[first] onwards: a verb and its arguments, as in a script line after its
 // time. False with `message` set (no file or line) when they do not make an event.
-bool parseEventWords(const std::vector<std::string_view>& words, size_t first, ScriptEvent* out,
+bool parseEventWords(const std::vector<std::string>& words, size_t first, ScriptEvent* out,
                      std::string* message) {
     ScriptEvent event;
-    const std::string_view verb = words[first];
+    const std::string& verb = words[first];
     const size_t args = words.size() - first - 1;
-    auto word = [&](size_t i) { return words[first + 1 + i]; };
-    auto arg = [&](size_t i) { return std::string(word(i)); };
+    auto word = [&](size_t i) -> const std::string& { return words[first + 1 + i]; };
     auto fail = [message](const std::string& text) {
         *message = text;
         return false;
     };
     if (verb == "start" || verb == "stop") {
-        if (args != 1) return fail(std::string(verb) + " takes one application name");
+        if (args != 1) return fail(verb + " takes one application name");
         event.kind = verb == "start" ? ScriptEvent::Kind::Start : ScriptEvent::Kind::Stop;
         event.payload.hintId = verb == "start" ? kEventAppStart : kEventAppStop;
-        event.payload.appName = arg(0);
+        event.payload.appName = word(0);
     } else if (verb == "gameoff") {
         if (args > 1) return fail("gameoff takes at most an application name");
         event.kind = ScriptEvent::Kind::GameOff;
         event.payload.hintId = kEventGameOff;
-        if (args == 1) event.payload.appName = arg(0);
+        if (args == 1) event.payload.appName = word(0);
     } else if (verb == "hint") {
         if (args < 2 || args > 3) {
             return fail("hint takes <type> <action> and optionally an application");
@@ -106,15 +71,15 @@ bool parseEventWords(const std::vector<std::string_view>& words, size_t first, S
         int64_t type = 0;
         int64_t action = 0;
         if (!parseInteger(word(0), 0, kMaxHintType, &type)) {
-            return fail("hint type \"" + arg(0) + "\" is not a number from 0 to 127");
+            return fail("hint type \"" + word(0) + "\" is not a number from 0 to 127");
         }
         if (!parseInteger(word(1), 0, kMaxHintAction, &action)) {
-            return fail("hint action \"" + arg(1) + "\" is not a number from 0 to 255");
+            return fail("hint action \"" + word(1) + "\" is not a number from 0 to 255");
         }
         event.kind = ScriptEvent::Kind::Hint;
         event.payload.hintId = kEventUsablePowerModeHint;
         event.payload.hintType = static_cast<uint32_t>(action << 7 | type);
-        if (args == 3) event.payload.appName = arg(2);
+        if (args == 3) event.payload.appName = word(2);
     } else if (verb == "event") {
         if (args < 2 || args > 3) {
             return fail("event takes <hintId> <hintType> and optionally an application");
@@ -123,20 +88,20 @@ bool parseEventWords(const std::vector<std::string_view>& words, size_t first, S
         int64_t type = 0;
         if (!parseInteger(word(0), std::numeric_limits<int32_t>::min(),
                           std::numeric_limits<int32_t>::max(), &id)) {
-            return fail("hintId \"" + arg(0) + "\" is not a 32-bit number");
+            return fail("hintId \"" + word(0) + "\" is not a 32-bit number");
         }
         if (!parseInteger(word(1), 0, std::numeric_limits<uint32_t>::max(), &type)) {
-            return fail("hintType \"" + arg(1) + "\" is not an unsigned 32-bit number");
+            return fail("hintType \"" + word(1) + "\" is not an unsigned 32-bit number");
         }
         event.kind = ScriptEvent::Kind::Raw;
         event.payload.hintId = static_cast<int32_t>(id);
         event.payload.hintType = static_cast<uint32_t>(type);
-        if (args == 3) event.payload.appName = arg(2);
+        if (args == 3) event.payload.appName = word(2);
     } else if (verb == "end") {
         if (args != 0) return fail("end takes nothing after it");
         event.kind = ScriptEvent::Kind::End;
     } else {
-        return fail("unknown event \"" + std::string(verb) +
+        return fail("unknown event \"" + verb +
                     "\"; expected start, stop, gameoff, hint, event or end");
     }
     *out = std::move(event);
@@ -169,13 +134,12 @@ class Parser {
         return false;
     }
 
-    bool parseLine(int line, const std::vector<std::string_view>& words) {
+    bool parseLine(int line, const std::vector<std::string>& words) {
         if (words.empty()) return true;
         if (words[0] == "app") return parseApp(line, words);
         int64_t time = 0;
         if (!parseInteger(words[0], 0, std::numeric_limits<int32_t>::max(), &time)) {
-            return fail(line, "\"" + std::string(words[0]) +
-                                      "\" is neither \"app\" nor a time in milliseconds");
+            return fail(line, "\"" + words[0] + "\" is neither \"app\" nor a time in milliseconds");
         }
         if (words.size() < 2) return fail(line, "a time with no event after it");
         if (!mOut->events.empty()) {
@@ -200,12 +164,12 @@ class Parser {
         return true;
     }
 
-    bool parseApp(int line, const std::vector<std::string_view>& words) {
+    bool parseApp(int line, const std::vector<std::string>& words) {
         if (words.size() != 3) return fail(line, "app takes <package> <type>");
         int64_t type = 0;
         if (!parseInteger(words[2], std::numeric_limits<int32_t>::min(),
                           std::numeric_limits<int32_t>::max(), &type)) {
-            return fail(line, "app type \"" + std::string(words[2]) + "\" is not a number");
+            return fail(line, "app type \"" + words[2] + "\" is not a number");
         }
         const std::string package(words[1]);
         for (const ScriptApp& app : mOut->apps) {
@@ -255,7 +219,7 @@ bool EventScript::parseText(std::string_view text, const std::string& name, Even
 }
 
 bool EventScript::parseEvent(std::string_view text, ScriptEvent* out, std::string* error) {
-    const std::vector<std::string_view> words = splitWords(text);
+    const std::vector<std::string> words = splitWords(text);
     if (words.empty()) {
         *error = "no event";
         return false;

@@ -7,6 +7,8 @@
 #include <initializer_list>
 
 #include <android-base/file.h>
+#include <android-base/parseint.h>
+#include <android-base/strings.h>
 #include <tinyxml2.h>
 
 namespace pwr::tools {
@@ -28,23 +30,13 @@ constexpr char kPerfLock[] = "PerfLock";
 constexpr char kAppList[] = "AppList";
 constexpr char kApp[] = "App";
 
+// XML's white space.
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
 
-bool isBlank(std::string_view text) {
-    for (char c : text) {
-        if (!isSpace(c)) return false;
-    }
-    return true;
-}
-
-std::string trim(std::string_view text) {
-    size_t begin = 0;
-    size_t end = text.size();
-    while (begin < end && isSpace(text[begin])) ++begin;
-    while (end > begin && isSpace(text[end - 1])) --end;
-    return std::string(text.substr(begin, end - begin));
+bool isBlank(const char* text) {
+    return android::base::Trim(text).empty();
 }
 
 int linesBefore(std::string_view text, size_t offset) {
@@ -188,7 +180,8 @@ class Parser {
                 if (!visit(element)) return false;
             } else if (const XMLText* text = node->ToText(); text != nullptr) {
                 if (!isBlank(text->Value())) {
-                    return fail(text->GetLineNum(), "unexpected text \"" + trim(text->Value()) +
+                    return fail(text->GetLineNum(), "unexpected text \"" +
+                                                            android::base::Trim(text->Value()) +
                                                             "\" inside " + tag(parent));
                 }
             }
@@ -318,7 +311,8 @@ class Parser {
             if (e->FirstChildElement() != nullptr) {
                 return fail(e->GetLineNum(), "<App> holds one application name and no elements");
             }
-            const std::string app = trim(e->GetText() != nullptr ? e->GetText() : "");
+            const std::string app =
+                    android::base::Trim(e->GetText() != nullptr ? e->GetText() : "");
             if (app.empty()) return fail(e->GetLineNum(), "<App> is empty");
             mOut->info.appList.push_back(app);
             return true;
@@ -333,51 +327,22 @@ class Parser {
 // One number of a perf-lock list: decimal int or 0x hex of up to 32 bits (taken as the int with
 // the same bits, as opcodes such as 0x80000000 are).
 bool parseNumber(std::string_view token, int* out, std::string* error) {
-    const std::string quoted = "\"" + std::string(token) + "\"";
-    if (token.size() > 2 && token[0] == '0' && (token[1] == 'x' || token[1] == 'X')) {
-        uint64_t value = 0;
-        for (size_t i = 2; i < token.size(); ++i) {
-            const char c = token[i];
-            int digit;
-            if (c >= '0' && c <= '9') {
-                digit = c - '0';
-            } else if (c >= 'a' && c <= 'f') {
-                digit = c - 'a' + 10;
-            } else if (c >= 'A' && c <= 'F') {
-                digit = c - 'A' + 10;
-            } else {
-                *error = quoted + " is not a number (decimal, or hex such as 0x40C00000)";
-                return false;
-            }
-            value = value * 16 + static_cast<uint64_t>(digit);
-            if (value > 0xFFFFFFFFull) {
-                *error = quoted + " does not fit in 32 bits";
-                return false;
-            }
+    const std::string text(token);
+    const std::string quoted = "\"" + text + "\"";
+    const char* const notANumber = " is not a number (decimal, or hex such as 0x40C00000)";
+    if (android::base::StartsWithIgnoreCase(text, "0x")) {
+        uint32_t value = 0;
+        if (android::base::ParseUint(text, &value)) {
+            *out = static_cast<int>(value);
+            return true;
         }
-        *out = static_cast<int>(static_cast<uint32_t>(value));
-        return true;
-    }
-    size_t i = token[0] == '-' ? 1 : 0;
-    if (i == token.size()) {
-        *error = quoted + " is not a number (decimal, or hex such as 0x40C00000)";
+        *error = quoted + (errno == ERANGE ? " does not fit in 32 bits" : notANumber);
         return false;
     }
-    int64_t value = 0;
-    for (; i < token.size(); ++i) {
-        if (token[i] < '0' || token[i] > '9') {
-            *error = quoted + " is not a number (decimal, or hex such as 0x40C00000)";
-            return false;
-        }
-        value = value * 10 + (token[i] - '0');
-        if (value > int64_t{INT32_MAX} + 1) break;
-    }
-    if (token[0] == '-') value = -value;
-    if (value < INT32_MIN || value > INT32_MAX) {
-        *error = quoted + " is out of the int range";
+    if (!android::base::ParseInt(text, out)) {
+        *error = quoted + (errno == ERANGE ? " is out of the int range" : notANumber);
         return false;
     }
-    *out = static_cast<int>(value);
     return true;
 }
 

@@ -1,11 +1,13 @@
 // pwr-replay: loads a feature plug-in as the power service does, builds the feature from an XML
 // configuration, replays an event script and prints what the feature did.
 
-#include <cstring>
+#include <getopt.h>
+
 #include <iostream>
 #include <string>
 
 #include "host/tools/Replay.h"
+#include "host/tools/ToolOptions.h"
 
 namespace {
 
@@ -37,53 +39,63 @@ void usage(std::ostream& out) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    enum { kPlugin = 256, kDeviceRoot, kDebug, kNoTime };
+    static const option kOptions[] = {
+            {"plugin", required_argument, nullptr, kPlugin},
+            {"device-root", required_argument, nullptr, kDeviceRoot},
+            {"debug", no_argument, nullptr, kDebug},
+            {"no-time", no_argument, nullptr, kNoTime},
+            {"help", no_argument, nullptr, 'h'},
+            {nullptr, 0, nullptr, 0},
+    };
     pwr::tools::ReplayOptions options;
     options.pluginPath = PWR_DEFAULT_PLUGIN;
-    std::string positional[2];
-    int count = 0;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        auto value = [&](std::string* out) {
-            if (i + 1 >= argc) {
-                std::cerr << "pwr-replay: " << arg << " needs a value\n";
-                return false;
-            }
-            *out = argv[++i];
-            return true;
-        };
-        if (arg == "-h" || arg == "--help") {
-            usage(std::cout);
-            return 0;
-        } else if (arg == "--plugin") {
-            if (!value(&options.pluginPath)) return kUsageError;
-        } else if (arg == "--device-root") {
-            if (!value(&options.deviceRoot)) return kUsageError;
-            if (options.deviceRoot.empty()) {
-                std::cerr << "pwr-replay: --device-root needs a directory\n";
+    opterr = 0;
+    int opt;
+    while ((opt = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1) {
+        switch (opt) {
+            case 'h':
+                usage(std::cout);
+                return 0;
+            case kPlugin:
+                options.pluginPath = optarg;
+                break;
+            case kDeviceRoot:
+                options.deviceRoot = optarg;
+                if (options.deviceRoot.empty()) {
+                    std::cerr << "pwr-replay: --device-root needs a directory\n";
+                    return kUsageError;
+                }
+                break;
+            case kDebug:
+                options.debug = true;
+                break;
+            case kNoTime:
+                options.timestamps = false;
+                break;
+            case ':':
+                std::cerr << "pwr-replay: " << pwr::tools::optionName(kOptions, optopt)
+                          << " needs a value\n";
                 return kUsageError;
-            }
-        } else if (arg == "--debug") {
-            options.debug = true;
-        } else if (arg == "--no-time") {
-            options.timestamps = false;
-        } else if (arg.size() > 1 && arg[0] == '-') {
-            std::cerr << "pwr-replay: unknown option " << arg << "\n\n";
-            usage(std::cerr);
-            return kUsageError;
-        } else if (count < 2) {
-            positional[count++] = arg;
-        } else {
-            std::cerr << "pwr-replay: too many arguments\n\n";
-            usage(std::cerr);
-            return kUsageError;
+            default:
+                std::cerr << "pwr-replay: unknown option "
+                          << pwr::tools::refusedOption(kOptions, argv) << "\n\n";
+                usage(std::cerr);
+                return kUsageError;
         }
+    }
+    const int count = argc - optind;
+    if (count > 2) {
+        std::cerr << "pwr-replay: too many arguments\n\n";
+        usage(std::cerr);
+        return kUsageError;
     }
     if (count != 2) {
         usage(std::cerr);
         return kUsageError;
     }
-    options.configPath = positional[0];
-    options.eventsPath = positional[1];
+    options.configPath = argv[optind];
+    options.eventsPath = argv[optind + 1];
     pwr::tools::RealClock clock;
     return pwr::tools::runReplay(options, clock, std::cout, std::cerr);
 }

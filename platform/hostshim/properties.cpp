@@ -83,7 +83,9 @@ void setPropertyObserver(PropertyObserver observer) {
 extern "C" int property_get(const char* key, char* value, const char* default_value) {
     std::string stored;
     const char* src = nullptr;
-    if (validKey(key) && readStored(key, &stored)) {
+    // An empty value answers with the default, as the platform's property_get does: a property
+    // set to "" reads as unset.
+    if (validKey(key) && readStored(key, &stored) && !stored.empty()) {
         src = stored.c_str();
     } else if (default_value != nullptr) {
         src = default_value;

@@ -45,8 +45,8 @@ class PwrSimTest : public ::testing::Test {
     }
     void TearDown() override { std::filesystem::remove_all(mDir); }
 
-    // Runs pwr-sim with `args`; its output is kept in files of the test's folder.
-    ToolRun run(const std::vector<std::string>& args) {
+    // Runs pwr-sim (or `tool`) with `args`; its output is kept in files of the test's folder.
+    ToolRun run(const std::vector<std::string>& args, const char* tool = PWR_SIM_PATH) {
         const std::string outPath = mDir + "/stdout";
         const std::string errPath = mDir + "/stderr";
         const pid_t pid = fork();
@@ -61,7 +61,7 @@ class PwrSimTest : public ::testing::Test {
             if (emulator != nullptr && emulator[0] != '\0') {
                 argv.push_back(const_cast<char*>(emulator));
             }
-            argv.push_back(const_cast<char*>(PWR_SIM_PATH));
+            argv.push_back(const_cast<char*>(tool));
             for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
             argv.push_back(nullptr);
             execvp(argv[0], argv.data());
@@ -493,9 +493,59 @@ TEST_F(PwrSimTest, BadInputGetsOneErrorNamingFileAndPlace) {
     r = run({noConfig, "--config", throwing});
     EXPECT_EQ(r.status, 1);
     EXPECT_THAT(r.err, HasSubstr(throwing + ":3: config \"PSM_STATE\" = \"zero\" is not a number"));
+}
 
-    r = run({"--frobnicate"});
-    EXPECT_EQ(r.status, 2);
+// Both tools' command lines: a usage error exits 2 with a line naming the argument at fault,
+// followed by the usage text where the arguments as a whole are wrong; --help prints the usage
+// on the standard output and exits 0 whatever follows.
+TEST_F(PwrSimTest, CommandLineErrorsAndHelp) {
+    struct Row {
+        const char* tool;
+        std::vector<std::string> args;
+        std::string errLine;  // empty: the usage text alone
+        bool usage;
+    };
+    const Row rows[] = {
+            {PWR_SIM_PATH, {"--frobnicate"}, "pwr-sim: unknown option --frobnicate", true},
+            {PWR_SIM_PATH, {"a.json", "-x"}, "pwr-sim: unknown option -x", true},
+            {PWR_SIM_PATH, {"--quiet=yes", "a.json"}, "pwr-sim: unknown option --quiet=yes", true},
+            {PWR_SIM_PATH, {"a.json", "--out"}, "pwr-sim: --out needs a value", false},
+            {PWR_SIM_PATH, {"--config", "", "a.json"}, "pwr-sim: --config needs a value", false},
+            {PWR_SIM_PATH, {"a.json", "b.json"}, "pwr-sim: too many arguments", true},
+            {PWR_SIM_PATH, {}, "", true},
+            {PWR_SIM_PATH, {"--strict", "a.xml"}, "", true},
+            {PWR_REPLAY_PATH,
+             {"--frobnicate", "a.xml", "b.events"},
+             "pwr-replay: unknown option --frobnicate",
+             true},
+            {PWR_REPLAY_PATH,
+             {"a.xml", "b.events", "--plugin"},
+             "pwr-replay: --plugin needs a value",
+             false},
+            {PWR_REPLAY_PATH,
+             {"--device-root", "", "a.xml", "b.events"},
+             "pwr-replay: --device-root needs a directory",
+             false},
+            {PWR_REPLAY_PATH, {"a.xml", "b.events", "c"}, "pwr-replay: too many arguments", true},
+            {PWR_REPLAY_PATH, {"a.xml"}, "", true},
+    };
+    for (const Row& row : rows) {
+        const std::string name = std::string(row.tool) + " " + ::testing::PrintToString(row.args);
+        const ToolRun r = run(row.args, row.tool);
+        EXPECT_EQ(r.status, 2) << name;
+        EXPECT_EQ(r.out, "") << name;
+        const size_t usage = r.err.find("usage: ");
+        EXPECT_EQ(usage != std::string::npos, row.usage) << name;
+        std::string expected = row.errLine.empty() ? "" : row.errLine + "\n";
+        if (row.usage && !row.errLine.empty()) expected += "\n";
+        EXPECT_EQ(r.err.substr(0, row.usage ? usage : std::string::npos), expected) << name;
+    }
+    for (const char* tool : {PWR_SIM_PATH, PWR_REPLAY_PATH}) {
+        const ToolRun r = run({"a", "--help", "--frobnicate"}, tool);
+        EXPECT_EQ(r.status, 0) << tool;
+        EXPECT_THAT(r.out, ::testing::StartsWith("usage: ")) << tool;
+        EXPECT_EQ(r.err, "") << tool;
+    }
 }
 
 TEST_F(PwrSimTest, CheckModeNamesEachProblemWithItsKey) {

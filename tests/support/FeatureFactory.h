@@ -27,7 +27,7 @@ class FeatureHandle {
     std::unique_ptr<PowerOptFeature> mFeature;
 };
 
-// The value of a system property, or `unset` when it has none.
+// The value of a system property, or `unset` when it has none or an empty one.
 inline std::string propertyValue(const std::string& name, const char* unset = "<unset>") {
     char value[PROP_VALUE_MAX] = {};
     property_get(name.c_str(), value, unset);

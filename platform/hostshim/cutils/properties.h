@@ -16,8 +16,8 @@
 extern "C" {
 #endif
 
-// Copies the value of `key` (or `default_value` when it is unset) into `value`, which holds
-// PROPERTY_VALUE_MAX bytes; returns the length copied.
+// Copies the value of `key` (or `default_value` when it is unset or empty) into `value`, which
+// holds PROPERTY_VALUE_MAX bytes; returns the length copied.
 int property_get(const char* key, char* value, const char* default_value);
 
 // Sets `key` to `value`; 0 on success, negative when the value is too long or cannot be stored.

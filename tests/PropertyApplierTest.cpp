@@ -117,7 +117,7 @@ TEST_F(PropertyApply, ReleaseProp_ShortListDoesNothingAndNoSavedValueClears) {
     // Nothing was saved for the name (and this feature has no store): the value becomes empty.
     // Value elements are not looked at.
     feature->releaseProp({"vendor.pwr.a", "ignored"});
-    EXPECT_EQ(propertyValue("vendor.pwr.a"), "");
+    EXPECT_EQ(propertyValue("vendor.pwr.a", ""), "");
 }
 
 // --- With the state store (deep mode configured on) ---
@@ -151,7 +151,11 @@ TEST_F(PropertyApply, MultiCharacterOldValueComesBackAsItsFirstCharacter) {
     EXPECT_EQ(propertyValue("vendor.pwr.trailing"), "<unset>") << "a name without a value";
     // The saved characters were consumed: a second release finds none and clears.
     feature->releaseProp({"vendor.pwr.level", "0"});
-    EXPECT_EQ(propertyValue("vendor.pwr.level"), "");
+    EXPECT_EQ(propertyValue("vendor.pwr.level", ""), "");
+    // Empty reads as unset: the next apply saves the default '0', which comes back.
+    EXPECT_EQ(feature->readAndApplyProp({"vendor.pwr.level", "7"}, 0), 1);
+    feature->releaseProp({"vendor.pwr.level", "7"});
+    EXPECT_EQ(propertyValue("vendor.pwr.level"), "0");
 }
 
 // The store's own debug line is written once the row is on disk; at that moment the property

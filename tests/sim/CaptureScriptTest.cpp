@@ -1,0 +1,219 @@
+// Runs the phone's capture script against a fake phone that a bundled scenario drives, under the
+// host's shells, imports what it wrote and compares the scenario with the one that drove the
+// phone; and checks that a pwr-sim trace.json imported and replayed gives its device counters back.
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <map>
+
+#include <android-base/file.h>
+#include <android-base/strings.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "host/sim/Scenario.h"
+#include "tests/support/ToolRun.h"
+
+namespace {
+
+using pwr::sim::Scenario;
+using pwr::test::runTool;
+using ::testing::HasSubstr;
+
+std::string source(const std::string& path) {
+    return std::string(PWR_SOURCE_DIR) + "/" + path;
+}
+
+class TempDir {
+  public:
+    TempDir() {
+        std::string templ = std::filesystem::temp_directory_path().string() + "/pwrcapture.XXXXXX";
+        if (mkdtemp(templ.data()) != nullptr) mPath = templ;
+    }
+    ~TempDir() {
+        std::error_code ec;
+        if (!mPath.empty()) std::filesystem::remove_all(mPath, ec);
+    }
+    const std::string& path() const { return mPath; }
+
+  private:
+    std::string mPath;
+};
+
+struct Shell {
+    const char* name;
+    std::vector<std::string> command;
+    // Tools the script runs (tr, sed) taken from busybox too, as a stand-in for the phone's
+    // toybox, so that an option only the host's tools know shows up.
+    bool busyboxTools;
+};
+
+class CaptureScript : public ::testing::TestWithParam<Shell> {};
+
+// Every shell must write the bundled capture byte for byte: the phone's clock is the fake
+// phone's, so the capture is deterministic, and the bundled one stays what the script writes.
+// The fake phone interrupts the script when its scenario ends, as Ctrl-C would.
+TEST_P(CaptureScript, WritesTheBundledCaptureOfTheScenario) {
+    const Shell& shell = GetParam();
+    TempDir dir;
+    ASSERT_FALSE(dir.path().empty());
+    std::string tools;
+    if (shell.busyboxTools) {
+        tools = dir.path() + "/bin";
+        std::filesystem::create_directories(tools);
+        for (const char* applet : {"tr", "sed", "cat"}) {
+            ASSERT_EQ(symlink("/bin/busybox", (tools + "/" + applet).c_str()), 0) << applet;
+        }
+    }
+    const pwr::test::ToolRun props = runTool(
+            {PWR_SIM_PATH, "import", "--props-from", source("configs/sim/video-battery.xml")},
+            dir.path());
+    ASSERT_EQ(props.status, 0) << props.err;
+    std::vector<std::string> args = {PWR_SIM_PATH, "phone",
+                                     source("configs/sim/phone-session.json"), "--"};
+    args.insert(args.end(), shell.command.begin(), shell.command.end());
+    for (const char* a : {"scripts/device/pwr-capture.sh", "-p", "1", "-a", "5"}) {
+        args.push_back(a[0] == 's' ? source(a) : a);
+    }
+    for (const std::string& name : android::base::Split(props.out, "\n")) {
+        if (!name.empty()) args.push_back(name);
+    }
+    const pwr::test::ToolRun capture = runTool(args, dir.path(), tools);
+    ASSERT_EQ(capture.status, 0) << capture.err;
+    EXPECT_THAT(capture.err, HasSubstr("# pwr-capture: 241 samples"));
+    std::string bundled;
+    ASSERT_TRUE(android::base::ReadFileToString(source("configs/sim/capture/phone-session.txt"),
+                                                &bundled));
+    EXPECT_EQ(capture.out, bundled);
+}
+
+INSTANTIATE_TEST_SUITE_P(Shells, CaptureScript,
+                         ::testing::Values(Shell{"bash", {"bash"}, false},
+                                           Shell{"busybox", {"busybox", "sh"}, true},
+                                           Shell{"mksh", {"mksh"}, false}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// The bundled capture imported gives back the scenario that drove the phone: its samples fall on
+// whole seconds and the scenario changes only on multiples of the activity's five seconds.
+TEST(CaptureImportRun, BundledCaptureGivesBackTheScenarioThatDroveThePhone) {
+    TempDir dir;
+    const std::string out = dir.path() + "/imported.json";
+    const pwr::test::ToolRun r =
+            runTool({PWR_SIM_PATH, "import", source("configs/sim/capture/phone-session.txt"),
+                     "--catalogue", source("configs/sim/capture/apps.catalogue"), "--config",
+                     source("configs/sim/video-battery.xml"), "-o", out},
+                    dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_THAT(r.err, HasSubstr("does not cover com.android.launcher3"));
+    Scenario imported;
+    Scenario original;
+    std::string error;
+    ASSERT_TRUE(Scenario::parseFile(out, &imported, &error)) << error;
+    ASSERT_TRUE(Scenario::parseFile(source("configs/sim/phone-session.json"), &original, &error))
+            << error;
+
+    EXPECT_EQ(imported.durationMs, original.durationMs);
+    EXPECT_EQ(std::filesystem::path(imported.configPath),
+              std::filesystem::path(original.configPath));
+    EXPECT_EQ(imported.properties, original.properties);
+    ASSERT_EQ(imported.apps.size(), original.apps.size());
+    for (size_t i = 0; i < original.apps.size(); ++i) {
+        EXPECT_EQ(imported.apps[i].package, original.apps[i].package);
+        EXPECT_EQ(imported.apps[i].type, original.apps[i].type);
+    }
+    EXPECT_EQ(imported.gpuFrequenciesMhz, original.gpuFrequenciesMhz);
+    ASSERT_EQ(imported.gpu.size(), original.gpu.size());
+    for (size_t i = 0; i < original.gpu.size(); ++i) {
+        const auto& want = original.gpu[i];
+        const auto& got = imported.gpu[i];
+        EXPECT_EQ(got.timeMs, want.timeMs) << i;
+        EXPECT_NEAR(got.freqMhz, want.freqMhz, 0.01) << i;
+        EXPECT_EQ(got.busy, want.busy) << i;
+        for (const auto& [mhz, share] : want.residency) {
+            EXPECT_NEAR(got.residency.count(mhz) ? got.residency.at(mhz) : -1, share, 1e-3) << i;
+        }
+    }
+    ASSERT_EQ(imported.battery.size(), original.battery.size());
+    for (size_t i = 0; i < original.battery.size(); ++i) {
+        EXPECT_EQ(imported.battery[i].timeMs, original.battery[i].timeMs) << i;
+        EXPECT_EQ(imported.battery[i].drainMa, original.battery[i].drainMa) << i;
+    }
+    ASSERT_EQ(imported.foreground.size(), original.foreground.size());
+    for (size_t i = 0; i < original.foreground.size(); ++i) {
+        EXPECT_EQ(imported.foreground[i].timeMs, original.foreground[i].timeMs) << i;
+        const auto& got = imported.foreground[i].processes;
+        const auto& want = original.foreground[i].processes;
+        ASSERT_EQ(got.size(), want.size()) << i;
+        for (size_t j = 0; j < want.size(); ++j) {
+            EXPECT_EQ(got[j].pid, want[j].pid);
+            EXPECT_EQ(got[j].cmdline, want[j].cmdline);
+        }
+    }
+    auto appEvents = [](const Scenario& s) {
+        std::vector<std::string> out;
+        for (const auto& e : s.events) {
+            if (e.hasEvent) out.push_back(std::to_string(e.timeMs) + " " + e.event.describe());
+        }
+        return out;
+    };
+    EXPECT_EQ(appEvents(imported), appEvents(original));
+}
+
+// The device's counters of a trace.json: GPU clock, busy and battery drain, by track.
+std::map<std::string, std::vector<std::pair<double, double>>> deviceCounters(
+        const std::string& path) {
+    std::string text;
+    EXPECT_TRUE(android::base::ReadFileToString(path, &text)) << path;
+    std::map<std::string, std::vector<std::pair<double, double>>> out;
+    const nlohmann::json trace = nlohmann::json::parse(text, nullptr, false);
+    for (const auto& e : trace["traceEvents"]) {
+        const std::string name = e.value("name", "");
+        if (e.value("ph", "") != "C" || (name != "GPU frequency (MHz)" && name != "GPU busy (%)" &&
+                                         name != "Battery drain (mA)")) {
+            continue;
+        }
+        out[name].emplace_back(e["ts"].get<double>(), e["args"].begin()->get<double>());
+    }
+    return out;
+}
+
+class TraceRoundTrip : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(TraceRoundTrip, ImportedTraceReplaysToTheSameDeviceCounters) {
+    TempDir dir;
+    Scenario scenario;
+    std::string error;
+    ASSERT_TRUE(Scenario::parseFile(source(GetParam()), &scenario, &error)) << error;
+    std::string table;
+    for (uint64_t mhz : scenario.gpuFrequenciesMhz)
+        table += (table.empty() ? "" : ",") + std::to_string(mhz);
+
+    pwr::test::ToolRun r =
+            runTool({PWR_SIM_PATH, source(GetParam()), "--quiet", "--out", dir.path() + "/first"},
+                    dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> import = {
+            PWR_SIM_PATH,        "import", dir.path() + "/first/trace.json", "--config",
+            scenario.configPath, "-o",     dir.path() + "/imported.json"};
+    if (!table.empty()) import.insert(import.end(), {"--gpu-table", table});
+    r = runTool(import, dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = runTool({PWR_SIM_PATH, dir.path() + "/imported.json", "--quiet", "--out",
+                 dir.path() + "/second"},
+                dir.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+
+    const auto first = deviceCounters(dir.path() + "/first/trace.json");
+    const auto second = deviceCounters(dir.path() + "/second/trace.json");
+    EXPECT_FALSE(first.empty());
+    EXPECT_EQ(first, second);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bundled, TraceRoundTrip,
+                         ::testing::Values("configs/sim/game-climb.json",
+                                           "configs/sim/phone-session.json"));
+
+}  // namespace
