@@ -1,5 +1,7 @@
 #include "host/fakeperf/FakePerf.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <map>
 #include <mutex>
 
@@ -16,7 +18,8 @@ struct State {
     bool recording = true;
     int nextHandle = 1;
     std::vector<Call> calls;
-    std::map<int, std::vector<int>> held;
+    std::map<int, std::vector<int>> held;  // by handle: in the order granted
+    std::map<int, Resource> resources;
     std::function<void(const Call&)> observer;
 };
 
@@ -47,6 +50,7 @@ void reset() {
     s.nextHandle = 1;
     s.calls.clear();
     s.held.clear();
+    s.resources.clear();
     s.observer = nullptr;
 }
 
@@ -91,6 +95,51 @@ std::map<int, std::vector<int>> heldLocks() {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     return s.held;
+}
+
+void setResources(std::map<int, Resource> resources) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.resources = std::move(resources);
+}
+
+TaskLoadBoost decodeTaskLoadBoost(int encoded) {
+    const uint32_t bits = static_cast<uint32_t>(encoded);
+    TaskLoadBoost boost;
+    boost.pid = static_cast<int>(bits >> 8);
+    boost.value = (bits & 0x80u) != 0 ? -static_cast<int>(bits & 0x7Fu) : 0;
+    return boost;
+}
+
+Limits limits() {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    Limits out;
+    for (const auto& [handle, list] : s.held) {
+        for (size_t i = 0; i + 1 < list.size(); i += 2) {
+            auto it = s.resources.find(list[i]);
+            if (it == s.resources.end()) continue;
+            const Resource& resource = it->second;
+            int value = list[i + 1];
+            if (resource.kind == Resource::Kind::TaskLoadBoost) {
+                const TaskLoadBoost boost = decodeTaskLoadBoost(value);
+                out.boosts[boost.pid] = boost.value;
+                continue;
+            }
+            if (!resource.levelsMhz.empty()) {
+                const int top = static_cast<int>(resource.levelsMhz.size()) - 1;
+                value = resource.levelsMhz[static_cast<size_t>(top - std::clamp(value, 0, top))];
+            }
+            if (resource.kind == Resource::Kind::MaxFreq) {
+                auto [limit, added] = out.maxMhz.emplace(resource.target, value);
+                if (!added) limit->second = std::min(limit->second, value);
+            } else {
+                auto [limit, added] = out.minMhz.emplace(resource.target, value);
+                if (!added) limit->second = std::max(limit->second, value);
+            }
+        }
+    }
+    return out;
 }
 
 }  // namespace fakeperf

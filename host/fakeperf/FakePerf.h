@@ -49,4 +49,34 @@ std::vector<Call> calls();
 // Locks granted and not yet released: handle to opcode/value list.
 std::map<int, std::vector<int>> heldLocks();
 
+// What a resource opcode does on the simulated device, so that held locks become its limits.
+struct Resource {
+    enum class Kind { MaxFreq, MinFreq, TaskLoadBoost };
+    Kind kind = Kind::MaxFreq;
+    std::string target;  // the clock limited: "gpu", "cpu0", "cpu1", ...
+    // Ascending MHz. Empty: the value is a frequency in MHz. Otherwise the value is a level
+    // counted down from the highest of these (0 the highest; past the lowest, the lowest).
+    std::vector<int> levelsMhz;
+};
+
+// Sets the device's resource table; reset() empties it. Opcodes not in it limit nothing.
+void setResources(std::map<int, Resource> resources);
+
+// A task-load boost value as the library reads it: the process id in bits 31..8; bit 7 marks a
+// scale-down whose magnitude fills bits 6..0, so any other value carries no scale (0).
+struct TaskLoadBoost {
+    int pid = 0;
+    int value = 0;  // 0 or negative
+};
+TaskLoadBoost decodeTaskLoadBoost(int encoded);
+
+// What the held locks impose on the device under the resource table: for each clock the lowest
+// maximum and the highest minimum requested, and each process's boost from its latest lock.
+struct Limits {
+    std::map<std::string, int> maxMhz;
+    std::map<std::string, int> minMhz;
+    std::map<int, int> boosts;  // pid -> value of its most recently granted held boost
+};
+Limits limits();
+
 }  // namespace fakeperf

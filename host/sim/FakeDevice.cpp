@@ -11,6 +11,7 @@
 #include <android-base/file.h>
 #include <android-base/unique_fd.h>
 
+#include "host/fakeperf/FakePerf.h"
 #include "platform/DevicePath.h"
 
 namespace pwr::sim {
@@ -22,19 +23,17 @@ constexpr char kTopAppProcs[] = "/dev/cpuset/top-app/cgroup.procs";
 // Folders the feature expects to exist: the state store's and the property store's.
 constexpr const char* kFolders[] = {"/data/vendor/pwr", "/data/property"};
 
-constexpr double kPi = 3.14159265358979323846;
-
-double swing(double amplitude, int64_t periodMs, int64_t sinceMs) {
-    if (amplitude == 0 || periodMs <= 0) return 0;
-    return amplitude * std::sin(2 * kPi * static_cast<double>(sinceMs % periodMs) /
-                                static_cast<double>(periodMs));
-}
-
 std::string hz(uint64_t mhz) {
     return std::to_string(mhz * 1000000ull);
 }
 
 }  // namespace
+
+FakeDevice::FakeDevice(const Scenario& scenario, const DeviceModel* model)
+    : mScenario(scenario),
+      mGpuTable(model != nullptr ? model->gpuFrequenciesMhz() : scenario.gpuFrequenciesMhz) {
+    if (model != nullptr) mClosedLoop = std::make_unique<ClosedLoop>(*model, scenario.gpu);
+}
 
 bool FakeDevice::write(const std::string& devicePath, const std::string& content,
                        std::string* error) {
@@ -62,8 +61,10 @@ bool FakeDevice::write(const std::string& devicePath, const std::string& content
 bool FakeDevice::create(std::string* error) {
     std::error_code ec;
     std::vector<std::string> folders(std::begin(kFolders), std::end(kFolders));
-    if (!mScenario.gpuFrequenciesMhz.empty()) folders.push_back(kGpuDir);
-    if (!mScenario.battery.empty()) folders.push_back("/sys/class/power_supply/battery");
+    if (!mGpuTable.empty()) folders.push_back(kGpuDir);
+    if (!mScenario.battery.empty() || mClosedLoop) {
+        folders.push_back("/sys/class/power_supply/battery");
+    }
     if (!mScenario.foreground.empty()) folders.push_back("/dev/cpuset/top-app");
     for (const std::string& folder : folders) {
         const std::string path = pwr::devicePath(folder);
@@ -73,16 +74,15 @@ bool FakeDevice::create(std::string* error) {
             return false;
         }
     }
-    if (!mScenario.gpuFrequenciesMhz.empty()) {
+    if (!mGpuTable.empty()) {
         std::string table;
-        for (auto it = mScenario.gpuFrequenciesMhz.rbegin();
-             it != mScenario.gpuFrequenciesMhz.rend(); ++it) {
+        for (auto it = mGpuTable.rbegin(); it != mGpuTable.rend(); ++it) {
             table += (table.empty() ? "" : " ") + hz(*it);
         }
         if (!write(std::string(kGpuDir) + "gpu_available_frequencies", table + "\n", error)) {
             return false;
         }
-        for (uint64_t mhz : mScenario.gpuFrequenciesMhz) mTimeInStateUs[mhz] = 0;
+        for (uint64_t mhz : mGpuTable) mTimeInStateUs[mhz] = 0;
     }
     mLastMs = 0;
     return update(0, error);
@@ -106,8 +106,15 @@ std::map<uint64_t, double> FakeDevice::shares(const GpuPoint& point) const {
 bool FakeDevice::update(int64_t nowMs, std::string* error) {
     if (nowMs < mLastMs) nowMs = mLastMs;
     const int64_t windowUs = (nowMs - mLastMs) * 1000;
-    if (!mScenario.gpu.empty() && !writeGpu(nowMs, windowUs, error)) return false;
-    if (!mScenario.battery.empty() && !writeBattery(nowMs, error)) return false;
+    if (mClosedLoop) {
+        // Under the locks held since the last update: a lock taken at a tick limits the device
+        // from that tick on.
+        mClosedLoop->advance(nowMs, fakeperf::limits(), &mTimeInStateUs);
+        if (!writeClosedLoop(error)) return false;
+    } else {
+        if (!mScenario.gpu.empty() && !writeGpu(nowMs, windowUs, error)) return false;
+        if (!mScenario.battery.empty() && !writeBattery(nowMs, error)) return false;
+    }
     if (!mScenario.foreground.empty() && !writeForeground(nowMs, error)) return false;
     mLastMs = nowMs;
     return true;
@@ -125,11 +132,7 @@ bool FakeDevice::writeGpu(int64_t nowMs, int64_t windowUs, std::string* error) {
     const int now = pointAt(mScenario.gpu, &mGpuCursor, nowMs);
     const GpuPoint* point = now >= 0 ? &mScenario.gpu[now] : nullptr;
 
-    std::string stats;
-    for (auto it = mTimeInStateUs.rbegin(); it != mTimeInStateUs.rend(); ++it) {
-        stats += (stats.empty() ? "" : " ") + std::to_string(std::llround(it->second));
-    }
-    if (!write(std::string(kGpuDir) + "gpu_clock_stats", stats + "\n", error)) return false;
+    if (!writeClockStats(error)) return false;
 
     // Before the first point the GPU idles at its lowest frequency.
     uint64_t clockMhz = mScenario.gpuFrequenciesMhz.front();
@@ -142,17 +145,28 @@ bool FakeDevice::writeGpu(int64_t nowMs, int64_t windowUs, std::string* error) {
                 clockMhz = mhz;
             }
         }
-        const double value =
-                point->busy + swing(point->busySwing, point->swingPeriodMs, nowMs - point->timeMs);
-        busy = static_cast<int>(std::lround(std::min(100.0, std::max(0.0, value))));
+        busy = static_cast<int>(std::lround(point->busyAt(nowMs)));
     }
     mState.freqMhz = static_cast<double>(clockMhz);
     mState.busy = busy;
+    const int64_t total = windowUs > 0 ? windowUs : 1000000;
+    return writeClockAndBusy(clockMhz, total / 100 * busy, windowUs, error);
+}
+
+bool FakeDevice::writeClockStats(std::string* error) {
+    std::string stats;
+    for (auto it = mTimeInStateUs.rbegin(); it != mTimeInStateUs.rend(); ++it) {
+        stats += (stats.empty() ? "" : " ") + std::to_string(std::llround(it->second));
+    }
+    return write(std::string(kGpuDir) + "gpu_clock_stats", stats + "\n", error);
+}
+
+bool FakeDevice::writeClockAndBusy(uint64_t clockMhz, int64_t busyUs, int64_t windowUs,
+                                   std::string* error) {
     if (!write(std::string(kGpuDir) + "gpuclk", hz(clockMhz) + "\n", error)) return false;
     // Busy and total time of the last window; a window of no time keeps the previous one.
     if (windowUs > 0 || mNodes.count(std::string(kGpuDir) + "gpubusy") == 0) {
         const int64_t total = windowUs > 0 ? windowUs : 1000000;
-        const int64_t busyUs = total / 100 * busy;
         if (!write(std::string(kGpuDir) + "gpubusy",
                    std::to_string(busyUs) + " " + std::to_string(total) + "\n", error)) {
             return false;
@@ -161,12 +175,32 @@ bool FakeDevice::writeGpu(int64_t nowMs, int64_t windowUs, std::string* error) {
     return true;
 }
 
+bool FakeDevice::writeClosedLoop(std::string* error) {
+    const ClosedLoop& loop = *mClosedLoop;
+    const int64_t windowUs = std::llround(loop.windowUs());
+    mState.freqMhz = static_cast<double>(loop.clockMhz());
+    mState.demandMhz = loop.demandMhz();
+    // As gpubusy shows it: the share of the window since the last update; before any time
+    // has passed, the share of the device as it stands.
+    const double busy =
+            windowUs > 0 ? loop.windowBusyUs() / loop.windowUs()
+                         : std::min(1.0, loop.demandMhz() / static_cast<double>(loop.clockMhz()));
+    mState.busy = static_cast<int>(std::lround(100.0 * busy));
+    mState.drainMa = loop.currentMa();
+    const int64_t busyUs =
+            windowUs > 0 ? std::llround(loop.windowBusyUs()) : std::llround(busy * 1000000.0);
+    if (!writeClockStats(error) || !writeClockAndBusy(loop.clockMhz(), busyUs, windowUs, error)) {
+        return false;
+    }
+    const long long microamps = std::llround(-loop.currentMa() * 1000.0);
+    return write(kCurrentNow, std::to_string(microamps) + "\n", error);
+}
+
 bool FakeDevice::writeBattery(int64_t nowMs, std::string* error) {
     const int now = pointAt(mScenario.battery, &mBatteryCursor, nowMs);
     double drain = 0;
     if (now >= 0) {
-        const BatteryPoint& point = mScenario.battery[now];
-        drain = point.drainMa + swing(point.drainSwing, point.swingPeriodMs, nowMs - point.timeMs);
+        drain = mScenario.battery[now].drainAt(nowMs);
     }
     mState.drainMa = drain;
     const long long microamps = std::llround(-drain * 1000.0);

@@ -2,11 +2,14 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <android-base/unique_fd.h>
 
+#include "host/sim/ClosedLoop.h"
+#include "host/sim/DeviceModel.h"
 #include "host/sim/Scenario.h"
 
 namespace pwr::sim {
@@ -21,17 +24,24 @@ namespace pwr::sim {
 // simulated time so that the time-weighted averages the feature computes from them are
 // consistent with the trace. Battery: "current_now" in microamperes, negative while discharging.
 // Foreground: the top-app cpuset's "cgroup.procs" and each process's "/proc/<pid>/cmdline".
+//
+// With a device model the device is closed-loop: the GPU nodes and the battery current come from
+// a ClosedLoop that runs the model's governor and power model under the limits the feature's
+// held locks impose (read from the fake performance library at each update), and the scenario's
+// GPU trace is the demand; otherwise the nodes replay the traces as given.
 class FakeDevice {
   public:
     // Current values, for the simulator's counters.
     struct State {
-        double freqMhz = 0;  // the frequency gpuclk shows
-        int busy = 0;        // percent, as written to gpubusy
-        double drainMa = 0;  // as written to current_now, negated
+        double freqMhz = 0;    // the frequency gpuclk shows
+        int busy = 0;          // percent, as written to gpubusy
+        double drainMa = 0;    // as written to current_now, negated
+        double demandMhz = 0;  // closed loop: the GPU work asked for per second
         const std::vector<ForegroundProcess>* foreground = nullptr;
     };
 
-    explicit FakeDevice(const Scenario& scenario) : mScenario(scenario) {}
+    // `model`, when given, must outlive the device.
+    explicit FakeDevice(const Scenario& scenario, const DeviceModel* model = nullptr);
 
     // Creates the tree under the current device root at time 0: the nodes of the traces, the
     // property store's and the database's folders. False with `error` set when a node cannot
@@ -43,6 +53,8 @@ class FakeDevice {
     bool update(int64_t nowMs, std::string* error);
 
     const State& state() const { return mState; }
+    // Null in an open-loop replay.
+    const ClosedLoop* closedLoop() const { return mClosedLoop.get(); }
 
   private:
     // Index of the point of `points` in force at `ms` (-1 before the first), moving `cursor`
@@ -57,10 +69,16 @@ class FakeDevice {
     // Time shares of each table frequency while `point` is in force.
     std::map<uint64_t, double> shares(const GpuPoint& point) const;
     bool writeGpu(int64_t nowMs, int64_t windowUs, std::string* error);
+    bool writeClockStats(std::string* error);
+    // "gpuclk", and "gpubusy" unless the window is empty and it was written before.
+    bool writeClockAndBusy(uint64_t clockMhz, int64_t busyUs, int64_t windowUs, std::string* error);
+    bool writeClosedLoop(std::string* error);
     bool writeBattery(int64_t nowMs, std::string* error);
     bool writeForeground(int64_t nowMs, std::string* error);
 
     const Scenario& mScenario;
+    const std::vector<uint64_t> mGpuTable;  // MHz ascending: the model's, else the scenario's
+    std::unique_ptr<ClosedLoop> mClosedLoop;
     State mState;
     int64_t mLastMs = 0;
     std::map<uint64_t, double> mTimeInStateUs;  // MHz -> cumulative time

@@ -59,12 +59,16 @@ struct Recording {
     int64_t durationMs = 0;
     std::vector<TimelineEntry> timeline;
     // Counters by key: gpu_freq, gpu_freq_measured, gpu_busy, battery_drain, profile_level,
-    // boosted_tasks, psm_mode, game_state; only those that were recorded are present.
+    // boosted_tasks, psm_mode, game_state, and in a closed loop the kCounter* below them; only
+    // those that were recorded are present.
     std::map<std::string, CounterTrack> counters;
     std::vector<LockSlice> locks;  // in acquisition order
     std::map<std::string, PropertyHistory> properties;
     // The names of the dynamic GPU profiles in the order the feature indexes them.
     std::vector<std::string> dynamicProfiles;
+    // Closed loop only: the device model, and its battery's capacity.
+    std::string deviceModelFile;
+    double batteryMah = 0;
 };
 
 // Keys of Recording::counters.
@@ -76,5 +80,14 @@ inline constexpr char kCounterProfileLevel[] = "profile_level";
 inline constexpr char kCounterBoostedTasks[] = "boosted_tasks";
 inline constexpr char kCounterPsmMode[] = "psm_mode";
 inline constexpr char kCounterGameState[] = "game_state";
+// Closed loop: the GPU work asked for (MHz of a fully busy GPU), and running totals since the
+// start (the difference of two points is the figure between them).
+inline constexpr char kCounterGpuDemand[] = "gpu_demand";
+inline constexpr char kCounterChargeMah[] = "charge_mah";
+inline constexpr char kCounterSaturatedMs[] = "gpu_saturated_ms";
+// Closed loop: the share of each span between two device updates with the GPU saturated.
+inline constexpr char kCounterGpuSaturated[] = "gpu_saturated";
+inline constexpr char kCounterDemandMc[] = "gpu_demand_mc";
+inline constexpr char kCounterUnservedMc[] = "gpu_unserved_mc";
 
 }  // namespace pwr::sim

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -10,120 +11,26 @@
 
 #include <android-base/file.h>
 #include <android-base/parseint.h>
-#include <android-base/stringprintf.h>
 #include <nlohmann/json.hpp>
+
+#include "host/sim/JsonNode.h"
 
 namespace pwr::sim {
 namespace {
 
-using android::base::StringPrintf;
 using nlohmann::json;
 
-// Longer scenarios are not useful and would overflow nothing, but keep times far from it.
-constexpr double kMaxSeconds = 30.0 * 24 * 3600;
 constexpr int kMaxPid = (1 << 22);  // pid_max on 64-bit kernels
+constexpr double kPi = 3.14159265358979323846;
 
-// Raised inside the reader with the key path and the message; caught once at the top.
-struct Invalid {
-    std::string path;
-    std::string message;
-};
-
-std::string describeType(const json& value) {
-    return std::string(value.type_name());
+// A sine of `amplitude` and period `periodMs`, `sinceMs` after it started rising from 0.
+double swing(double amplitude, int64_t periodMs, int64_t sinceMs) {
+    if (amplitude == 0 || periodMs <= 0) return 0;
+    return amplitude * std::sin(2 * kPi * static_cast<double>(sinceMs % periodMs) /
+                                static_cast<double>(periodMs));
 }
 
-// Reads one JSON object, knowing its key path for messages and refusing keys it was not told
-// about, so that a misspelt key is an error instead of a silently ignored setting.
-class Node {
-  public:
-    Node(const json& value, std::string path) : mValue(value), mPath(std::move(path)) {}
-
-    [[noreturn]] void fail(const std::string& message) const { throw Invalid{mPath, message}; }
-
-    const json& value() const { return mValue; }
-    const std::string& path() const { return mPath; }
-
-    Node object(const char* expecting) const {
-        if (!mValue.is_object())
-            fail(std::string("must be ") + expecting + ", not " + describeType(mValue));
-        return *this;
-    }
-
-    bool has(const char* key) const { return mValue.contains(key); }
-
-    Node child(const char* key) const {
-        if (!mValue.contains(key)) fail(std::string("\"") + key + "\" is missing");
-        return Node(mValue.at(key), join(key));
-    }
-
-    Node element(size_t index) const {
-        return Node(mValue.at(index), mPath + "[" + std::to_string(index) + "]");
-    }
-
-    std::string join(const std::string& key) const {
-        return mPath.empty() ? key : mPath + "." + key;
-    }
-
-    void onlyKeys(std::initializer_list<const char*> keys) const {
-        for (const auto& [key, unused] : mValue.items()) {
-            bool known = false;
-            for (const char* k : keys) known = known || key == k;
-            if (!known) {
-                std::string list;
-                for (const char* k : keys) list += (list.empty() ? "" : ", ") + std::string(k);
-                Node(unused, join(key)).fail("unknown key; expected one of " + list);
-            }
-        }
-    }
-
-    std::string text() const {
-        if (!mValue.is_string()) fail("must be a text, not " + describeType(mValue));
-        return mValue.get<std::string>();
-    }
-
-    bool boolean() const {
-        if (!mValue.is_boolean()) fail("must be true or false, not " + describeType(mValue));
-        return mValue.get<bool>();
-    }
-
-    double number(double min, double max) const {
-        if (!mValue.is_number()) fail("must be a number, not " + describeType(mValue));
-        const double v = mValue.get<double>();
-        if (!std::isfinite(v) || v < min || v > max) {
-            fail(StringPrintf("%g is outside %g to %g", v, min, max));
-        }
-        return v;
-    }
-
-    int64_t integer(int64_t min, int64_t max) const {
-        if (!mValue.is_number_integer())
-            fail("must be a whole number, not " + describeType(mValue));
-        const int64_t v =
-                mValue.is_number_unsigned()
-                        ? static_cast<int64_t>(std::min<uint64_t>(
-                                  mValue.get<uint64_t>(),
-                                  static_cast<uint64_t>(std::numeric_limits<int64_t>::max())))
-                        : mValue.get<int64_t>();
-        if (v < min || v > max) {
-            fail(StringPrintf("%lld is outside %lld to %lld", static_cast<long long>(v),
-                              static_cast<long long>(min), static_cast<long long>(max)));
-        }
-        return v;
-    }
-
-    // Seconds from the start, as milliseconds.
-    int64_t seconds() const { return std::llround(number(0, kMaxSeconds) * 1000.0); }
-
-    const json& array() const {
-        if (!mValue.is_array()) fail("must be a list, not " + describeType(mValue));
-        return mValue;
-    }
-
-  private:
-    const json& mValue;
-    std::string mPath;
-};
+using Node = JsonNode;
 
 // A period in seconds, as milliseconds; at least 1 ms.
 int64_t period(const Node& node) {
@@ -342,30 +249,15 @@ class Reader {
     Scenario* mOut;
 };
 
-// "<line>:<column>" of the byte at 1-based `position` of `text`.
-std::string lineAndColumn(std::string_view text, size_t position) {
-    const size_t end = std::min(position > 0 ? position - 1 : 0, text.size());
-    int line = 1;
-    size_t lineStart = 0;
-    for (size_t i = 0; i < end; ++i) {
-        if (text[i] == '\n') {
-            ++line;
-            lineStart = i + 1;
-        }
-    }
-    return std::to_string(line) + ":" + std::to_string(end - lineStart + 1);
-}
-
-// nlohmann's message without its "[json.exception.parse_error.101] parse error at line 1,
-// column 2: " prefix, whose position is given the usual way instead.
-std::string parseMessage(const std::string& what) {
-    const std::string marker = ": ";
-    size_t at = what.find("parse error");
-    if (at != std::string::npos) at = what.find(marker, at);
-    return at == std::string::npos ? what : what.substr(at + marker.size());
-}
-
 }  // namespace
+
+double GpuPoint::busyAt(int64_t ms) const {
+    return std::clamp(busy + swing(busySwing, swingPeriodMs, ms - timeMs), 0.0, 100.0);
+}
+
+double BatteryPoint::drainAt(int64_t ms) const {
+    return drainMa + swing(drainSwing, swingPeriodMs, ms - timeMs);
+}
 
 bool appTypeFromWord(std::string_view word, int* type) {
     for (const auto& [name, value] : kAppTypes) {
@@ -398,29 +290,10 @@ bool Scenario::parseText(std::string_view text, const std::string& name, Scenari
     *out = Scenario{};
     out->file = name;
     json root;
-    try {
-        root = json::parse(text.begin(), text.end());
-    } catch (const json::parse_error& e) {
-        *error = name + ":" + lineAndColumn(text, e.byte) + ": " + parseMessage(e.what());
-        return false;
-    } catch (const json::exception& e) {
-        // A number too large for a double: the message quotes it, which gives its place.
-        std::string message = e.what();
-        const size_t bracket = message.find("] ");
-        if (bracket != std::string::npos) message.erase(0, bracket + 2);
-        std::string place;
-        const size_t open = message.find('\'');
-        const size_t close = open == std::string::npos ? open : message.find('\'', open + 1);
-        if (close != std::string::npos) {
-            const size_t at = text.find(message.substr(open + 1, close - open - 1));
-            if (at != std::string_view::npos) place = ":" + lineAndColumn(text, at + 1);
-        }
-        *error = name + place + ": " + message;
-        return false;
-    }
+    if (!parseJsonText(text, name, &root, error)) return false;
     try {
         Reader(out).read(root);
-    } catch (const Invalid& invalid) {
+    } catch (const JsonNode::Invalid& invalid) {
         *error = name + ": " + (invalid.path.empty() ? "" : invalid.path + ": ") + invalid.message;
         return false;
     } catch (const json::exception& e) {

@@ -20,6 +20,9 @@ struct GpuPoint {
     std::map<uint64_t, double> residency;
     double busySwing = 0;  // amplitude (percentage points) of a sine added to busy
     int64_t swingPeriodMs = 0;
+
+    // The busy percentage at `ms` (at or after timeMs), swing included, within 0 to 100.
+    double busyAt(int64_t ms) const;
 };
 
 // The battery from one time on: discharge current in mA (negative while charging).
@@ -28,6 +31,9 @@ struct BatteryPoint {
     double drainMa = 0;
     double drainSwing = 0;  // amplitude (mA) of a sine added to the drain
     int64_t swingPeriodMs = 0;
+
+    // The drain at `ms` (at or after timeMs), swing included.
+    double drainAt(int64_t ms) const;
 };
 
 // A process of the foreground cpuset: its id and program name (empty for a kernel thread).

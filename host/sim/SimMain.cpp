@@ -13,9 +13,11 @@
 
 #include "host/sim/ChromeTrace.h"
 #include "host/sim/ConfigCheck.h"
+#include "host/sim/RecordingJson.h"
 #include "host/sim/Simulator.h"
 #include "host/sim/Subcommands.h"
 #include "host/sim/Summary.h"
+#include "host/sim/SummaryJson.h"
 #include "host/sim/SvgPlot.h"
 #include "host/sim/TimelineWriter.h"
 #include "host/tools/ToolOptions.h"
@@ -29,6 +31,8 @@ void usage(std::ostream& out) {
            "       pwr-sim --check [--strict] CONFIG.xml\n"
            "       pwr-sim import [options] CAPTURE|TRACE.json   (pwr-sim import --help)\n"
            "       pwr-sim phone SCENARIO.json -- COMMAND...    (pwr-sim phone --help)\n"
+           "       pwr-sim compare [options] SCENARIO.json CONFIG.xml CONFIG.xml...\n"
+           "       pwr-sim sweep --config BASE.xml --set KEY=VALUES... --out DIR SCENARIO.json...\n"
            "\n"
            "Replays SCENARIO.json (docs/pwr-sim.md) against the plug-in on simulated time: builds\n"
            "a fake device from the scenario's traces, builds the feature from the scenario's XML\n"
@@ -38,8 +42,14 @@ void usage(std::ostream& out) {
            "\n"
            "options:\n"
            "  --config FILE       the XML configuration (default: the scenario's \"config\")\n"
-           "  --out DIR           also write DIR/timeline.txt, summary.txt, trace.json (Chrome\n"
-           "                      trace-event format: Perfetto UI, chrome://tracing) and plot.svg\n"
+           "  --device MODEL.json close the loop: the device reacts to the feature's locks and\n"
+           "                      the scenario's GPU trace is demand (docs/device-model.md)\n"
+           "  --out DIR           also write DIR/timeline.txt, summary.txt, summary.json, "
+           "trace.json\n"
+           "                      (Chrome trace-event format: Perfetto UI, chrome://tracing) and\n"
+           "                      plot.svg\n"
+           "  --json FILE         write the summary as JSON to FILE (stable keys, for scripts)\n"
+           "  --recording FILE    write everything the run observed as JSON to FILE\n"
            "  --quiet             print only the summary\n"
            "  --brief             print the timeline without the feature's log lines (the\n"
            "                      files written by --out keep them)\n"
@@ -77,7 +87,24 @@ int main(int argc, char** argv) {
     if (argc > 1 && std::string(argv[1]) == "import")
         return pwr::sim::importMain(argc - 1, argv + 1);
     if (argc > 1 && std::string(argv[1]) == "phone") return pwr::sim::phoneMain(argc - 1, argv + 1);
-    enum { kConfig = 256, kOut, kQuiet, kBrief, kPlugin, kDeviceRoot, kDebug, kCheck, kStrict };
+    if (argc > 1 && std::string(argv[1]) == "compare") {
+        return pwr::sim::compareMain(argc - 1, argv + 1);
+    }
+    if (argc > 1 && std::string(argv[1]) == "sweep") return pwr::sim::sweepMain(argc - 1, argv + 1);
+    enum {
+        kConfig = 256,
+        kOut,
+        kQuiet,
+        kBrief,
+        kPlugin,
+        kDeviceRoot,
+        kDebug,
+        kCheck,
+        kStrict,
+        kDevice,
+        kJson,
+        kRecording
+    };
     static const option kOptions[] = {
             {"config", required_argument, nullptr, kConfig},
             {"out", required_argument, nullptr, kOut},
@@ -88,12 +115,17 @@ int main(int argc, char** argv) {
             {"debug", no_argument, nullptr, kDebug},
             {"check", no_argument, nullptr, kCheck},
             {"strict", no_argument, nullptr, kStrict},
+            {"device", required_argument, nullptr, kDevice},
+            {"json", required_argument, nullptr, kJson},
+            {"recording", required_argument, nullptr, kRecording},
             {"help", no_argument, nullptr, 'h'},
             {nullptr, 0, nullptr, 0},
     };
     pwr::sim::SimOptions options;
     options.pluginPath = PWR_DEFAULT_PLUGIN;
     std::string outDir;
+    std::string jsonPath;
+    std::string recordingPath;
     bool check = false;
     bool strict = false;
     bool quiet = false;
@@ -138,6 +170,15 @@ int main(int argc, char** argv) {
             case kStrict:
                 strict = true;
                 break;
+            case kDevice:
+                options.deviceModelPath = optarg;
+                break;
+            case kJson:
+                jsonPath = optarg;
+                break;
+            case kRecording:
+                recordingPath = optarg;
+                break;
             default:
                 std::cerr << "pwr-sim: unknown option " << pwr::tools::refusedOption(kOptions, argv)
                           << "\n\n";
@@ -161,6 +202,15 @@ int main(int argc, char** argv) {
     pwr::sim::Recording recording;
     if (pwr::sim::runSimulation(options, &recording, std::cerr) != 0) return 1;
     const pwr::sim::Summary summary = pwr::sim::Summary::of(recording);
+    auto writeJson = [&](std::ostream& out) {
+        out << pwr::sim::summaryJson(summary, recording).dump(2) << '\n';
+    };
+    if ((!jsonPath.empty() && !writeFile(jsonPath, writeJson)) ||
+        (!recordingPath.empty() && !writeFile(recordingPath, [&](std::ostream& out) {
+            out << pwr::sim::RecordingJson::toJson(recording).dump() << '\n';
+        }))) {
+        return 1;
+    }
     if (!quiet) {
         pwr::sim::writeTimeline(recording, std::cout, !brief);
         std::cout << '\n';
@@ -176,6 +226,7 @@ int main(int argc, char** argv) {
             !writeFile(
                     dir / "summary.txt",
                     [&](std::ostream& out) { pwr::sim::writeSummary(summary, recording, out); }) ||
+            !writeFile(dir / "summary.json", writeJson) ||
             !writeFile(dir / "trace.json",
                        [&](std::ostream& out) { pwr::sim::writeChromeTrace(recording, out); }) ||
             !writeFile(dir / "plot.svg",
@@ -183,7 +234,7 @@ int main(int argc, char** argv) {
             return 1;
         }
         std::cout << "\nWrote " << (dir / "timeline.txt").string() << ", summary.txt, "
-                  << "trace.json and plot.svg\n";
+                  << "summary.json, trace.json and plot.svg\n";
     }
     return 0;
 }

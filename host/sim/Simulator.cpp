@@ -20,6 +20,7 @@
 #include "feature/LogSites.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
+#include "host/sim/DeviceModel.h"
 #include "host/sim/FakeDevice.h"
 #include "host/sim/Scenario.h"
 #include "host/tools/DeviceRootSession.h"
@@ -138,14 +139,35 @@ class Recorder {
         setGameStateLocked(now, state.gameState);
     }
 
-    void device(int64_t ms, const FakeDevice::State& state, bool gpu, bool battery) {
+    void device(int64_t ms, const FakeDevice& device, bool gpu, bool battery) {
         MutexLock lock(mMutex);
+        const FakeDevice::State& state = device.state();
         if (gpu) {
             setCounterLocked(ms, kCounterGpuFreq, "GPU frequency", "MHz", state.freqMhz);
             setCounterLocked(ms, kCounterGpuBusy, "GPU busy", "%", state.busy);
         }
         if (battery) {
             setCounterLocked(ms, kCounterBatteryDrain, "Battery drain", "mA", state.drainMa);
+        }
+        if (const ClosedLoop* loop = device.closedLoop()) {
+            const ClosedLoop::Totals& totals = loop->totals();
+            setCounterLocked(ms, kCounterGpuDemand, "GPU demand", "MHz", state.demandMhz);
+            setCounterLocked(ms, kCounterChargeMah, "Charge used", "mAh", totals.chargeMah);
+            // The share of the window since the previous update that was saturated, from the
+            // window's start.
+            const double window = static_cast<double>(ms - mLastDeviceMs);
+            const double saturated = static_cast<double>(totals.saturatedMs - mLastSaturatedMs);
+            if (window > 0) {
+                setCounterLocked(mLastDeviceMs, kCounterGpuSaturated, "GPU saturated", "share",
+                                 saturated / window);
+            }
+            mLastDeviceMs = ms;
+            mLastSaturatedMs = totals.saturatedMs;
+            setCounterLocked(ms, kCounterSaturatedMs, "GPU saturated", "ms",
+                             static_cast<double>(totals.saturatedMs));
+            setCounterLocked(ms, kCounterDemandMc, "GPU work asked", "Mcycles", totals.demandMc);
+            setCounterLocked(ms, kCounterUnservedMc, "GPU work unserved", "Mcycles",
+                             totals.unservedMc);
         }
     }
 
@@ -324,11 +346,11 @@ class Recorder {
             }
             setCounterLocked(now, kCounterProfileLevel, "GPU profile level", "level", level);
         } else if (mBoostOpcode && call.list.size() == 2 && call.list[0] == *mBoostOpcode) {
-            // pid in bits 31..8; bit 7 marks a scale-down whose magnitude fills bits 6..0.
             const uint32_t encoded = static_cast<uint32_t>(call.list[1]);
+            const fakeperf::TaskLoadBoost boost = fakeperf::decodeTaskLoadBoost(call.list[1]);
             slice.kind = LockSlice::Kind::TaskBoost;
-            slice.boostPid = static_cast<int>(encoded >> 8);
-            slice.boostValue = (encoded & 0x80u) != 0 ? -static_cast<int>(encoded & 0x7Fu) : 0;
+            slice.boostPid = boost.pid;
+            slice.boostValue = boost.value;
             slice.name = StringPrintf("pid %d value %d", slice.boostPid, slice.boostValue);
             slice.track = StringPrintf("task boost %d", slice.boostPid);
             lineLocked(now, "boost",
@@ -389,6 +411,8 @@ class Recorder {
     bool mObserved GUARDED_BY(mMutex) = false;
     int mPsmMode GUARDED_BY(mMutex) = 0;
     int mGameState GUARDED_BY(mMutex) = 0;
+    int64_t mLastDeviceMs GUARDED_BY(mMutex) = 0;
+    int64_t mLastSaturatedMs GUARDED_BY(mMutex) = 0;
 };
 
 // The recorder that liblog's hook (a plain function pointer) reaches.
@@ -453,7 +477,15 @@ class Simulation {
         if (!tools::FeatureConfigXml::parseFile(configPath, &mConfig, &error)) {
             return mLauncher.fail(error);
         }
+        const bool closedLoop = !mOptions.deviceModelPath.empty();
+        if (closedLoop && !DeviceModel::parseFile(mOptions.deviceModelPath, &mModel, &error)) {
+            return mLauncher.fail(error);
+        }
         *mOut = Recording{};
+        if (closedLoop) {
+            mOut->deviceModelFile = mModel.file;
+            mOut->batteryMah = mModel.batteryMah;
+        }
         mOut->scenarioName = mScenario.name.empty() ? mScenario.file : mScenario.name;
         mOut->scenarioFile = mScenario.file;
         mOut->configFile = mConfig.file;
@@ -474,10 +506,11 @@ class Simulation {
             }
             recorder.property(kDebugProperty, "true");
         }
-        FakeDevice device(mScenario);
+        fakeperf::reset();
+        if (closedLoop) fakeperf::setResources(mModel.resources);
+        FakeDevice device(mScenario, closedLoop ? &mModel : nullptr);
         if (!device.create(&error)) return mLauncher.fail(error);
 
-        fakeperf::reset();
         for (const tools::ScriptApp& app : mScenario.apps) {
             fakeperf::setAppType(app.package, app.type);
         }
@@ -536,13 +569,21 @@ class Simulation {
         for (; mGpuLine < mScenario.gpu.size() && mScenario.gpu[mGpuLine].timeMs <= ms;
              ++mGpuLine) {
             const GpuPoint& p = mScenario.gpu[mGpuLine];
-            std::string text = StringPrintf("GPU %g MHz (clock %g MHz), busy %g%%", p.freqMhz,
-                                            device.state().freqMhz, p.busy);
+            std::string text = device.closedLoop() != nullptr
+                                       ? StringPrintf(
+                                                 "GPU demand %g MHz of work (busy %g%% at %g MHz), "
+                                                 "clock %g MHz",
+                                                 p.freqMhz * p.busy / 100.0, p.busy, p.freqMhz,
+                                                 device.state().freqMhz)
+                                       : StringPrintf("GPU %g MHz (clock %g MHz), busy %g%%",
+                                                      p.freqMhz, device.state().freqMhz, p.busy);
             if (p.busySwing > 0) {
                 text += StringPrintf(" +/- %g every %g s", p.busySwing, p.swingPeriodMs / 1000.0);
             }
             recorder.lineAt(ms, "device", text);
         }
+        // A closed-loop battery follows the power model, not the trace.
+        if (device.closedLoop() != nullptr) mBatteryLine = mScenario.battery.size();
         for (; mBatteryLine < mScenario.battery.size() &&
                mScenario.battery[mBatteryLine].timeMs <= ms;
              ++mBatteryLine) {
@@ -567,8 +608,9 @@ class Simulation {
         const int64_t endNs = baseNs + mScenario.durationMs * kNsPerMs;
         size_t nextTrace = 0;
         size_t nextEvent = 0;
-        const bool gpu = !mScenario.gpu.empty();
-        const bool battery = !mScenario.battery.empty();
+        const bool closedLoop = device.closedLoop() != nullptr;
+        const bool gpu = !mScenario.gpu.empty() || closedLoop;
+        const bool battery = !mScenario.battery.empty() || closedLoop;
         for (;;) {
             int64_t nowNs = endNs;
             if (nextEvent < mScenario.events.size()) {
@@ -583,7 +625,7 @@ class Simulation {
 
             // The nodes first, so that the ticks and events of this time read them.
             if (!device.update(nowMs, error)) return false;
-            recorder.device(nowMs, device.state(), gpu, battery);
+            recorder.device(nowMs, device, gpu, battery);
             describeTrace(nowMs, recorder, device);
             while (nextTrace < traces.size() && traces[nextTrace] <= nowMs) ++nextTrace;
 
@@ -625,6 +667,7 @@ class Simulation {
     bool mReady = false;
     Recording* mOut;
     Scenario mScenario;
+    DeviceModel mModel;
     FeatureConfig mConfig;
     tools::FeatureLauncher mLauncher;
     size_t mGpuLine = 0;

@@ -13,6 +13,8 @@ struct SimOptions {
     std::string configPath;    // XML configuration; empty: the scenario's "config"
     std::string deviceRoot;    // fake device tree; empty: a fresh temporary one, removed after
     bool debug = false;        // set "vendor.debug.trace.power" (as the scenario's "debug" does)
+    // Device model (docs/device-model.md); empty: replay the scenario's traces open-loop.
+    std::string deviceModelPath;
 };
 
 // Runs a scenario against a plug-in exactly as the power service drives it, on simulated time:
@@ -22,7 +24,9 @@ struct SimOptions {
 // deletes the feature. The process must provide the POSIX timer functions on the virtual clock
 // (link pwr_virtual_timers). Fills `out` with everything observed and returns 0; returns 1 after
 // one error line on `err` when an input is invalid, the plug-in cannot be loaded, the feature is
-// not built or ends not ready. Warnings about the configuration go to `err` too.
+// not built or ends not ready. Warnings about the configuration go to `err` too. With a device
+// model the device is closed-loop (FakeDevice): it reacts to the feature's locks, and the
+// recording carries the power and performance figures.
 int runSimulation(const SimOptions& options, Recording* out, std::ostream& err);
 
 }  // namespace pwr::sim

@@ -1,6 +1,7 @@
 #include "host/sim/Summary.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include <android-base/stringprintf.h>
 
@@ -31,6 +32,47 @@ std::string quotedOrUnset(const std::optional<std::string>& value) {
     return value ? "\"" + *value + "\"" : "unset";
 }
 
+// The figures between two times, from the running totals of a closed-loop run.
+Summary::Energy energyBetween(const Recording& recording, std::string name, int64_t from,
+                              int64_t to) {
+    auto total = [&](const char* key, int64_t ms) {
+        auto it = recording.counters.find(key);
+        return it == recording.counters.end() ? 0.0 : it->second.at(ms);
+    };
+    auto delta = [&](const char* key) { return total(key, to) - total(key, from); };
+    Summary::Energy e;
+    e.name = std::move(name);
+    e.startMs = from;
+    e.endMs = to;
+    e.chargeMah = delta(kCounterChargeMah);
+    e.averageMa = to > from ? e.chargeMah * 3600000.0 / static_cast<double>(to - from) : 0;
+    e.saturatedMs = std::llround(delta(kCounterSaturatedMs));
+    e.demandMc = delta(kCounterDemandMc);
+    e.unservedMc = delta(kCounterUnservedMc);
+    return e;
+}
+
+std::vector<Summary::Energy> energyOf(const Recording& recording) {
+    std::vector<Summary::Energy> out;
+    if (recording.counters.count(kCounterChargeMah) == 0) return out;
+    const int64_t end = recording.durationMs;
+    out.push_back(energyBetween(recording, "whole run", 0, end));
+    std::vector<std::pair<int64_t, std::string>> starts;
+    for (const TimelineEntry& entry : recording.timeline) {
+        if (entry.kind != "note" || entry.timeMs >= end) continue;
+        if (starts.empty() && entry.timeMs > 0) starts.emplace_back(0, "(start)");
+        // Notes of the same time start one phase, named by the first.
+        if (starts.empty() || starts.back().first != entry.timeMs) {
+            starts.emplace_back(entry.timeMs, entry.text);
+        }
+    }
+    for (size_t i = 0; i < starts.size(); ++i) {
+        const int64_t to = i + 1 < starts.size() ? starts[i + 1].first : end;
+        out.push_back(energyBetween(recording, starts[i].second, starts[i].first, to));
+    }
+    return out;
+}
+
 }  // namespace
 
 std::string formatTime(int64_t ms) {
@@ -46,6 +88,8 @@ Summary Summary::of(const Recording& recording) {
     Summary summary;
     const int64_t end = recording.durationMs;
     summary.durationMs = end;
+    summary.energy = energyOf(recording);
+    summary.batteryMah = recording.batteryMah;
 
     std::map<std::string, ProfileTime> profiles;
     int64_t profileMs = 0;
@@ -103,6 +147,34 @@ Summary Summary::of(const Recording& recording) {
     return summary;
 }
 
+void writeEnergy(const Summary& summary, const Recording& recording, std::ostream& out) {
+    const Summary::Energy& run = summary.energy.front();
+    out << "\nCharge and GPU performance (closed loop, device " << recording.deviceModelFile
+        << ")\n";
+    out << StringPrintf("  charge %.1f mAh, average %.0f mA", run.chargeMah, run.averageMa);
+    if (summary.batteryMah > 0 && run.averageMa > 0) {
+        out << StringPrintf(" (%.1f%% of %.0f mAh; %.1f h to empty at this rate)",
+                            100.0 * run.chargeMah / summary.batteryMah, summary.batteryMah,
+                            summary.batteryMah / run.averageMa);
+    }
+    out << StringPrintf("\n  GPU saturated %s %s, unserved work %.0f of %.0f Mcycles (%.1f%%)\n",
+                        formatTime(run.saturatedMs).c_str(),
+                        percent(run.saturatedMs, run.endMs - run.startMs).c_str(), run.unservedMc,
+                        run.demandMc, run.demandMc > 0 ? 100.0 * run.unservedMc / run.demandMc : 0);
+    if (summary.energy.size() < 2) return;
+    const char* const row = "  %-9s %-11s %8s %7s  %9s %12s  %s\n";
+    out << StringPrintf(row, "by phase", "from", "mAh", "avg mA", "saturated", "unserved Mc",
+                        "phase");
+    for (size_t i = 1; i < summary.energy.size(); ++i) {
+        const Summary::Energy& e = summary.energy[i];
+        out << StringPrintf(row, "", formatTime(e.startMs).c_str(),
+                            StringPrintf("%.1f", e.chargeMah).c_str(),
+                            StringPrintf("%.0f", e.averageMa).c_str(),
+                            percent(e.saturatedMs, e.endMs - e.startMs).c_str(),
+                            StringPrintf("%.0f", e.unservedMc).c_str(), e.name.c_str());
+    }
+}
+
 void writeSummary(const Summary& summary, const Recording& recording, std::ostream& out) {
     const int64_t end = summary.durationMs;
     out << "Summary: " << recording.scenarioName << ", " << formatTime(end) << " simulated with "
@@ -125,6 +197,8 @@ void writeSummary(const Summary& summary, const Recording& recording, std::ostre
         }
         out << "\n";
     }
+
+    if (!summary.energy.empty()) writeEnergy(summary, recording, out);
 
     out << "\nPSM mode (time)\n";
     static const char* const kModes[] = {"off", "light", "gaming", "battery watch"};

@@ -27,7 +27,23 @@ struct Summary {
         bool restored = false;  // written back to what it was (an unset one counts as "0")
     };
 
+    // Charge and GPU performance over a span of a closed-loop run.
+    struct Energy {
+        std::string name;  // "whole run", or the note that starts the phase
+        int64_t startMs = 0;
+        int64_t endMs = 0;
+        double chargeMah = 0;
+        double averageMa = 0;
+        int64_t saturatedMs = 0;  // GPU demand above what the allowed frequency serves
+        double demandMc = 0;      // GPU work asked for, megacycles
+        double unservedMc = 0;    // of which not served
+    };
+
     int64_t durationMs = 0;
+    // Closed loop only (empty otherwise): the whole run first, then each phase of the scenario,
+    // from each note to the next (from the start until the first note when it comes later).
+    std::vector<Energy> energy;
+    double batteryMah = 0;
     std::vector<ProfileTime> profiles;  // profile locks by time held, "(none)" last
     int profileSwitches = 0;            // acquisitions of a profile other than the one held before
     int64_t boostedMs = 0;              // time with at least one foreground task scaled down

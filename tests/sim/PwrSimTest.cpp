@@ -21,6 +21,7 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
+#include "host/sim/RecordingJson.h"
 #include "host/sim/Scenario.h"
 #include "host/tools/FeatureConfigXml.h"
 #include "host/tools/FeatureKeys.h"
@@ -591,3 +592,84 @@ TEST_F(PwrSimTest, CheckModeNamesEachProblemWithItsKey) {
 }
 
 }  // namespace
+
+// Closed loop: a profile whose GPU cap lies under the frequency the device runs at lowers that
+// frequency from the feature's next tick (500 ms) on, and the feature sees what it caused.
+TEST_F(PwrSimTest, ClosedLoop_LockTakenAtATickLimitsTheGpuFromTheNextTick) {
+    const std::string config = write("capping.xml", R"(<Feature name="PSMPowerOptFeature"><Configs>
+        <Config name="PSM_STATE" value="0"/><Config name="DEEP_MODE" value="0"/>
+        <Config name="GPUMode" value="1"/><Config name="GAME_TIMER" value="500"/>
+        <Config name="GPU_SAMPLE_COUNT" value="3"/><Config name="STABILITY_SAMPLE_COUNT" value="2"/>
+        <Config name="GPU_BUSY_STABILITY_THRESHOLD" value="10"/>
+        <Config name="GPU_Freq_THRESHOLD_LOW" value="300"/>
+        <Config name="GPU_Freq_THRESHOLD_HIGH" value="600"/></Configs><Profiles>
+        <Profile name="PROFILE_LIGHT_MODE"><PerfLock>0x40C00000, 1</PerfLock></Profile>
+        <Profile name="DYN_GPU_0"><PerfLock>0x42804000, 900</PerfLock></Profile>
+        <Profile name="DYN_GPU_1"><PerfLock>0x42804000, 267</PerfLock></Profile>
+        <Profile name="DYN_GPU_2"><PerfLock>0x42804000, 180</PerfLock></Profile>
+        </Profiles></Feature>)");
+    // 350 MHz of work: 430 MHz serves it within the model's 90% target.
+    const std::string scenario = write("s.json", R"({"duration": 30, "apps": {"g": "game"},
+        "gpu": {"frequencies_mhz": [180, 850], "trace": [{"t": 0, "freq_mhz": 350, "busy": 100}]},
+        "events": [{"t": 1, "event": "hint 2 1"}, {"t": 2, "event": "start g/.Main"}]})");
+    const std::string recordingPath = mDir + "/recording.json";
+    const ToolRun run =
+            this->run({scenario, "--config", config, "--device", source("configs/sim/phone.json"),
+                       "--quiet", "--recording", recordingPath});
+    ASSERT_EQ(run.status, 0) << run.err;
+    std::string text;
+    std::string error;
+    pwr::sim::Recording recording;
+    ASSERT_TRUE(android::base::ReadFileToString(recordingPath, &text));
+    ASSERT_TRUE(pwr::sim::RecordingJson::parseText(text, recordingPath, &recording, &error))
+            << error;
+    // The cap reads as an underused GPU: the feature then takes the lowest profile too.
+    struct Step {
+        const char* profile;
+        double before, after;
+    };
+    const Step steps[] = {{"DYN_GPU_1", 430, 267}, {"DYN_GPU_2", 267, 180}};
+    ASSERT_EQ(recording.locks.size(), std::size(steps));
+    const pwr::sim::CounterTrack& clock = recording.counters.at(pwr::sim::kCounterGpuFreq);
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        const pwr::sim::LockSlice& lock = recording.locks[i];
+        EXPECT_EQ(lock.name, steps[i].profile);
+        EXPECT_EQ(clock.at(lock.startMs), steps[i].before) << lock.name;
+        EXPECT_EQ(clock.at(lock.startMs + 500), steps[i].after) << lock.name;
+    }
+}
+
+TEST_F(PwrSimTest, Sweep_WritesARowPerRunAndChecksKeysFirst) {
+    // The sweep starts pwr-sim again for each run; under qemu-user without binfmt_misc the
+    // kernel cannot run the cross-built program by itself.
+    if (getenv("PWR_TEST_EMULATOR") != nullptr) GTEST_SKIP() << "runs start pwr-sim natively";
+    const std::string out = mDir + "/sweep";
+    const std::vector<std::string> common = {"sweep",
+                                             "--config",
+                                             source("configs/game.xml"),
+                                             "--device",
+                                             source("configs/sim/phone.json"),
+                                             "--out",
+                                             out};
+    std::vector<std::string> bad = common;
+    bad.insert(bad.end(), {"--set", "GPU_THRESHOLD=1,2", source("configs/sim/game-climb.json")});
+    const ToolRun refused = run(bad);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.err, HasSubstr("game.xml: no <Config name=\"GPU_THRESHOLD\"> to sweep"));
+
+    std::vector<std::string> args = common;
+    args.insert(args.end(),
+                {"--set", "GPU_Freq_THRESHOLD_LOW=250,300", source("configs/sim/game-climb.json")});
+    const ToolRun done = run(args);
+    ASSERT_EQ(done.status, 0) << done.err;
+    std::string csv;
+    ASSERT_TRUE(android::base::ReadFileToString(out + "/sweep.csv", &csv));
+    std::vector<std::string> rows;
+    std::istringstream in(csv);
+    for (std::string line; std::getline(in, line);) rows.push_back(line);
+    ASSERT_EQ(rows.size(), 3u) << csv;
+    // The 300 MHz threshold keeps the saving profile through the climb and saturates more.
+    EXPECT_THAT(rows[1], HasSubstr(",250,ok,"));
+    EXPECT_THAT(rows[2], HasSubstr(",300,ok,"));
+    EXPECT_TRUE(std::filesystem::exists(out + "/tradeoff.svg"));
+}
