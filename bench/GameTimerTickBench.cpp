@@ -119,7 +119,7 @@ void BM_GameTimerTick(benchmark::State& state) {
     const uint64_t allocations = gAllocations.load(std::memory_order_relaxed) - before;
     state.counters["allocs/tick"] =
             static_cast<double>(allocations) / static_cast<double>(state.iterations());
-    if (!PSMPowerOptFeatureTestPeer(*gFeature).gpuEvaluating()) {
+    if (PSMPowerOptFeatureTestPeer(*gFeature).snapshot().gpuPhase != PSM_GPU_PHASE_EVALUATING) {
         state.SkipWithError("the monitor left the evaluating phase");
     }
 }
@@ -170,10 +170,12 @@ int main(int argc, char** argv) {
 
     // A game has come to the foreground: tick until the monitor evaluates with a full list.
     feature->initGpuSamples();
-    for (int i = 0; i < 100 && !(peer.gpuEvaluating() && peer.gpuSamples().size() == 10u); ++i) {
+    for (int i = 0; i < 100 && !((peer.snapshot().gpuPhase == PSM_GPU_PHASE_EVALUATING) &&
+                                 peer.gpu().samples().size() == 10u);
+         ++i) {
         PSMPowerOptFeature::gametimerCallBack(gFeature);
     }
-    if (!peer.gpuEvaluating()) {
+    if (!(peer.snapshot().gpuPhase == PSM_GPU_PHASE_EVALUATING)) {
         fprintf(stderr, "the monitor did not reach the evaluating phase\n");
         return 1;
     }

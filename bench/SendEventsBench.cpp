@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "bench/BenchSupport.h"
+#include "feature/FeatureCodes.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -105,8 +106,8 @@ void BM_Feature_GameStartStop(benchmark::State& state) {
     quietLibrary();
     auto feature = gamingFeature();
     if (feature == nullptr) return state.SkipWithError("feature not registered");
-    const AsyncTriggerPayload start = payload(0x1001);
-    const AsyncTriggerPayload stop = payload(0x1002);
+    const AsyncTriggerPayload start = payload(pwr::codes::kAppStart);
+    const AsyncTriggerPayload stop = payload(pwr::codes::kAppStop);
     for (auto _ : state) {
         feature->sendEvents(start);
         feature->sendEvents(stop);
@@ -134,12 +135,12 @@ void BM_Feature_GameStartStopReleasingProfile(benchmark::State& state) {
     auto feature = gamingFeature();
     if (feature == nullptr) return state.SkipWithError("feature not registered");
     PSMPowerOptFeatureTestPeer peer(*feature);
-    const AsyncTriggerPayload start = payload(0x1001);
-    const AsyncTriggerPayload stop = payload(0x1002);
+    const AsyncTriggerPayload start = payload(pwr::codes::kAppStart);
+    const AsyncTriggerPayload stop = payload(pwr::codes::kAppStop);
     std::vector<int> list = kGameProfile[0];
     for (auto _ : state) {
         feature->sendEvents(start);
-        peer.setHeldProfileHandle(
+        peer.profileLock().adopt(
                 perf_lock_acq(0, INT_MAX, list.data(), static_cast<int>(list.size())));
         feature->sendEvents(stop);
     }

@@ -5,34 +5,29 @@
 
 #include <utility>
 
-#include "platform/Log.h"
+#include "feature/FeatureCodes.h"
+#include "feature/LogSites.h"
 #include "platform/PowerOptClassifier.h"
 
-using pwr::kModFeature;
-
-namespace {
-constexpr int kTypeGame = 2;
-constexpr int kTypeBrowser = 3;
-constexpr int kTypeOtherEligible = 5;
-}  // namespace
+using pwr::codes::kAppTypeBrowser;
+using pwr::codes::kAppTypeGame;
+using pwr::codes::kAppTypeVideo;
 
 bool PSMPowerOptFeature::isGame(std::string app) {
     if (mPowerOptClassifier == nullptr) return false;
     // The key is needed after the query only for the debug line; otherwise it is handed over.
     const int type = mPowerOptClassifier->getAppType(debugEnabled ? app : std::move(app));
-    if (type != kTypeGame) return false;
+    if (type != kAppTypeGame) return false;
     // The word isPSMType in this line is what log readers have always seen from isGame.
-    if (debugEnabled) PWR_LOG(kModFeature, "isGame", 610, "%s isPSMType = %d", app.c_str(), type);
+    if (debugEnabled) PWR_LOG_AT(pwr::site::kIsGame, app.c_str(), type);
     return true;
 }
 
 bool PSMPowerOptFeature::isPSMType(std::string app) {
     if (mPowerOptClassifier == nullptr) return false;
     const int type = mPowerOptClassifier->getAppType(debugEnabled ? app : std::move(app));
-    if (debugEnabled) {
-        PWR_LOG(kModFeature, "isPSMType", 809, "%s isPSMType = %d", app.c_str(), type);
-    }
-    if (type != kTypeGame && type != kTypeBrowser && type != kTypeOtherEligible) return false;
+    if (debugEnabled) PWR_LOG_AT(pwr::site::kIsPsmType, app.c_str(), type);
+    if (type != kAppTypeGame && type != kAppTypeBrowser && type != kAppTypeVideo) return false;
     mPsmAppType = type;
     return true;
 }
@@ -40,10 +35,8 @@ bool PSMPowerOptFeature::isPSMType(std::string app) {
 bool PSMPowerOptFeature::isBrowser(std::string app) {
     if (mPowerOptClassifier == nullptr) return false;
     const int type = mPowerOptClassifier->getAppType(debugEnabled ? app : std::move(app));
-    if (debugEnabled) {
-        PWR_LOG(kModFeature, "isBrowser", 823, "%s isBrowser = %d", app.c_str(), type);
-    }
-    return type == kTypeBrowser;
+    if (debugEnabled) PWR_LOG_AT(pwr::site::kIsBrowser, app.c_str(), type);
+    return type == kAppTypeBrowser;
 }
 
 bool PSMPowerOptFeature::isIgnored(std::string app) {

@@ -1,133 +1,139 @@
-// Deep mode, the strongest power-saving step: low-power entry arms a 1.5 s timer that takes the
-// deep profile's lock and, once it is held, stops itself and applies the configured properties.
-// The set-up also reads the battery monitor's settings, creates its timer and opens the state
-// store.
+#include "feature/DeepMode.h"
 
 #include <map>
 
-#include "feature/PSMPowerOptFeature.h"
+#include "feature/FeatureSnapshot.h"
+#include "feature/LogSites.h"
 
-#include "platform/Log.h"
-
-using pwr::kModFeature;
-
-bool PSMPowerOptFeature::initDeepMode(PowerOptFeatureInfo& info) {
-    mBatteryTimerStruct = Timer().Timer_create(&PSMPowerOptFeature::batterytimerCallBack, this);
-    if (mBatteryTimerStruct == nullptr) {
-        PWR_LOG(kModFeature, "initDeepMode", 189, "TimerStruct is nullptr !!");
-        return false;
-    }
-
-    // Missing numbers are refused without a message; unparsable ones throw out of the
-    // constructor, as every configuration number does. The destructor does not run then, so the
-    // battery timer is deleted here before the exception leaves.
-    const std::pair<const char*, int*> numbers[] = {
-            {"VIDEO_SCALING_UP", &mVideoScalingUp},
-            {"BROWSER_SCALING_UP", &mBrowserScalingUp},
-            {"GAME_SCALING_UP", &mGameScalingUp},
-            {"VIDEO_SCALING_DOWN", &mVideoScalingDown},
-            {"BROWSER_SCALING_DOWN", &mBrowserScalingDown},
-            {"GAME_SCALING_DOWN", &mGameScalingDown},
-            {"MAX_SAMPLE_NUM", &mMaxSampleNum},
-            {"SCALING_DOWN_TASK_LOAD_BOOST", &taskLoadBoostScale},
-    };
-    for (const auto& [key, field] : numbers) {
-        auto it = info.configs.find(key);
-        if (it == info.configs.end()) return false;
-        try {
-            *field = std::stoi(it->second, nullptr, 10);
-        } catch (...) {
-            Timer().Timer_destroy(mBatteryTimerStruct);
-            mBatteryTimerStruct = nullptr;
-            throw;
-        }
-    }
-
-    // Required, though nothing reads them afterwards.
-    auto cpuNode = info.configs.find("CPUNODE");
-    if (cpuNode == info.configs.end()) return false;
-    mCpuNode = cpuNode->second;
-    auto cpuPolicy = info.configs.find("CPUPOLICY");
-    if (cpuPolicy == info.configs.end()) return false;
-    mCpuPolicy = cpuPolicy->second;
-
-    // operator[] on purpose: an absent profile reads as empty, as the host's own lookups do.
-    mDeepProfile = info.profiles["DEFAULT"];
-    if (mDeepProfile.empty()) {
-        PWR_LOG(kModFeature, "initDeepMode", 228, "No Deep Profile specified\n");
-        return false;
-    }
-    // The boost needs an opcode: the first int of the first list.
-    taskBoostOpcodes = info.profiles["PSM_OPT_RESOURCE"];
-    if (taskBoostOpcodes.empty() || taskBoostOpcodes[0].empty()) {
-        PWR_LOG(kModFeature, "initDeepMode", 234, "No TASK_LOAD_BOOST opcode specified\n");
-        return false;
-    }
-
+bool DeepMode::configure(PowerOptFeatureInfo& info, std::vector<std::string>& ignoredApps) {
     // Every profile, in the order of the profiles' names.
     const std::map<std::string, Profile> byName(info.profiles.begin(), info.profiles.end());
     for (const auto& [name, profile] : byName) {
-        PWR_LOG(kModFeature, "initDeepMode", 240, " ProfileList %s", name.c_str());
+        PWR_LOG_AT(pwr::site::kProfileListEntry, name.c_str());
         mProfileList.push_back(profile);
     }
     if (mProfileList.empty()) {
-        PWR_LOG(kModFeature, "initDeepMode", 245, "No DEFAULT Profile specified\n");
+        PWR_LOG_AT(pwr::site::kNoProfileList);
         return false;
     }
 
     // Every setting except "PSM" is taken as comma-separated property name/value pairs, the
     // scalar settings included: the configuration carries its property pairs among them.
     for (const auto& [key, value] : info.configs) {
-        PWR_LOG(kModFeature, "initDeepMode", 252, " PropsList %s", key.c_str());
-        if (key == "PSM") continue;
-        ConvertToStringArray(value.c_str(), mPropList);
+        PWR_LOG_AT(pwr::site::kPropsListEntry, key.c_str());
+        if (key == pwr::settings::kPropertyListExcluded) continue;
+        mProperties.ConvertToStringArray(value.c_str(), mPropList);
     }
     if (mPropList.empty()) {
-        PWR_LOG(kModFeature, "initDeepMode", 262, "No Prop specified\n");
+        PWR_LOG_AT(pwr::site::kNoProps);
         return false;
     }
 
-    mIgnoredApps = info.appList;
-    pmDbInit();
+    ignoredApps = info.appList;
+    mStore.pmDbInit();
     return true;
 }
 
-void PSMPowerOptFeature::deeptimerCallBack(void* feature) {
-    if (feature == nullptr) return;
-    static_cast<PSMPowerOptFeature*>(feature)->onDeepTimer();
+void DeepMode::lowPowerInit(void (*callback)(void*), void* argument) {
+    const char previous = mStore.pmDbRead("PSM");
+    // Only the low byte of the setting counts.
+    const auto deepMode = static_cast<unsigned char>(mSettings.mDeepMode & 0xFF);
+    if (deepMode == 0) {
+        if (previous == '1') mProperties.releaseProp(mPropList);
+    } else {
+        // One deep-mode timer at a time: an earlier one (still retrying, or done) is deleted, and
+        // a callback of it still running waited for, before its replacement exists, so that it
+        // can never fire again and the destructor deletes the only one left.
+        takeTimer().reset();
+        pwr::TimerHandle created(callback, argument);
+        Timer_s* const deepTimer = created.get();
+        bool started = false;
+        {
+            pwr::MutexLock lock(mDeepTimerMutex);
+            mDeepTimerStruct = std::move(created);
+            mDeepTimerStructCopy = deepTimer;
+            pwr::MutexLock timerLock(timerMutex);
+            if (deepTimer != nullptr && !deepTimer->active) {
+                // First expiry after 1.5 s, then every 1.5 s until the deep profile is held.
+                itimerspec spec{};
+                spec.it_value.tv_sec = 1;
+                spec.it_value.tv_nsec = 500000000;
+                spec.it_interval = spec.it_value;
+                if (timer_settime(deepTimer->timerId, 0, &spec, nullptr) == 0) {
+                    deepTimer->active = true;
+                    started = true;
+                }
+            }
+        }
+        if (mDebugEnabled) {
+            PWR_LOG_AT(pwr::site::kDeepTimerStarted);
+            if (!started) PWR_LOG_AT(pwr::site::kDeepTimerNotStarted);
+        }
+    }
+    mStore.pmDbWrite("PSM", static_cast<char>('0' + deepMode));
 }
 
-void PSMPowerOptFeature::onDeepTimer() {
-    applyProfileLock(mDeepProfile);
+void DeepMode::onTimer() {
+    mProfileLock.applyProfileLock(mSettings.mDeepProfile);
+    // Not granted: the timer fires again and the acquisition is retried.
+    if (mProfileLock.held() < 1) return;
     {
-        pwr::MutexLock lock(profileMutex);
-        // Not granted: the timer fires again and the acquisition is retried.
-        if (heldProfileHandle < 1) return;
+        // Deep mode is applied once per arming.
+        pwr::MutexLock lock(mDeepTimerMutex);
+        Timer().Timer_disable(mDeepTimerStruct.get());
     }
-    // Deep mode is applied once per arming.
-    Timer().Timer_disable(mDeepTimerStruct.load());
 
-    if (debugEnabled) {
-        PWR_LOG(kModFeature, "readAndApplyProp", 848, "Prop size %lu",
-                static_cast<unsigned long>(mPropList.size()));
-    }
-    mPropResult = mPropList.empty()
-                          ? -1
-                          : applyProp(mPropList.data(), static_cast<int>(mPropList.size()), 0);
+    if (mDebugEnabled)
+        PWR_LOG_AT(pwr::site::kPropSize, static_cast<unsigned long>(mPropList.size()));
+    mPropResult = mPropList.empty() ? -1
+                                    : mProperties.applyProp(mPropList.data(),
+                                                            static_cast<int>(mPropList.size()));
 
     mDeepModeState = kDeepModeApplied;
-    if (debugEnabled) {
-        PWR_LOG(kModFeature, "deeptimerCallBack", 1226, "Timer disabled, Current state: %d",
-                kDeepModeApplied);
-    }
+    if (mDebugEnabled) PWR_LOG_AT(pwr::site::kDeepTimerDisabled, kDeepModeApplied);
 }
 
-void PSMPowerOptFeature::resetDeepMode() {
-    if (debugEnabled) PWR_LOG(kModFeature, "resetDeepMode", 1238, "Reset");
+void DeepMode::resetDeepMode() {
+    if (mDebugEnabled) PWR_LOG_AT(pwr::site::kResetDeepMode);
     mDeepModeState = 0;
     // A result of 0 means the last property read was empty: nothing to put back. -1 (nothing
     // was applied) still releases.
     if (mPropResult == 0) return;
-    releaseProp(mPropList);
+    mProperties.releaseProp(mPropList);
     // The profile lock stays: event dispatch releases it.
+}
+
+void DeepMode::disarmTimer() {
+    pwr::MutexLock lock(mDeepTimerMutex);
+    Timer().Timer_disable(mDeepTimerStruct.get());
+}
+
+void DeepMode::releaseTimer() {
+    takeTimer().reset();
+}
+
+pwr::TimerHandle DeepMode::takeTimer() {
+    pwr::MutexLock lock(mDeepTimerMutex);
+    mDeepTimerStructCopy = nullptr;
+    return std::move(mDeepTimerStruct);
+}
+
+std::pair<Timer_s*, Timer_s*> DeepMode::timers() {
+    pwr::MutexLock lock(mDeepTimerMutex);
+    return {mDeepTimerStruct.get(), mDeepTimerStructCopy};
+}
+
+void DeepMode::adoptTimer(pwr::TimerHandle timer) {
+    takeTimer().reset();
+    pwr::MutexLock lock(mDeepTimerMutex);
+    mDeepTimerStructCopy = timer.get();
+    mDeepTimerStruct = std::move(timer);
+}
+
+void DeepMode::fillSnapshot(PSMFeatureSnapshot* out) {
+    out->deepModeState = mDeepModeState;
+    out->propResult = mPropResult;
+    pwr::MutexLock lock(mDeepTimerMutex);
+    out->deepTimerExists = mDeepTimerStruct ? 1 : 0;
+    out->deepTimerArmed = Timer().Timer_isActive(mDeepTimerStruct.get()) ? 1 : 0;
 }

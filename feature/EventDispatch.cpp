@@ -7,25 +7,12 @@
 
 #include "feature/PSMPowerOptFeature.h"
 
-#include "platform/Log.h"
+#include "feature/FeatureCodes.h"
+#include "feature/LogSites.h"
 
-using pwr::kModFeature;
+namespace codes = pwr::codes;
 
 namespace {
-
-constexpr int32_t kAppStart = 0x1001;
-constexpr int32_t kAppStartAlt = 0x1003;
-constexpr int32_t kAppStop = 0x1002;
-constexpr int32_t kAppStopAlt = 0x1004;
-constexpr int32_t kAppStopOther = 0x1093;
-constexpr int32_t kGameOff = 0x1040;
-constexpr int32_t kUsablePowerModeHint = 0x15E0;
-
-constexpr int kModeGaming = 2;
-constexpr int kModeBatteryWatch = 3;
-
-constexpr int kGameStateOn = 1;
-constexpr int kGameStateOff = 2;
 
 // The battery timer samples once a second.
 constexpr int kBatteryPeriodMs = 1000;
@@ -40,42 +27,22 @@ std::string appKey(std::string appName) {
 
 }  // namespace
 
-int PSMPowerOptFeature::psmMode() {
-    pwr::MutexLock lock(mStateMutex);
-    return mPsmMode;
-}
-
-int PSMPowerOptFeature::gameState() {
-    pwr::MutexLock lock(mStateMutex);
-    return mGameState;
-}
-
-void PSMPowerOptFeature::setPsmMode(int mode) {
-    pwr::MutexLock lock(mStateMutex);
-    mPsmMode = mode;
-}
-
-void PSMPowerOptFeature::setGameState(int state) {
-    pwr::MutexLock lock(mStateMutex);
-    mGameState = state;
-}
-
 void PSMPowerOptFeature::sendEvents(AsyncTriggerPayload payload) {
     if (!mReady) return;
     switch (payload.hintId) {
-        case kAppStart:
-        case kAppStartAlt:
+        case codes::kAppStart:
+        case codes::kAppStartAlt:
             handleStart(appKey(std::move(payload.appName)));
             break;
-        case kAppStop:
-        case kAppStopAlt:
-        case kAppStopOther:
+        case codes::kAppStop:
+        case codes::kAppStopAlt:
+        case codes::kAppStopOther:
             handleStop(payload);
             break;
-        case kGameOff:
+        case codes::kGameOff:
             handleGameOff();
             break;
-        case kUsablePowerModeHint:
+        case codes::kUsablePowerModeHint:
             handlePowerModeHint(payload);
             break;
         default:
@@ -85,100 +52,97 @@ void PSMPowerOptFeature::sendEvents(AsyncTriggerPayload payload) {
 
 void PSMPowerOptFeature::handleStart(std::string key) {
     Timer timer;
-    const int mode = psmMode();
-    if (mode == kModeGaming) {
-        if (mGpuMode == 0) return;
+    const int mode = mModeState.psmMode();
+    if (mode == codes::kModeGaming) {
+        if (mSettings.mGpuMode == 0) return;
         if (isGame(std::move(key))) {
-            if (gameState() == kGameStateOn) return;
-            PWR_LOG(kModFeature, "sendEvents", 398, "Triggering Gaming Usable Mode.");
+            if (mModeState.gameState() == codes::kGameStateOn) return;
+            PWR_LOG_AT(pwr::site::kGamingOn);
             initGpuSamples();
-            timer.Timer_disable(mGameTimerStruct);
-            if (!timer.Timer_scheduleInterval(mGameTimerStruct, mGameTimerMs)) {
-                PWR_LOG(kModFeature, "sendEvents", 404, "Timer couldn't be started\n");
+            timer.Timer_disable(mGpuMonitor.timer());
+            if (!timer.Timer_scheduleInterval(mGpuMonitor.timer(), mSettings.mGameTimerMs)) {
+                PWR_LOG_AT(pwr::site::kGameTimerNotStarted);
             }
             // Set even when the timer failed, so the next start of a game does not retry.
-            setGameState(kGameStateOn);
+            mModeState.setGameState(codes::kGameStateOn);
         } else {
-            if (gameState() == kGameStateOff) return;
-            PWR_LOG(kModFeature, "sendEvents", 408, "Disable Game feature for non-game case.");
-            timer.Timer_disable(mGameTimerStruct);
+            if (mModeState.gameState() == codes::kGameStateOff) return;
+            PWR_LOG_AT(pwr::site::kGamingOffNonGame);
+            timer.Timer_disable(mGpuMonitor.timer());
             releaseProfileLock();
-            setGameState(kGameStateOff);
+            mModeState.setGameState(codes::kGameStateOff);
         }
-    } else if (mode == kModeBatteryWatch) {
+    } else if (mode == codes::kModeBatteryWatch) {
         const bool eligible = isPSMType(std::move(key));
-        timer.Timer_disable(mBatteryTimerStruct);
+        timer.Timer_disable(mBatteryMonitor.timer());
         // The tasks boosted for the app that was in front lose their boost.
         ResetBattery();
-        if (eligible && !timer.Timer_scheduleInterval(mBatteryTimerStruct, kBatteryPeriodMs)) {
-            PWR_LOG(kModFeature, "sendEvents", 421, "Battery Timer couldn't be started\n");
+        if (eligible && !timer.Timer_scheduleInterval(mBatteryMonitor.timer(), kBatteryPeriodMs)) {
+            PWR_LOG_AT(pwr::site::kBatteryTimerNotStarted);
         }
     }
 }
 
 void PSMPowerOptFeature::handleStop(AsyncTriggerPayload& payload) {
     Timer timer;
-    const int mode = psmMode();
-    if (mode == kModeGaming) {
-        if (gameState() == kGameStateOff) return;
-        PWR_LOG(kModFeature, "sendEvents", 449, "Stop hint %d for: %s", payload.hintId,
-                payload.appName.c_str());
-        timer.Timer_disable(mGameTimerStruct);
+    const int mode = mModeState.psmMode();
+    if (mode == codes::kModeGaming) {
+        if (mModeState.gameState() == codes::kGameStateOff) return;
+        PWR_LOG_AT(pwr::site::kStopHint, payload.hintId, payload.appName.c_str());
+        timer.Timer_disable(mGpuMonitor.timer());
         releaseProfileLock();
-        setGameState(kGameStateOff);
-    } else if (mode == kModeBatteryWatch) {
+        mModeState.setGameState(codes::kGameStateOff);
+    } else if (mode == codes::kModeBatteryWatch) {
         if (isPSMType(appKey(std::move(payload.appName)))) {
-            timer.Timer_disable(mBatteryTimerStruct);
+            timer.Timer_disable(mBatteryMonitor.timer());
             ResetBattery();
         }
     }
 }
 
 void PSMPowerOptFeature::handleGameOff() {
-    if (psmMode() != kModeGaming) return;
-    if (gameState() == kGameStateOff) return;
+    if (mModeState.psmMode() != codes::kModeGaming) return;
+    if (mModeState.gameState() == codes::kGameStateOff) return;
     releaseProfileLock();
-    Timer().Timer_disable(mGameTimerStruct);
-    setGameState(kGameStateOff);
+    Timer().Timer_disable(mGpuMonitor.timer());
+    mModeState.setGameState(codes::kGameStateOff);
 }
 
 void PSMPowerOptFeature::handlePowerModeHint(const AsyncTriggerPayload& payload) {
-    if (mPsmState != 0) {
+    if (mSettings.mPsmState != 0) {
         // A configured PSM_STATE owns the mode; hints may not change it.
-        PWR_LOG(kModFeature, "sendEvents", 354, "Control PSM mode swiching by XML.");
+        PWR_LOG_AT(pwr::site::kXmlOwnsMode);
         return;
     }
-    const int action = static_cast<int>((payload.hintType >> 7) & 0xFF);
-    const int type = static_cast<int>(payload.hintType & 0x7F);
+    const int action = static_cast<int>(codes::hintAction(payload.hintType));
+    const int type = static_cast<int>(codes::hintType(payload.hintType));
     if (action == 0) return;
     if (debugEnabled) {
-        PWR_LOG(kModFeature, "sendEvents", 362,
-                "Usable power mode hint for app %s, hintID : %d, hintType hex : %x, psmAction: "
-                "%d, psmType: %d",
-                payload.appName.c_str(), payload.hintId, payload.hintType, action, type);
+        PWR_LOG_AT(pwr::site::kPowerModeHint, payload.appName.c_str(), payload.hintId,
+                   payload.hintType, action, type);
     }
     switch (type) {
-        case 0:
+        case codes::kModeOff:
             releaseProfileLock();
-            setPsmMode(0);
+            mModeState.setPsmMode(codes::kModeOff);
             leaveLowPowerMode();
             break;
-        case 1:
+        case codes::kModeLight:
             releaseProfileLock();
-            applyProfileLock(mLightModeProfile);
-            setPsmMode(1);
+            applyProfileLock(mSettings.mLightModeProfile);
+            mModeState.setPsmMode(codes::kModeLight);
             leaveLowPowerMode();
             break;
-        case 2:
+        case codes::kModeGaming:
             releaseProfileLock();
-            setPsmMode(2);
+            mModeState.setPsmMode(codes::kModeGaming);
             leaveLowPowerMode();
             break;
-        case 3:
+        case codes::kHintLowPower:
             releaseProfileLock();
             // Re-applying over an applied deep mode would save deep mode's own values as the
             // ones to put back.
-            if (mDeepModeState == kDeepModeApplied) resetDeepMode();
+            if (mDeepMode.applied()) resetDeepMode();
             lowPowerInit();
             break;
         default:
@@ -189,9 +153,9 @@ void PSMPowerOptFeature::handlePowerModeHint(const AsyncTriggerPayload& payload)
 void PSMPowerOptFeature::leaveLowPowerMode() {
     // A deep-mode timer still waiting for its lock must not engage after the device has left.
     // (A callback already running on the timer's thread is not waited for.)
-    Timer().Timer_disable(mDeepTimerStruct.load());
+    mDeepMode.disarmTimer();
     // Only an applied deep mode is reset: a second reset would find the saved values consumed
     // and clear the properties.
-    if (mDeepModeState == kDeepModeApplied) resetDeepMode();
+    if (mDeepMode.applied()) resetDeepMode();
     ResetBattery();
 }

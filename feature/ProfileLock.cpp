@@ -1,70 +1,75 @@
-// Profile locks. The feature holds at most one profile lock at a time (heldProfileHandle, under
-// profileMutex); the plain applyProfile/releaseProfile pair serves the per-process task boosts.
-//
-// Applying treats any handle below 1 as "none held", releasing treats only -1 so; the two agree
-// because heldProfileHandle only ever holds -1 or a granted (positive) handle.
+#include "feature/ProfileLock.h"
 
 #include <climits>
 
-#include "feature/PSMPowerOptFeature.h"
-
-#include "platform/Log.h"
+#include "feature/LogSites.h"
 #include "platform/PowerHelper.h"
 
-using pwr::kModFeature;
-
-int PSMPowerOptFeature::applyProfile(int* list, int count, int duration) {
+int ProfileLock::applyProfile(int* list, int count, int duration) const {
     int result = -1;
-    if (powerHelper != nullptr && PowerHelper::perflock_acq != nullptr) {
+    if (mPowerHelper != nullptr && PowerHelper::perflock_acq != nullptr) {
         result = PowerHelper::perflock_acq(0, duration, list, count);
     }
     if (result > 0) return result;
-    if (debugEnabled) {
-        PWR_LOG(kModFeature, "applyProfile", 954, "Failed to apply resource, handle = %d", result);
-    }
+    if (mDebugEnabled) PWR_LOG_AT(pwr::site::kApplyFailed, result);
     return result;
 }
 
-void PSMPowerOptFeature::releaseProfile(int handle) {
-    if (handle == -1 || powerHelper == nullptr) return;
-    if (debugEnabled) PWR_LOG(kModFeature, "releaseProfile", 964, "Releasing handle:%d", handle);
+void ProfileLock::releaseProfile(int handle) const {
+    if (handle == -1 || mPowerHelper == nullptr) return;
+    if (mDebugEnabled) PWR_LOG_AT(pwr::site::kReleasingHandle, handle);
     if (PowerHelper::perflock_rel != nullptr) PowerHelper::perflock_rel(handle);
 }
 
-int PSMPowerOptFeature::readAndApplyProfile(Profile& profile, int duration) {
-    PWR_LOG(kModFeature, "readAndApplyProfile", 899, "Profile size %d",
-            static_cast<int>(profile.size()));
+int ProfileLock::readAndApplyProfile(const Profile& profile, int duration) const {
+    PWR_LOG_AT(pwr::site::kProfileSize, static_cast<int>(profile.size()));
     if (profile.empty()) return -1;
     // Only the first list of a profile is ever applied.
     std::vector<int> list = profile[0];
-    PWR_LOG(kModFeature, "readAndApplyProfile", 909, " Array size %d",
-            static_cast<int>(list.size()));
+    PWR_LOG_AT(pwr::site::kProfileArraySize, static_cast<int>(list.size()));
     if (list.empty()) return -1;
     int result = -1;
     if (PowerHelper::perflock_acq != nullptr) {
         result = PowerHelper::perflock_acq(0, duration, list.data(), static_cast<int>(list.size()));
     }
-    if (result <= 0) {
-        PWR_LOG(kModFeature, "readAndApplyProfile", 918, "Failed to apply resource, handle = %d",
-                result);
-    }
+    if (result <= 0) PWR_LOG_AT(pwr::site::kProfileApplyFailed, result);
     return result;
 }
 
-void PSMPowerOptFeature::applyProfileLock(Profile& profile) {
-    PWR_LOG(kModFeature, "applyProfileLock", 936, "Trying to applyProfileLock.");
+void ProfileLock::logApplyAttempt() {
+    PWR_LOG_AT(pwr::site::kTryingProfileLock);
+}
+
+void ProfileLock::applyProfileLock(const Profile& profile) {
+    logApplyAttempt();
     pwr::MutexLock lock(profileMutex);
+    applyLocked(profile);
+}
+
+void ProfileLock::applyLocked(const Profile& profile) {
     if (heldProfileHandle >= 1) return;  // callers switching profiles release first
-    // The library call is made under the lock so that a release can never overtake it.
     const int handle = readAndApplyProfile(profile, INT_MAX);
     if (handle >= 1) heldProfileHandle = handle;
 }
 
-void PSMPowerOptFeature::releaseProfileLock() {
+void ProfileLock::releaseProfileLock() {
     pwr::MutexLock lock(profileMutex);
+    releaseLocked();
+}
+
+void ProfileLock::releaseLocked() {
     if (heldProfileHandle == -1) return;
-    PWR_LOG(kModFeature, "releaseProfileLock", 929, "Releasing profile, handle = %d",
-            heldProfileHandle);
+    PWR_LOG_AT(pwr::site::kReleasingProfile, heldProfileHandle);
     if (PowerHelper::perflock_rel != nullptr) PowerHelper::perflock_rel(heldProfileHandle);
     heldProfileHandle = -1;
+}
+
+int ProfileLock::held() {
+    pwr::MutexLock lock(profileMutex);
+    return heldProfileHandle;
+}
+
+void ProfileLock::adopt(int handle) {
+    pwr::MutexLock lock(profileMutex);
+    heldProfileHandle = handle;
 }

@@ -17,6 +17,10 @@ bool PluginHost::load(const std::string& library, std::string* error) {
     return true;
 }
 
+void* PluginHost::symbol(const char* name) const {
+    return mPlugin != nullptr ? dlsym(mPlugin.get(), name) : nullptr;
+}
+
 PowerOptFeatureFactory PluginHost::findFactory(const std::string& featureName) {
     auto* registry = PowerOptFeature::mFeatureMapInstanceList;
     if (registry == nullptr) return nullptr;

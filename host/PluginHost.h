@@ -22,6 +22,9 @@ class PluginHost {
     // Loads a plug-in library by file name or path. False (with `error` set) when it cannot be.
     bool load(const std::string& library, std::string* error);
 
+    // An exported symbol of the loaded plug-in (dlsym on its handle), or null.
+    void* symbol(const char* name) const;
+
     // The factory registered under `featureName`, or null.
     static PowerOptFeatureFactory findFactory(const std::string& featureName);
 

@@ -7,6 +7,8 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <type_traits>
 
 namespace pwr {
 
@@ -56,11 +58,71 @@ inline void appendInt(char* buffer, size_t* used, int value) {
 // True when every conversion of `format` is a bare %d, %x, %s or %%, which appendSimple formats
 // exactly as printf does; anything else (flags, width, precision, length, other conversions)
 // goes to vsnprintf.
-inline bool isSimpleFormat(const char* format) {
-    for (const char* p = strchr(format, '%'); p != nullptr; p = strchr(p + 2, '%')) {
-        if (strchr("dxs%", p[1]) == nullptr || p[1] == '\0') return false;
+constexpr bool isSimpleFormat(const char* format) {
+    for (const char* p = format; *p != '\0'; ++p) {
+        if (*p != '%') continue;
+        const char c = p[1];
+        if (c != 'd' && c != 'x' && c != 's' && c != '%') return false;
+        ++p;
     }
     return true;
+}
+
+// What a printf conversion reads, and what an argument passes.
+enum class ArgKind { Int, Long, Double, Text, Other };
+
+template <typename T>
+constexpr ArgKind argKind() {
+    using U = std::decay_t<T>;
+    if constexpr (std::is_same_v<U, bool> || std::is_same_v<U, char> ||
+                  std::is_same_v<U, signed char> || std::is_same_v<U, unsigned char> ||
+                  std::is_same_v<U, short> || std::is_same_v<U, unsigned short> ||
+                  std::is_same_v<U, int> || std::is_same_v<U, unsigned>) {
+        return ArgKind::Int;
+    } else if constexpr (std::is_same_v<U, long> || std::is_same_v<U, unsigned long>) {
+        return ArgKind::Long;
+    } else if constexpr (std::is_same_v<U, double> || std::is_same_v<U, float>) {
+        return ArgKind::Double;
+    } else if constexpr (std::is_same_v<U, const char*> || std::is_same_v<U, char*>) {
+        return ArgKind::Text;
+    } else {
+        return ArgKind::Other;
+    }
+}
+
+// True when the arguments fit the conversions of `format` one to one, as -Wformat would check
+// for a literal format (flags, width and precision digits are skipped).
+template <typename... Args>
+constexpr bool formatAccepts(const char* format) {
+    constexpr ArgKind kinds[] = {argKind<Args>()..., ArgKind::Other};
+    size_t used = 0;
+    for (const char* p = format; *p != '\0'; ++p) {
+        if (*p != '%') continue;
+        ++p;
+        if (*p == '%') continue;
+        while (*p == '-' || *p == '+' || *p == ' ' || *p == '#' || *p == '.' ||
+               (*p >= '0' && *p <= '9')) {
+            ++p;
+        }
+        bool isLong = false;
+        if (*p == 'l') {
+            isLong = true;
+            ++p;
+        }
+        ArgKind wanted = ArgKind::Other;
+        if (*p == 'd' || *p == 'i' || *p == 'u' || *p == 'x' || *p == 'X' || *p == 'c') {
+            wanted = isLong ? ArgKind::Long : ArgKind::Int;
+        } else if (*p == 'f' || *p == 'g' || *p == 'e') {
+            wanted = ArgKind::Double;
+        } else if (*p == 's') {
+            wanted = ArgKind::Text;
+        }
+        if (wanted == ArgKind::Other || used >= sizeof...(Args) || kinds[used] != wanted) {
+            return false;
+        }
+        ++used;
+    }
+    return used == sizeof...(Args);
 }
 
 inline void appendSimple(char* buffer, size_t* used, const char* format, va_list args) {
@@ -94,36 +156,83 @@ inline void appendSimple(char* buffer, size_t* used, const char* format, va_list
 
 }  // namespace logdetail
 
+// One place in the code that writes a log line: the module word, the function word and the fixed
+// line number of its prefix, and the printf format of the message. Log readers and tests key on
+// these, so each lives in one named constant that the code, the tests and the tools share.
+struct LogSite {
+    const char* module;
+    const char* function;
+    int line;
+    const char* format;
+    bool simple;  // the format takes the fast path (see logdetail::isSimpleFormat)
+
+    constexpr LogSite(const char* moduleWord, const char* functionWord, int lineNumber,
+                      const char* messageFormat)
+        : module(moduleWord),
+          function(functionWord),
+          line(lineNumber),
+          format(messageFormat),
+          simple(logdetail::isSimpleFormat(messageFormat)) {}
+};
+
 // Writes "<module>: <function>() <line>: " followed by the printf-formatted message at error
 // priority under kLogTag, exactly as __android_log_print would with the prefix in its format.
 // Lines are written on the event path, so the common cases skip printf: the prefix is copied,
 // and bare %d, %x and %s conversions are formatted here; vsnprintf handles everything else.
-__attribute__((format(printf, 4, 5))) inline int logLine(const char* module, const char* function,
-                                                         int line, const char* format, ...) {
+// "<module>: <function>() <line>: ", the text every line of `site` starts with.
+inline std::string linePrefix(const LogSite& site) {
+    return std::string(site.module) + ": " + site.function + "() " + std::to_string(site.line) +
+           ": ";
+}
+
+inline int vlogLine(const LogSite& site, va_list args) {
     if (!__android_log_is_loggable(ANDROID_LOG_ERROR, kLogTag, ANDROID_LOG_VERBOSE)) {
         return -EPERM;
     }
     char buffer[logdetail::kLineMax];
     size_t used = 0;
-    logdetail::append(buffer, &used, module, strlen(module));
+    logdetail::append(buffer, &used, site.module, strlen(site.module));
     logdetail::append(buffer, &used, ": ", 2);
-    logdetail::append(buffer, &used, function, strlen(function));
+    logdetail::append(buffer, &used, site.function, strlen(site.function));
     logdetail::append(buffer, &used, "() ", 3);
-    logdetail::appendInt(buffer, &used, line);
+    logdetail::appendInt(buffer, &used, site.line);
     logdetail::append(buffer, &used, ": ", 2);
-    va_list args;
-    va_start(args, format);
-    if (logdetail::isSimpleFormat(format)) {
-        logdetail::appendSimple(buffer, &used, format, args);
+    if (site.simple) {
+        logdetail::appendSimple(buffer, &used, site.format, args);
     } else {
-        const int length = vsnprintf(buffer + used, logdetail::kLineMax - used, format, args);
+        const int length = vsnprintf(buffer + used, logdetail::kLineMax - used, site.format, args);
         if (length > 0) {
             used += std::min(static_cast<size_t>(length), logdetail::kLineMax - 1 - used);
         }
     }
-    va_end(args);
     buffer[used] = '\0';
     return __android_log_write(ANDROID_LOG_ERROR, kLogTag, buffer);
+}
+
+__attribute__((format(printf, 4, 5))) inline int logLine(const char* module, const char* function,
+                                                         int line, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int result = vlogLine(LogSite(module, function, line, format), args);
+    va_end(args);
+    return result;
+}
+
+inline int logSiteLine(const LogSite* site, ...) {
+    va_list args;
+    va_start(args, site);
+    const int result = vlogLine(*site, args);
+    va_end(args);
+    return result;
+}
+
+// Writes the line of a named site; the arguments are checked against the site's format at
+// compile time.
+template <const LogSite& Site, typename... Args>
+inline int logAt(Args... args) {
+    static_assert(logdetail::formatAccepts<Args...>(Site.format),
+                  "the arguments do not match the log site's format");
+    return logSiteLine(&Site, args...);
 }
 
 }  // namespace pwr
@@ -132,3 +241,6 @@ __attribute__((format(printf, 4, 5))) inline int logLine(const char* module, con
 // call-site number that log readers and tests key on, not __LINE__.
 #define PWR_LOG(module, func, line, fmt, ...) \
     ::pwr::logLine((module), (func), (line), fmt, ##__VA_ARGS__)
+
+// Writes the line of a named LogSite constant.
+#define PWR_LOG_AT(site, ...) ::pwr::logAt<site>(__VA_ARGS__)

@@ -1,5 +1,6 @@
 // Deep mode: its set-up from the configuration, the deep timer's callback, the reset, and the
-// whole cycle through event dispatch with the real 1.5 s timer.
+// whole cycle through event dispatch with the real 1.5 s timer; low-power entry (usable power
+// mode hint of type 3): the deep-mode timer, and the switch recorded under "PSM" in the store.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -22,6 +24,7 @@
 #include "tests/support/FeatureFactory.h"
 #include "tests/support/FeaturePeer.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TestConfig.h"
 #include "tests/support/ThreadTimers.h"
 #include "tests/support/TimerThreads.h"
 
@@ -74,18 +77,18 @@ TEST_F(DeepMode, InitDeepMode_ReadsEverySetting) {
     PSMPowerOptFeatureTestPeer peer(*feature);
 
     ASSERT_TRUE(peer.ready()) << ::testing::PrintToString(log.messages());
-    EXPECT_NE(peer.batteryTimer(), nullptr);
-    EXPECT_FALSE(Timer().Timer_isActive(peer.batteryTimer()));
+    EXPECT_NE(peer.battery().timer(), nullptr);
+    EXPECT_FALSE(Timer().Timer_isActive(peer.battery().timer()));
     EXPECT_THAT(peer.scalingThresholds(), ElementsAre(700, 100, 800, 200, 900, 300));
-    EXPECT_EQ(peer.maxSampleNum(), 5);
-    EXPECT_EQ(peer.taskLoadBoostScale(), -20);
-    EXPECT_EQ(peer.cpuNode(), "cpu0");
-    EXPECT_EQ(peer.cpuPolicy(), "policy0");
-    EXPECT_EQ(peer.deepProfile(), deepModeConfig().profiles["DEFAULT"]);
-    EXPECT_EQ(peer.taskBoostOpcodes(), deepModeConfig().profiles["PSM_OPT_RESOURCE"]);
+    EXPECT_EQ(peer.settings().mMaxSampleNum, 5);
+    EXPECT_EQ(peer.settings().taskLoadBoostScale, -20);
+    EXPECT_EQ(peer.settings().mCpuNode, "cpu0");
+    EXPECT_EQ(peer.settings().mCpuPolicy, "policy0");
+    EXPECT_EQ(peer.settings().mDeepProfile, deepModeConfig().profiles["DEFAULT"]);
+    EXPECT_EQ(peer.settings().taskBoostOpcodes, deepModeConfig().profiles["PSM_OPT_RESOURCE"]);
     EXPECT_THAT(peer.ignoredApps(), ElementsAre("com.example.ignored"));
-    EXPECT_EQ(peer.deepModeState(), 0);
-    EXPECT_EQ(peer.deepTimer(), nullptr) << "created by low-power entry only";
+    EXPECT_EQ(peer.deep().state(), 0);
+    EXPECT_EQ(peer.deep().timers().first, nullptr) << "created by low-power entry only";
 }
 
 TEST_F(DeepMode, InitDeepMode_WalksProfilesInNameOrder) {
@@ -93,12 +96,15 @@ TEST_F(DeepMode, InitDeepMode_WalksProfilesInNameOrder) {
     FeatureHandle feature(info);
     PSMPowerOptFeatureTestPeer peer(*feature);
 
-    EXPECT_THAT(peer.profileList(),
+    EXPECT_THAT(peer.deep().profileList(),
                 ElementsAre(info.profiles["DEFAULT"], info.profiles["PROFILE_LIGHT_MODE"],
                             info.profiles["PSM_OPT_RESOURCE"]));
-    const int first = indexOf("PSMPOWEROPT: initDeepMode() 240:  ProfileList DEFAULT");
-    const int second = indexOf("PSMPOWEROPT: initDeepMode() 240:  ProfileList PROFILE_LIGHT_MODE");
-    const int third = indexOf("PSMPOWEROPT: initDeepMode() 240:  ProfileList PSM_OPT_RESOURCE");
+    const int first =
+            indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) + " ProfileList DEFAULT");
+    const int second = indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) +
+                               " ProfileList PROFILE_LIGHT_MODE");
+    const int third = indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) +
+                              " ProfileList PSM_OPT_RESOURCE");
     EXPECT_NE(first, -1) << ::testing::PrintToString(log.messages());
     EXPECT_LT(first, second);
     EXPECT_LT(second, third);
@@ -109,11 +115,12 @@ TEST_F(DeepMode, InitDeepMode_WalksProfilesInNameOrder) {
 TEST_F(DeepMode, InitDeepMode_WalksEverySettingButPsmIntoThePropertyList) {
     PowerOptFeatureInfo info = deepModeConfig();
     FeatureHandle feature(info);
-    const std::vector<std::string>& list = PSMPowerOptFeatureTestPeer(*feature).propList();
+    const std::vector<std::string>& list = PSMPowerOptFeatureTestPeer(*feature).deep().propList();
 
     size_t expectedSize = 0;
     for (const auto& [key, value] : info.configs) {
-        EXPECT_EQ(log.count("PSMPOWEROPT: initDeepMode() 252:  PropsList " + key), 1) << key;
+        EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropsListEntry) + " PropsList " + key), 1)
+                << key;
         const std::vector<std::string> tokens = splitTokens(value);
         const auto run = std::search(list.begin(), list.end(), tokens.begin(), tokens.end());
         if (key == "PSM") {
@@ -146,9 +153,10 @@ TEST_F(DeepMode, InitDeepMode_MissingNumberOrCpuSettingFailsSilently) {
         EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
         EXPECT_EQ(log.countContaining("initDeepMode()"), 0)
                 << ::testing::PrintToString(log.messages());
-        EXPECT_EQ(log.count("PSMPOWEROPT: PSMPowerOptFeature() 70: Missing feature configs, "
-                            "return !!"),
-                  1);
+        EXPECT_EQ(
+                log.count(pwr::linePrefix(pwr::site::kMissingConfigs) + "Missing feature configs, "
+                                                                        "return !!"),
+                1);
     }
 }
 
@@ -157,22 +165,23 @@ TEST_F(DeepMode, InitDeepMode_MissingProfilesAreNamed) {
         const char* profile;
         Profile value;
         bool erase;
+        const pwr::LogSite* site;  // the refusal's line; null: accepted
         const char* message;
     };
     const Case cases[] = {
-            {"DEFAULT", {}, true, "PSMPOWEROPT: initDeepMode() 228: No Deep Profile specified\n"},
-            {"DEFAULT", {}, false, "PSMPOWEROPT: initDeepMode() 228: No Deep Profile specified\n"},
+            {"DEFAULT", {}, true, &pwr::site::kNoDeepProfile, "No Deep Profile specified\n"},
+            {"DEFAULT", {}, false, &pwr::site::kNoDeepProfile, "No Deep Profile specified\n"},
             {"PSM_OPT_RESOURCE",
              {},
              true,
-             "PSMPOWEROPT: initDeepMode() 234: No TASK_LOAD_BOOST opcode specified\n"},
-            {"PSM_OPT_RESOURCE",
-             {{}},
-             false,
-             "PSMPOWEROPT: initDeepMode() 234: No TASK_LOAD_BOOST opcode specified\n"},
+             &pwr::site::kNoBoostOpcode,
+             "No TASK_LOAD_BOOST opcode specified\n"},
+            // Only an empty profile is refused: an empty first list is accepted (the boost then
+            // acquires nothing).
+            {"PSM_OPT_RESOURCE", {{}}, false, nullptr, nullptr},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.message);
+        SCOPED_TRACE(c.profile);
         log.clear();
         PowerOptFeatureInfo info = deepModeConfig();
         if (c.erase) {
@@ -182,9 +191,14 @@ TEST_F(DeepMode, InitDeepMode_MissingProfilesAreNamed) {
         }
         FeatureHandle feature(info);
 
-        EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
-        EXPECT_EQ(log.count(c.message), 1) << ::testing::PrintToString(log.messages());
-        EXPECT_EQ(log.countContaining("ProfileList"), 0);
+        EXPECT_EQ(PSMPowerOptFeatureTestPeer(*feature).ready(), c.site == nullptr);
+        if (c.site != nullptr) {
+            EXPECT_EQ(log.count(pwr::linePrefix(*c.site) + c.message), 1)
+                    << ::testing::PrintToString(log.messages());
+        } else {
+            EXPECT_EQ(log.countContaining("No TASK_LOAD_BOOST"), 0);
+        }
+        EXPECT_EQ(log.countContaining("ProfileList") != 0, c.site == nullptr);
     }
 }
 
@@ -199,7 +213,7 @@ TEST_F(DeepMode, InitDeepMode_UnparsableNumberThrows) {
 TEST_F(DeepMode, DeepTimerCallBack_WaitsForTheDeepProfileLock) {
     FeatureHandle feature(deepModeConfig());
     PSMPowerOptFeatureTestPeer peer(*feature);
-    const std::string firstName = peer.propList()[0];
+    const std::string firstName = peer.deep().propList()[0];
 
     PSMPowerOptFeature::deeptimerCallBack(nullptr);
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
@@ -207,11 +221,12 @@ TEST_F(DeepMode, DeepTimerCallBack_WaitsForTheDeepProfileLock) {
     fakeperf::setAcquireFailure(true, -1);
     PSMPowerOptFeature::deeptimerCallBack(&*feature);
 
-    EXPECT_EQ(log.count("PSMPOWEROPT: readAndApplyProfile() 918: Failed to apply resource, "
-                        "handle = -1"),
-              1);
-    EXPECT_EQ(peer.heldProfileHandle(), -1);
-    EXPECT_EQ(peer.deepModeState(), 0);
+    EXPECT_EQ(
+            log.count(pwr::linePrefix(pwr::site::kProfileApplyFailed) + "Failed to apply resource, "
+                                                                        "handle = -1"),
+            1);
+    EXPECT_EQ(peer.profileLock().held(), -1);
+    EXPECT_EQ(peer.deep().state(), 0);
     EXPECT_EQ(propertyValue(firstName), "<unset>") << "nothing is applied without the lock";
 }
 
@@ -219,18 +234,18 @@ TEST_F(DeepMode, DeepTimerCallBack_AppliesThePropertiesOnceTheLockIsHeld) {
     FeatureHandle feature(deepModeConfig());
     PSMPowerOptFeatureTestPeer peer(*feature);
     peer.setDebugEnabled(true);
-    const std::vector<std::string> list = peer.propList();
+    const std::vector<std::string> list = peer.deep().propList();
     const auto pairs = pairsOf(list);
     setProperty(pairs.back().first, "performance");
 
     PSMPowerOptFeature::deeptimerCallBack(&*feature);
 
-    ASSERT_GT(peer.heldProfileHandle(), 0);
-    EXPECT_EQ(fakeperf::heldLocks().at(peer.heldProfileHandle()), peer.deepProfile()[0]);
+    ASSERT_GT(peer.profileLock().held(), 0);
+    EXPECT_EQ(fakeperf::heldLocks().at(peer.profileLock().held()), peer.settings().mDeepProfile[0]);
     for (const auto& [name, value] : pairs) EXPECT_EQ(propertyValue(name), value) << name;
-    EXPECT_EQ(peer.deepModeState(), 3);
-    EXPECT_EQ(peer.propResult(), 11) << "length of the last old value, \"performance\"";
-    EXPECT_EQ(log.count("PSMPOWEROPT: readAndApplyProp() 848: Prop size " +
+    EXPECT_EQ(peer.deep().state(), 3);
+    EXPECT_EQ(peer.deep().propResult(), 11) << "length of the last old value, \"performance\"";
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropSize) + "Prop size " +
                         std::to_string(list.size())),
               1)
             << ::testing::PrintToString(log.messages());
@@ -241,24 +256,24 @@ TEST_F(DeepMode, ResetDeepMode_ReleasesUnlessTheResultIsZero) {
     FeatureHandle feature(deepModeConfig());
     PSMPowerOptFeatureTestPeer peer(*feature);
     peer.setDebugEnabled(true);
-    const std::string name = peer.propList()[0];
+    const std::string name = peer.deep().propList()[0];
     setProperty(name, "1");
 
-    peer.setPropResult(0);
+    peer.deep().setPropResult(0);
     feature->resetDeepMode();
-    EXPECT_EQ(log.count("PSMPOWEROPT: resetDeepMode() 1238: Reset"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kResetDeepMode) + "Reset"), 1);
     EXPECT_EQ(log.countContaining("Array size"), 0) << "nothing released";
     EXPECT_EQ(propertyValue(name), "1");
 
     // Nothing applied (-1) still releases; with nothing saved, the property is cleared.
-    peer.setPropResult(-1);
+    peer.deep().setPropResult(-1);
     feature->resetDeepMode();
-    EXPECT_EQ(log.count("PSMPOWEROPT: releaseProp() 886:  Array size " +
-                        std::to_string(peer.propList().size())),
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kReleasePropSize) + " Array size " +
+                        std::to_string(peer.deep().propList().size())),
               1)
             << ::testing::PrintToString(log.messages());
     EXPECT_EQ(propertyValue(name, ""), "");
-    EXPECT_EQ(peer.deepModeState(), 0);
+    EXPECT_EQ(peer.deep().state(), 0);
 }
 
 // Leaving low-power mode before the deep profile was granted disarms the retrying timer, so
@@ -271,15 +286,15 @@ TEST_F(DeepMode, LeavingBeforeTheLockIsGrantedStopsTheDeepTimer) {
     fakeperf::setAcquireFailure(true, -1);
 
     feature->sendEvents(powerModeHint(3));
-    ASSERT_TRUE(Timer().Timer_isActive(peer.deepTimer()));
+    ASSERT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
     ASSERT_TRUE(
             log.waitFor("readAndApplyProfile() 918: Failed to apply resource", 1, kDeepTimerWait));
     feature->sendEvents(powerModeHint(0));
 
-    EXPECT_FALSE(Timer().Timer_isActive(peer.deepTimer()));
+    EXPECT_FALSE(Timer().Timer_isActive(peer.deep().timers().first));
     EXPECT_EQ(log.countContaining("resetDeepMode()"), 0);
-    EXPECT_EQ(peer.deepModeState(), 0);
-    EXPECT_EQ(propertyValue(peer.propList()[0]), "<unset>");
+    EXPECT_EQ(peer.deep().state(), 0);
+    EXPECT_EQ(propertyValue(peer.deep().propList()[0]), "<unset>");
     // A retry already running must finish before the feature goes.
     EXPECT_TRUE(pwr::test::waitForTimerCallbacks());
 }
@@ -295,7 +310,7 @@ class DeepModeCycle : public DeepMode {
         peer.emplace(**feature);
         ASSERT_TRUE(peer->ready()) << ::testing::PrintToString(log.messages());
         peer->setDebugEnabled(true);
-        pairs = pairsOf(peer->propList());
+        pairs = pairsOf(peer->deep().propList());
         ASSERT_GE(pairs.size(), 5u);
         // Old values of every kind: unset, single characters, longer texts.
         const char* const olds[] = {nullptr, "1", "128", "performance"};
@@ -351,10 +366,11 @@ TEST_F(DeepModeCycle, LowPowerHintAppliesAndLeavingRestoresEveryProperty) {
             << ::testing::PrintToString(log.messages());
 
     // The deep profile is held, the timer has stopped itself, the properties are set.
-    ASSERT_GT(peer->heldProfileHandle(), 0);
-    EXPECT_EQ(fakeperf::heldLocks().at(peer->heldProfileHandle()), peer->deepProfile()[0]);
-    EXPECT_FALSE(Timer().Timer_isActive(peer->deepTimer()));
-    EXPECT_EQ(peer->deepModeState(), 3);
+    ASSERT_GT(peer->profileLock().held(), 0);
+    EXPECT_EQ(fakeperf::heldLocks().at(peer->profileLock().held()),
+              peer->settings().mDeepProfile[0]);
+    EXPECT_FALSE(Timer().Timer_isActive(peer->deep().timers().first));
+    EXPECT_EQ(peer->deep().state(), 3);
     expectApplied();
     {
         // Each old first character reached the store while the property still held it.
@@ -370,9 +386,9 @@ TEST_F(DeepModeCycle, LowPowerHintAppliesAndLeavingRestoresEveryProperty) {
 
     (*feature)->sendEvents(powerModeHint(0));
 
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::heldLocks(), IsEmpty());
-    EXPECT_EQ(peer->deepModeState(), 0);
+    EXPECT_EQ(peer->deep().state(), 0);
     expectRestored();
 
     // Leaving again finds deep mode off and leaves the restored values alone.
@@ -395,6 +411,108 @@ TEST_F(DeepModeCycle, ReenteringKeepsTheOriginalValues) {
     (*feature)->sendEvents(powerModeHint(1));  // on to light mode
     expectRestored();
     EXPECT_EQ(peer->psmMode(), 1);
+}
+
+// --- Low-power entry.
+
+// The POSIX timers this process holds (the test program provides the timer calls).
+int processTimers() {
+    return pwr::test::liveTimers();
+}
+
+class LowPowerEntry : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        fakeperf::reset();
+        tree.mkdirs(pwr::test::kStoreDirectory);
+    }
+
+    DeviceTree tree;
+    LogCapture log;
+};
+
+TEST_F(LowPowerEntry, DeepModeOnArmsTheDeepTimer) {
+    FeatureHandle feature(deepModeConfig());
+    PSMPowerOptFeatureTestPeer peer(*feature);
+    peer.setDebugEnabled(true);
+
+    feature->sendEvents(powerModeHint(3));
+
+    ASSERT_NE(peer.deep().timers().first, nullptr);
+    EXPECT_EQ(peer.deep().timers().second, peer.deep().timers().first);
+    EXPECT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kDeepTimerStarted) + "Timer started \n"), 1)
+            << ::testing::PrintToString(log.messages());
+    EXPECT_EQ(log.countContaining("Timer couldn't be started"), 0);
+    EXPECT_EQ(peer.psmMode(), 0) << "low-power entry leaves the PSM mode alone";
+}
+
+// Each entry creates and arms a new timer; the earlier one is deleted, so the feature never
+// holds more than one deep-mode timer.
+TEST_F(LowPowerEntry, EnteringTwiceReplacesTheTimer) {
+    FeatureHandle feature(deepModeConfig());
+    PSMPowerOptFeatureTestPeer peer(*feature);
+    peer.setDebugEnabled(true);
+    const int before = processTimers();
+    ASSERT_GE(before, 1) << "the battery timer";
+
+    feature->sendEvents(powerModeHint(3));
+    EXPECT_EQ(processTimers(), before + 1);
+    feature->sendEvents(powerModeHint(3));
+    EXPECT_EQ(processTimers(), before + 1);
+
+    EXPECT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kDeepTimerStarted) + "Timer started \n"), 2);
+    feature.reset();
+    EXPECT_EQ(processTimers(), before - 1) << "the destructor deletes what is left";
+}
+
+TEST_F(LowPowerEntry, DeepModeOffArmsNothingAndTouchesNoProperty) {
+    FeatureHandle feature(pwr::test::minimalConfig());
+    PSMPowerOptFeatureTestPeer peer(*feature);
+    peer.setDebugEnabled(true);
+    setProperty("vendor.pwr.sync", "8");
+
+    feature->sendEvents(powerModeHint(3));
+
+    EXPECT_EQ(peer.deep().timers().first, nullptr);
+    EXPECT_EQ(log.countContaining("lowPowerInit()"), 0);
+    EXPECT_EQ(log.countContaining("releaseProp()"), 0);
+    EXPECT_EQ(propertyValue("vendor.pwr.sync"), "8");
+}
+
+// --- With the state store ---
+
+TEST_F(LowPowerEntry, RecordsTheDeepModeSwitchUnderPsm) {
+    FeatureHandle feature(deepModeConfig());
+    ASSERT_TRUE(PSMPowerOptFeatureTestPeer(*feature).store().database() != nullptr);
+
+    feature->sendEvents(powerModeHint(3));
+    feature->sendEvents(powerModeHint(3));
+
+    // The second entry consumed the first one's row and wrote its own.
+    EXPECT_EQ(feature->pmDbRead("PSM"), '1');
+    EXPECT_EQ(feature->pmDbRead("PSM"), 0);
+}
+
+// A feature with deep mode off has no state store: a '1' recorded by an earlier run with deep
+// mode on is neither consumed nor acted on, and nothing is written over it.
+TEST_F(LowPowerEntry, DeepModeOffLeavesTheStoredSwitchAlone) {
+    {
+        FeatureHandle earlier(deepModeConfig());
+        earlier->pmDbWrite("PSM", '1');
+        earlier->pmDbWrite("vendor.pwr.sync", '0');
+    }
+    setProperty("vendor.pwr.sync", "8");
+    {
+        FeatureHandle off(pwr::test::minimalConfig());
+        off->sendEvents(powerModeHint(3));
+    }
+    EXPECT_EQ(propertyValue("vendor.pwr.sync"), "8");
+
+    FeatureHandle later(deepModeConfig());
+    EXPECT_EQ(later->pmDbRead("PSM"), '1');
+    EXPECT_EQ(later->pmDbRead("vendor.pwr.sync"), '0');
 }
 
 }  // namespace

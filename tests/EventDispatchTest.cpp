@@ -5,6 +5,7 @@
 
 #include <climits>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "tests/support/DeepModeConfig.h"
@@ -36,9 +37,10 @@ constexpr char kGameKey[] = "com.example.game";
 constexpr char kApp[] = "com.example.notes/.Edit";
 constexpr char kAppKey[] = "com.example.notes";
 
-constexpr char kTriggering[] = "PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.";
-constexpr char kDisableGame[] =
-        "PSMPOWEROPT: sendEvents() 408: Disable Game feature for non-game case.";
+const std::string kTriggering =
+        pwr::linePrefix(pwr::site::kGamingOn) + "Triggering Gaming Usable Mode.";
+const std::string kDisableGame =
+        pwr::linePrefix(pwr::site::kGamingOffNonGame) + "Disable Game feature for non-game case.";
 
 // The applications asked about, in order.
 std::vector<std::string> classified() {
@@ -78,10 +80,10 @@ class EventDispatchTest : public ::testing::Test {
     void holdProfile() {
         Profile profile{{0x42804000, 0x2}};
         feature->applyProfileLock(profile);
-        ASSERT_GE(peer->heldProfileHandle(), 1);
+        ASSERT_GE(peer->profileLock().held(), 1);
     }
-    bool gameTimerActive() { return Timer().Timer_isActive(peer->gameTimer()); }
-    bool batteryTimerActive() { return Timer().Timer_isActive(peer->batteryTimer()); }
+    bool gameTimerActive() { return Timer().Timer_isActive(peer->gpu().timer()); }
+    bool batteryTimerActive() { return Timer().Timer_isActive(peer->battery().timer()); }
 
     std::unique_ptr<PSMPowerOptFeature> feature;
     std::unique_ptr<PSMPowerOptFeatureTestPeer> peer;
@@ -132,7 +134,7 @@ TEST_F(EventDispatchTest, GamingMode_GameStartArmsGameTimer) {
     EXPECT_THAT(log.messages(), ElementsAre(kTriggering));
     EXPECT_EQ(peer->gameState(), 1);
     ASSERT_TRUE(gameTimerActive());
-    const itimerspec spec = systemSchedule(peer->gameTimer());
+    const itimerspec spec = systemSchedule(peer->gpu().timer());
     EXPECT_EQ(spec.it_interval.tv_sec, 2);
     EXPECT_EQ(spec.it_interval.tv_nsec, 250000000);
 
@@ -148,16 +150,17 @@ TEST_F(EventDispatchTest, GamingMode_NonGameStartDisablesAndReleases) {
     build(pwr::test::gpuMonitorConfig("2"));
     feature->sendEvents(event(kStart, kGame));
     holdProfile();
-    const int handle = peer->heldProfileHandle();
+    const int handle = peer->profileLock().held();
     LogCapture log;
     feature->sendEvents(event(kStart, kApp));
-    EXPECT_THAT(log.messages(), ElementsAre(kDisableGame,
-                                            "PSMPOWEROPT: releaseProfileLock() 929: Releasing "
-                                            "profile, handle = " +
-                                                    std::to_string(handle)));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(kDisableGame, pwr::linePrefix(pwr::site::kReleasingProfile) +
+                                                  "Releasing "
+                                                  "profile, handle = " +
+                                                  std::to_string(handle)));
     EXPECT_EQ(peer->gameState(), 2);
     EXPECT_FALSE(gameTimerActive());
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::heldLocks(), IsEmpty());
 
     // Already off: a further non-game start does nothing.
@@ -190,12 +193,12 @@ TEST_F(EventDispatchTest, GamingMode_StopCodesDisarmReleaseAndTurnOff) {
         feature->sendEvents(event(code, kGame));
         ASSERT_GE(log.messages().size(), 1u) << code;
         // The whole appName is printed, not the key.
-        EXPECT_EQ(log.messages()[0], "PSMPOWEROPT: sendEvents() 449: Stop hint " +
+        EXPECT_EQ(log.messages()[0], pwr::linePrefix(pwr::site::kStopHint) + "Stop hint " +
                                              std::to_string(code) + " for: " + kGame);
         EXPECT_EQ(log.countContaining("Releasing profile"), 1) << code;
         EXPECT_EQ(peer->gameState(), 2) << code;
         EXPECT_FALSE(gameTimerActive()) << code;
-        const itimerspec spec = systemSchedule(peer->gameTimer());
+        const itimerspec spec = systemSchedule(peer->gpu().timer());
         EXPECT_EQ(spec.it_value.tv_sec, 0);
         EXPECT_EQ(spec.it_value.tv_nsec, 0);
         EXPECT_THAT(fakeperf::heldLocks(), IsEmpty()) << code;
@@ -216,7 +219,7 @@ TEST_F(EventDispatchTest, GamingMode_GameOffReleasesWithoutClassifying) {
     feature->sendEvents(event(kGameOff, kGame));
     EXPECT_EQ(peer->gameState(), 2);
     EXPECT_FALSE(gameTimerActive());
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_EQ(classified().size(), 0u);
     EXPECT_EQ(countCalls(CallKind::LockRelease), 1);
     // Only the release's own line: game-off itself logs nothing.
@@ -232,9 +235,9 @@ TEST_F(EventDispatchTest, GamingMode_TimerFailureLoggedAndNotRetried) {
     build(pwr::test::gpuMonitorConfig("2", "-5"));
     LogCapture log;
     feature->sendEvents(event(kStart, kGame));
-    EXPECT_THAT(
-            log.messages(),
-            ElementsAre(kTriggering, "PSMPOWEROPT: sendEvents() 404: Timer couldn't be started\n"));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(kTriggering, pwr::linePrefix(pwr::site::kGameTimerNotStarted) +
+                                                 "Timer couldn't be started\n"));
     EXPECT_EQ(peer->gameState(), 1);
     EXPECT_FALSE(gameTimerActive());
 
@@ -256,7 +259,7 @@ TEST_F(EventDispatchTest, GamingModeWithoutGpuMonitor_OnlyStopsAct) {
     holdProfile();
     feature->sendEvents(event(kStop, kGame));
     EXPECT_EQ(log.countContaining("Stop hint 4098"), 1);
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_EQ(peer->gameState(), 2);
 }
 
@@ -264,7 +267,7 @@ TEST_F(EventDispatchTest, GamingModeWithoutGpuMonitor_GameOffActs) {
     build(pwr::test::minimalConfig("2"));
     holdProfile();
     feature->sendEvents(event(kGameOff, kGame));
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_EQ(peer->gameState(), 2);
 }
 
@@ -276,7 +279,7 @@ class BatteryWatchTest : public EventDispatchTest {
         fakeperf::setAppType("com.example.video", 5);
         tree.mkdirs(pwr::test::kStoreDirectory);
         build(pwr::test::deepModeConfig("3"));
-        ASSERT_NE(peer->batteryTimer(), nullptr);
+        ASSERT_NE(peer->battery().timer(), nullptr);
     }
     // The feature goes before the tree: it may write its state store while it closes.
     void TearDown() override {
@@ -294,7 +297,7 @@ TEST_F(BatteryWatchTest, EligibleStartArmsOnceASecond) {
         LogCapture log;
         feature->sendEvents(event(kStart, app));
         EXPECT_TRUE(batteryTimerActive()) << app;
-        const itimerspec spec = systemSchedule(peer->batteryTimer());
+        const itimerspec spec = systemSchedule(peer->battery().timer());
         EXPECT_EQ(spec.it_interval.tv_sec, 1) << app;
         EXPECT_EQ(spec.it_interval.tv_nsec, 0) << app;
         EXPECT_THAT(log.messages(), IsEmpty()) << app;
@@ -307,7 +310,7 @@ TEST_F(BatteryWatchTest, StartWhileArmed_DisarmsThenArmsAgain) {
     TimerSyscalls::reset();
     feature->sendEvents(event(kStartAlt, "com.example.browser"));
     EXPECT_TRUE(batteryTimerActive());
-    const auto settimes = TimerSyscalls::settimesOf(peer->batteryTimer()->timerId);
+    const auto settimes = TimerSyscalls::settimesOf(peer->battery().timer()->timerId);
     ASSERT_EQ(settimes.size(), 2u);
     EXPECT_EQ(settimes[0].spec.it_value.tv_sec, 0);  // disarm
     EXPECT_EQ(settimes[0].spec.it_interval.tv_sec, 0);
@@ -336,13 +339,13 @@ TEST_F(BatteryWatchTest, StopOfEligibleDisarmsStopOfOtherKeeps) {
 
 TEST_F(EventDispatchTest, BatteryWatchWithoutBatteryTimer_LogsCouldNotStart) {
     build(pwr::test::minimalConfig("3"));
-    ASSERT_EQ(peer->batteryTimer(), nullptr);
+    ASSERT_EQ(peer->battery().timer(), nullptr);
     LogCapture log;
     feature->sendEvents(event(kStart, kApp));
     EXPECT_THAT(log.messages(), IsEmpty());
     feature->sendEvents(event(kStart, kGame));
-    EXPECT_THAT(log.messages(),
-                ElementsAre("PSMPOWEROPT: sendEvents() 421: Battery Timer couldn't be started\n"));
+    EXPECT_THAT(log.messages(), ElementsAre(pwr::linePrefix(pwr::site::kBatteryTimerNotStarted) +
+                                            "Battery Timer couldn't be started\n"));
 }
 
 // --- Usable power mode hints ---
@@ -353,7 +356,9 @@ TEST_F(EventDispatchTest, Hint_ConfiguredPsmStateOwnsTheMode) {
     for (uint32_t type : {0x80u, 0x81u, 0x82u, 0x83u, 0x01u}) {
         feature->sendEvents(event(kHint, kGame, type));
     }
-    EXPECT_EQ(log.count("PSMPOWEROPT: sendEvents() 354: Control PSM mode swiching by XML."), 5);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kXmlOwnsMode) +
+                        "Control PSM mode swiching by XML."),
+              5);
     EXPECT_EQ(log.messages().size(), 5u);
     EXPECT_EQ(peer->psmMode(), 2);
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
@@ -365,16 +370,16 @@ TEST_F(EventDispatchTest, Hint_LightModeAppliesLightProfile) {
     LogCapture log;
     feature->sendEvents(event(kHint, "com.example.app/.X", 0x81));
     EXPECT_EQ(peer->psmMode(), 1);
-    EXPECT_TRUE(
-            log.contains("PSMPOWEROPT: sendEvents() 362: Usable power mode hint for app "
-                         "com.example.app/.X, hintID : 5600, hintType hex : 81, psmAction: 1, "
-                         "psmType: 1"));
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kPowerModeHint) +
+                             "Usable power mode hint for app "
+                             "com.example.app/.X, hintID : 5600, hintType hex : 81, psmAction: 1, "
+                             "psmType: 1"));
     const auto calls = fakeperf::calls();
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].kind, CallKind::LockAcquire);
     EXPECT_EQ(calls[0].duration, INT_MAX);
-    EXPECT_EQ(calls[0].list, peer->lightModeProfile()[0]);
-    EXPECT_EQ(peer->heldProfileHandle(), calls[0].result);
+    EXPECT_EQ(calls[0].list, peer->settings().mLightModeProfile[0]);
+    EXPECT_EQ(peer->profileLock().held(), calls[0].result);
 
     // Light mode again: the held light lock is released and taken anew.
     feature->sendEvents(event(kHint, "com.example.app", 0x81));
@@ -394,18 +399,18 @@ TEST_F(EventDispatchTest, Hint_ModeTypesReleaseAndSwitch) {
     for (const Case& c :
          {Case{0x82, 2, false}, Case{0x80, 0, false}, Case{0x81, 1, true}, Case{0x83, 1, false}}) {
         holdProfile();
-        const int before = peer->heldProfileHandle();
+        const int before = peer->profileLock().held();
         feature->sendEvents(event(kHint, kGame, c.hintType));
         EXPECT_EQ(peer->psmMode(), c.mode) << std::hex << c.hintType;
         EXPECT_EQ(fakeperf::heldLocks().count(before), 0u) << std::hex << c.hintType;
-        EXPECT_EQ(peer->heldProfileHandle() >= 1, c.lockHeld) << std::hex << c.hintType;
+        EXPECT_EQ(peer->profileLock().held() >= 1, c.lockHeld) << std::hex << c.hintType;
     }
 }
 
 TEST_F(EventDispatchTest, Hint_NoActionOrUnknownTypeDoesNothing) {
     build(pwr::test::minimalConfig("0"));
     holdProfile();
-    const int handle = peer->heldProfileHandle();
+    const int handle = peer->profileLock().held();
     const size_t callsBefore = fakeperf::calls().size();
     LogCapture log;
     // Action 0 (bits 15 and up are not part of it): silent even when debugging.
@@ -416,7 +421,8 @@ TEST_F(EventDispatchTest, Hint_NoActionOrUnknownTypeDoesNothing) {
     // Type 4: only the debug line.
     feature->sendEvents(event(kHint, kGame, 0x84));
     EXPECT_THAT(log.messages(),
-                ElementsAre("PSMPOWEROPT: sendEvents() 362: Usable power mode hint for app "
+                ElementsAre(pwr::linePrefix(pwr::site::kPowerModeHint) +
+                            "Usable power mode hint for app "
                             "com.example.game/.Main, hintID : 5600, hintType hex : 84, "
                             "psmAction: 1, psmType: 4"));
     peer->setDebugEnabled(false);
@@ -424,7 +430,7 @@ TEST_F(EventDispatchTest, Hint_NoActionOrUnknownTypeDoesNothing) {
     feature->sendEvents(event(kHint, kGame, 0xFF));
     EXPECT_EQ(log.messages().size(), 1u);
     EXPECT_EQ(fakeperf::calls().size(), callsBefore);
-    EXPECT_EQ(peer->heldProfileHandle(), handle);
+    EXPECT_EQ(peer->profileLock().held(), handle);
     EXPECT_EQ(peer->psmMode(), 0);
 }
 

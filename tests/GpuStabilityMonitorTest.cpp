@@ -17,6 +17,8 @@
 
 #include <gtest/gtest.h>
 
+#include "feature/FeatureCodes.h"
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "platform/GraxInfo.h"
@@ -48,10 +50,10 @@ constexpr char kClock[] = "/sys/class/grax/grax-3d0/gpuclk";
 constexpr char kGame[] = "com.example.game";
 constexpr char kOtherApp[] = "com.example.mail";
 
-constexpr int32_t kAppStart = 0x1001;
-constexpr int32_t kAppStop = 0x1002;
-constexpr int32_t kAppStopOther = 0x1093;
-constexpr int32_t kGameOff = 0x1040;
+using pwr::codes::kAppStart;
+using pwr::codes::kAppStop;
+using pwr::codes::kAppStopOther;
+using pwr::codes::kGameOff;
 
 // The dynamic profiles, in key order: very high, moderate, low utilisation.
 const std::vector<int> kHighList = {0x40C00000, 0x3, 0x42804000, 0x7};
@@ -65,6 +67,10 @@ constexpr unsigned long long kLowAvg = 200;
 
 std::string line(const char* func, int number, const std::string& message) {
     return std::string("PSMPOWEROPT: ") + func + "() " + std::to_string(number) + ": " + message;
+}
+
+std::string line(const pwr::LogSite& site, const std::string& message) {
+    return pwr::linePrefix(site) + message;
 }
 
 PowerOptFeatureInfo gpuConfig() {
@@ -123,14 +129,14 @@ TEST(GpuMonitorConfig, ReadsEverySettingTruncatedTowardZero) {
     PSMPowerOptFeature feature(info);
     PSMPowerOptFeatureTestPeer peer(feature);
     ASSERT_TRUE(peer.ready());
-    EXPECT_NE(peer.gameTimer(), nullptr);
-    EXPECT_EQ(peer.gameTimerMs(), 1000);
-    EXPECT_EQ(peer.gpuSampleCount(), 5);
-    EXPECT_EQ(peer.stabilitySampleCount(), 3);
-    EXPECT_EQ(peer.gpuBusyStabilityThreshold(), 0);
-    EXPECT_EQ(peer.gpuFreqThresholdLow(), 300);
-    EXPECT_EQ(peer.gpuFreqThresholdHigh(), 600);
-    EXPECT_EQ(peer.graxInfo(), GraxInfo::getInstance());
+    EXPECT_NE(peer.gpu().timer(), nullptr);
+    EXPECT_EQ(peer.settings().mGameTimerMs, 1000);
+    EXPECT_EQ(peer.settings().mGpuSampleCount, 5);
+    EXPECT_EQ(peer.settings().mStabilitySampleCount, 3);
+    EXPECT_EQ(peer.settings().mGpuBusyStabilityThreshold, 0);
+    EXPECT_EQ(peer.settings().mGpuFreqThresholdLow, 300);
+    EXPECT_EQ(peer.settings().mGpuFreqThresholdHigh, 600);
+    EXPECT_EQ(peer.gpu().graxInfo(), GraxInfo::getInstance());
 }
 
 TEST(GpuMonitorConfig, EachMissingSettingIsNamedAndStopsConfiguration) {
@@ -163,8 +169,8 @@ TEST(GpuMonitorConfig, EachMissingSettingIsNamedAndStopsConfiguration) {
                 << ::testing::PrintToString(log.messages());
         EXPECT_TRUE(log.contains(
                 line("initGpuMonitor", missing.line, std::string("miss ") + missing.key)));
-        EXPECT_TRUE(
-                log.contains(line("PSMPowerOptFeature", 70, "Missing feature configs, return !!")));
+        EXPECT_TRUE(log.contains(
+                line(pwr::site::kMissingConfigs, "Missing feature configs, return !!")));
     }
 }
 
@@ -181,7 +187,8 @@ TEST(GpuMonitorConfig, DynamicProfilesAreTakenInKeyOrder) {
     PSMPowerOptFeature feature(info);
     PSMPowerOptFeatureTestPeer peer(feature);
     ASSERT_TRUE(peer.ready());
-    EXPECT_EQ(peer.dynamicGpuProfiles(), (std::vector<Profile>{{{1}, {9}}, {{2}}, {{3}}}));
+    EXPECT_EQ(peer.settings().mDynamicGpuProfiles,
+              (std::vector<Profile>{{{1}, {9}}, {{2}}, {{3}}}));
 }
 
 TEST(GpuMonitorConfig, NoDynamicProfileFailsConfiguration) {
@@ -193,7 +200,7 @@ TEST(GpuMonitorConfig, NoDynamicProfileFailsConfiguration) {
     info.profiles.erase("DYN_2_LOW");
     PSMPowerOptFeature feature(info);
     EXPECT_FALSE(PSMPowerOptFeatureTestPeer(feature).ready());
-    EXPECT_TRUE(log.contains(line("initGpuMonitor", 176, "miss Dynamic GPU profile")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kMissDynamicProfile, "miss Dynamic GPU profile")));
 }
 
 TEST(GpuMonitorConfig, UnparsableOrOutOfRangeSettingThrows) {
@@ -217,12 +224,12 @@ TEST(GpuMonitorConfig, GpuModeZeroReadsNoGpuSettingAndTicksDoNothing) {
     PSMPowerOptFeature feature(info);
     PSMPowerOptFeatureTestPeer peer(feature);
     ASSERT_TRUE(peer.ready());
-    EXPECT_EQ(peer.gameTimer(), nullptr);
-    peer.setGraxInfo(&grax);
+    EXPECT_EQ(peer.gpu().timer(), nullptr);
+    peer.gpu().setGraxInfo(&grax);
     log.clear();
     PSMPowerOptFeature::gametimerCallBack(&feature);
     PSMPowerOptFeature::gametimerCallBack(nullptr);
-    EXPECT_TRUE(peer.gpuSamples().empty());
+    EXPECT_TRUE(peer.gpu().samples().empty());
     EXPECT_TRUE(log.messages().empty()) << ::testing::PrintToString(log.messages());
 }
 
@@ -247,7 +254,7 @@ class GpuMonitorTest : public ::testing::Test {
         auto made = std::make_unique<PSMPowerOptFeature>(info);
         PSMPowerOptFeatureTestPeer peer(*made);
         EXPECT_TRUE(peer.ready());
-        peer.setGraxInfo(grax.get());
+        peer.gpu().setGraxInfo(grax.get());
         return made;
     }
 
@@ -264,7 +271,7 @@ class GpuMonitorTest : public ::testing::Test {
 
     std::vector<int64_t> busyValues() {
         std::vector<int64_t> values;
-        for (const GPUSample& s : peer().gpuSamples()) values.push_back(s.busy);
+        for (const GPUSample& s : peer().gpu().samples()) values.push_back(s.busy);
         return values;
     }
 
@@ -280,9 +287,9 @@ TEST_F(GpuMonitorTest, Tick_RecordsAndLogsTheSampleInMHz) {
     setGpu(tree, 0, 37);
     tree.write(kClock, "450999999\n");  // truncated to 450 MHz
     PSMPowerOptFeature::gametimerCallBack(feature.get());
-    EXPECT_TRUE(log.contains(line("gametimerCallBack", 500, "Meastured freq:450, busy:37")))
+    EXPECT_TRUE(log.contains(line(pwr::site::kMeasured, "Meastured freq:450, busy:37")))
             << ::testing::PrintToString(log.messages());
-    const std::vector<GPUSample> samples = peer().gpuSamples();
+    const std::vector<GPUSample> samples = peer().gpu().samples();
     ASSERT_EQ(samples.size(), 1u);
     EXPECT_EQ(samples[0].freq, 450u);
     EXPECT_EQ(samples[0].busy, 37);
@@ -296,7 +303,7 @@ TEST_F(GpuMonitorTest, Tick_ZeroFrequencyOrBusyMeansNoSample) {
     PSMPowerOptFeature::gametimerCallBack(feature.get());
     tree.write(kBusy, "0 0\n");
     PSMPowerOptFeature::gametimerCallBack(feature.get());
-    EXPECT_TRUE(peer().gpuSamples().empty());
+    EXPECT_TRUE(peer().gpu().samples().empty());
     EXPECT_TRUE(log.messages().empty()) << ::testing::PrintToString(log.messages());
 }
 
@@ -308,7 +315,7 @@ TEST_F(GpuMonitorTest, Tick_ErrorCodesPassAsSamples) {
     tree.write(kBusy, "50 100\n");
     PSMPowerOptFeature::gametimerCallBack(feature.get());
 
-    const std::vector<GPUSample> samples = peer().gpuSamples();
+    const std::vector<GPUSample> samples = peer().gpu().samples();
     ASSERT_EQ(samples.size(), 2u);
     EXPECT_EQ(samples[0].freq, 300u);
     EXPECT_EQ(samples[0].busy, -22);
@@ -328,7 +335,7 @@ TEST_F(GpuMonitorTest, Tick_TakesTheFrequencyOfTheAverageCapacityOnceTimePasses)
     tree.write(kClockStats, "3000000 1000000 0\n");
     PSMPowerOptFeature::gametimerCallBack(feature.get());
 
-    const std::vector<GPUSample> samples = peer().gpuSamples();
+    const std::vector<GPUSample> samples = peer().gpu().samples();
     ASSERT_EQ(samples.size(), 3u);
     EXPECT_EQ(samples[0].freq, 300u);
     EXPECT_EQ(samples[1].freq, 300u);
@@ -339,27 +346,27 @@ TEST_F(GpuMonitorTest, Tick_WithoutCapacitiesAndAnAverageErrorSkips) {
     tree.remove(kFreqs);
     GraxInfo empty;
     ASSERT_TRUE(empty.capacities().empty());
-    peer().setGraxInfo(&empty);
+    peer().gpu().setGraxInfo(&empty);
     tree.remove(kClockStats);  // -5 from GetAvgCapacity, and no capacity table to look it up in
     tick(300, 50);
-    EXPECT_TRUE(peer().gpuSamples().empty());
-    peer().setGraxInfo(grax.get());
+    EXPECT_TRUE(peer().gpu().samples().empty());
+    peer().gpu().setGraxInfo(grax.get());
 }
 
 TEST_F(GpuMonitorTest, Tick_SampleListIsBoundedBySampleCount) {
     const int busy[] = {10, 30, 50, 70, 90, 10, 30, 50};
     for (size_t i = 0; i < std::size(busy); ++i) {
         tick(300, busy[i]);
-        EXPECT_EQ(peer().gpuSamples().size(), std::min<size_t>(i + 1, 5));
+        EXPECT_EQ(peer().gpu().samples().size(), std::min<size_t>(i + 1, 5));
         // Stability is not judged before the list is full.
         if (i < 4) {
             EXPECT_EQ(log.countContaining("isGpuStable()"), 0);
         }
     }
     EXPECT_EQ(busyValues(), (std::vector<int64_t>{70, 90, 10, 30, 50}));
-    EXPECT_EQ(log.count(line("isGpuStable", 561, "GPU is not stable yet. Busy range:80")), 4);
-    EXPECT_EQ(peer().gpuStableCount(), 0);
-    EXPECT_TRUE(peer().gpuCheckingStability());
+    EXPECT_EQ(log.count(line(pwr::site::kGpuNotStable, "GPU is not stable yet. Busy range:80")), 4);
+    EXPECT_EQ(peer().snapshot().gpuStableCount, 0);
+    EXPECT_TRUE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_CHECKING));
 }
 
 // --- Phases ---
@@ -367,74 +374,75 @@ TEST_F(GpuMonitorTest, Tick_SampleListIsBoundedBySampleCount) {
 TEST_F(GpuMonitorTest, Phases_StableTicksStartEvaluationThenEveryTickDecides) {
     feature->initGpuSamples();
     for (int busy : {40, 45, 50, 42}) tick(300, busy);
-    EXPECT_EQ(peer().gpuStableCount(), 0);
+    EXPECT_EQ(peer().snapshot().gpuStableCount, 0);
     tick(300, 48);  // 40..50: range 10, at the threshold
-    EXPECT_TRUE(log.contains(line("isGpuStable", 557, "GPU is stable. Busy range:10")));
-    EXPECT_EQ(peer().gpuStableCount(), 1);
+    EXPECT_TRUE(log.contains(line(pwr::site::kGpuStable, "GPU is stable. Busy range:10")));
+    EXPECT_EQ(peer().snapshot().gpuStableCount, 1);
     tick(300, 44);
-    EXPECT_EQ(peer().gpuStableCount(), 2);
-    EXPECT_FALSE(peer().gpuEvaluating());
+    EXPECT_EQ(peer().snapshot().gpuStableCount, 2);
+    EXPECT_FALSE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_EVALUATING));
 
     tick(300, 46);  // the third stable tick switches phase and decides nothing yet
     EXPECT_EQ(log.count(line("gametimerCallBack", 517,
                              "GPU behavior is stable. Start evaluating GPU status.")),
               1);
-    EXPECT_FALSE(peer().gpuCheckingStability());
-    EXPECT_TRUE(peer().gpuEvaluating());
+    EXPECT_FALSE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_CHECKING));
+    EXPECT_TRUE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_EVALUATING));
     EXPECT_EQ(log.countContaining("applyGpuProfile()"), 0);
 
     log.clear();
     tick(300, 90);  // evaluation no longer looks at stability
     EXPECT_EQ(log.countContaining("isGpuStable()"), 0);
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 569, "Averaged freq:300")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kAveragedFreq, "Averaged freq:300")));
 }
 
 TEST_F(GpuMonitorTest, Phases_AnUnstableTickRestartsTheStableCount) {
     for (int busy : {40, 45, 50, 42, 48, 44}) tick(300, busy);
-    ASSERT_EQ(peer().gpuStableCount(), 2);
+    ASSERT_EQ(peer().snapshot().gpuStableCount, 2);
     tick(300, 90);  // 42..90
-    EXPECT_TRUE(log.contains(line("isGpuStable", 561, "GPU is not stable yet. Busy range:48")));
-    EXPECT_EQ(peer().gpuStableCount(), 0);
-    EXPECT_TRUE(peer().gpuCheckingStability());
+    EXPECT_TRUE(
+            log.contains(line(pwr::site::kGpuNotStable, "GPU is not stable yet. Busy range:48")));
+    EXPECT_EQ(peer().snapshot().gpuStableCount, 0);
+    EXPECT_TRUE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_CHECKING));
 }
 
 TEST_F(GpuMonitorTest, Phases_EvaluationAveragesAFullListOnly) {
-    peer().setGpuPhase(false, true);
-    peer().setGpuSamples({{100, 50}, {200, 50}, {300, 50}});
+    peer().gpu().setPhase(false, true);
+    peer().gpu().setSamples({{100, 50}, {200, 50}, {300, 50}});
     tick(400, 50);  // four of five
     EXPECT_EQ(log.countContaining("Averaged freq"), 0);
     tick(500, 50);
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 569, "Averaged freq:300")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kAveragedFreq, "Averaged freq:300")));
     log.clear();
     tick(1000, 50);  // 200 + 300 + 400 + 500 + 1000
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 569, "Averaged freq:480")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kAveragedFreq, "Averaged freq:480")));
 
-    peer().setGpuSamples({{1, 50}, {1, 50}, {1, 50}, {1, 50}});
+    peer().gpu().setSamples({{1, 50}, {1, 50}, {1, 50}, {1, 50}});
     log.clear();
     tick(2, 50);  // 6 / 5, truncated
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 569, "Averaged freq:1")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kAveragedFreq, "Averaged freq:1")));
 }
 
 TEST_F(GpuMonitorTest, Phases_WithNeitherPhaseATickOnlyRecords) {
-    peer().setGpuPhase(false, false);
+    peer().gpu().setPhase(false, false);
     for (int i = 0; i < 6; ++i) tick(300, 50);
-    EXPECT_EQ(peer().gpuSamples().size(), 5u);
+    EXPECT_EQ(peer().gpu().samples().size(), 5u);
     EXPECT_EQ(log.countContaining("isGpuStable()"), 0);
     EXPECT_EQ(log.countContaining("applyGpuProfile()"), 0);
 }
 
 TEST_F(GpuMonitorTest, InitGpuSamples_ResetsTheMonitorButNotTheChangeCount) {
-    peer().setGpuPhase(false, true);
-    peer().setGpuProfileLevel(2);
+    peer().gpu().setPhase(false, true);
+    peer().gpu().setProfileLevel(2);
     for (int i = 0; i < 3; ++i) tick(300, 50);
     gGpuProfileChangeCount = 2;
 
     feature->initGpuSamples();
-    EXPECT_TRUE(peer().gpuCheckingStability());
-    EXPECT_FALSE(peer().gpuEvaluating());
-    EXPECT_EQ(peer().gpuStableCount(), 0);
-    EXPECT_EQ(peer().gpuProfileLevel(), 0);
-    EXPECT_TRUE(peer().gpuSamples().empty());
+    EXPECT_TRUE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_CHECKING));
+    EXPECT_FALSE((peer().snapshot().gpuPhase == PSM_GPU_PHASE_EVALUATING));
+    EXPECT_EQ(peer().snapshot().gpuStableCount, 0);
+    EXPECT_EQ(peer().snapshot().gpuProfileLevel, 0);
+    EXPECT_TRUE(peer().gpu().samples().empty());
     EXPECT_EQ(peer().gameState(), 0);
     EXPECT_EQ(gGpuProfileChangeCount, 2);
 }
@@ -448,10 +456,11 @@ TEST_F(GpuMonitorTest, IsGpuStable_RangeAtTheThresholdIsStable) {
     log.clear();
     std::vector<GPUSample> samples = {{300, 40}, {300, 45}, {300, 50}};
     EXPECT_TRUE(three->isGpuStable(samples));
-    EXPECT_TRUE(log.contains(line("isGpuStable", 557, "GPU is stable. Busy range:10")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kGpuStable, "GPU is stable. Busy range:10")));
     samples = {{300, 40}, {300, 51}, {300, 45}};
     EXPECT_FALSE(three->isGpuStable(samples));
-    EXPECT_TRUE(log.contains(line("isGpuStable", 561, "GPU is not stable yet. Busy range:11")));
+    EXPECT_TRUE(
+            log.contains(line(pwr::site::kGpuNotStable, "GPU is not stable yet. Busy range:11")));
 
     log.clear();
     samples = {{300, 40}, {300, 40}};  // fewer than GPU_SAMPLE_COUNT
@@ -494,7 +503,7 @@ TEST_F(GpuMonitorTest, Decision_ThresholdsAreComparedSignExtended) {
     log.clear();
     negative->applyGpuProfile(5000);
     EXPECT_TRUE(log.contains(
-            line("applyGpuProfile", 575, "GPU is underutilized. Remaining power profile.")));
+            line(pwr::site::kGpuUnderutilized, "GPU is underutilized. Remaining power profile.")));
 }
 
 TEST_F(GpuMonitorTest, Switch_OnTheThirdDifferingDecision) {
@@ -503,16 +512,16 @@ TEST_F(GpuMonitorTest, Switch_OnTheThirdDifferingDecision) {
     EXPECT_EQ(gGpuProfileChangeCount, 2);
     decide({kLowAvg});
     EXPECT_EQ(acquiredLists(), (std::vector<std::vector<int>>{kLowList}));
-    EXPECT_EQ(peer().gpuProfileLevel(), 2);
+    EXPECT_EQ(peer().snapshot().gpuProfileLevel, 2);
     EXPECT_EQ(gGpuProfileChangeCount, 0);
-    EXPECT_EQ(log.count(line("applyGpuProfile", 593, "Ready to change the profile.")), 1);
-    EXPECT_GT(peer().heldProfileHandle(), 0);
+    EXPECT_EQ(log.count(line(pwr::site::kReadyToChangeProfile, "Ready to change the profile.")), 1);
+    EXPECT_GT(peer().profileLock().held(), 0);
 }
 
 TEST_F(GpuMonitorTest, Switch_AnyThreeDifferingDecisionsSwitchToTheLast) {
     decide({kLowAvg, kModerateAvg, kLowAvg});
     EXPECT_EQ(acquiredLists(), (std::vector<std::vector<int>>{kLowList}));
-    EXPECT_EQ(peer().gpuProfileLevel(), 2);
+    EXPECT_EQ(peer().snapshot().gpuProfileLevel, 2);
 }
 
 TEST_F(GpuMonitorTest, Switch_ADecisionEqualToTheLevelResetsTheCount) {
@@ -523,14 +532,14 @@ TEST_F(GpuMonitorTest, Switch_ADecisionEqualToTheLevelResetsTheCount) {
     decide({kLowAvg, kLowAvg, kHighAvg});
     EXPECT_TRUE(acquiredLists().empty());
     EXPECT_EQ(gGpuProfileChangeCount, 0);
-    EXPECT_EQ(peer().gpuProfileLevel(), 0);
+    EXPECT_EQ(peer().snapshot().gpuProfileLevel, 0);
     decide({kModerateAvg, kModerateAvg, kModerateAvg});
     EXPECT_EQ(acquiredLists(), (std::vector<std::vector<int>>{kBalancedList}));
 }
 
 TEST_F(GpuMonitorTest, Switch_ReleasesTheHeldProfileFirst) {
     decide({kLowAvg, kLowAvg, kLowAvg});
-    const int lowHandle = peer().heldProfileHandle();
+    const int lowHandle = peer().profileLock().held();
     ASSERT_GT(lowHandle, 0);
     decide({kModerateAvg, kModerateAvg, kModerateAvg});
 
@@ -545,24 +554,24 @@ TEST_F(GpuMonitorTest, Switch_ReleasesTheHeldProfileFirst) {
     EXPECT_EQ(acquire.duration, INT_MAX);
     EXPECT_EQ(fakeperf::heldLocks(),
               (std::map<int, std::vector<int>>{{acquire.result, kBalancedList}}));
-    EXPECT_EQ(peer().heldProfileHandle(), acquire.result);
+    EXPECT_EQ(peer().profileLock().held(), acquire.result);
 }
 
 TEST_F(GpuMonitorTest, Switch_TheChangeCountIsSharedByTheProcess) {
     auto other = makeFeature(gpuConfig());
     decide({kLowAvg, kLowAvg});
     other->applyGpuProfile(kLowAvg);
-    EXPECT_EQ(PSMPowerOptFeatureTestPeer(*other).gpuProfileLevel(), 2);
-    EXPECT_EQ(peer().gpuProfileLevel(), 0);
+    EXPECT_EQ(PSMPowerOptFeatureTestPeer(*other).snapshot().gpuProfileLevel, 2);
+    EXPECT_EQ(peer().snapshot().gpuProfileLevel, 0);
 }
 
 TEST_F(GpuMonitorTest, Switch_LevelChangesEvenWhenTheLockIsRefused) {
     fakeperf::setAcquireFailure(true, -1);
     decide({kLowAvg, kLowAvg, kLowAvg});
-    EXPECT_EQ(peer().gpuProfileLevel(), 2);
-    EXPECT_EQ(peer().heldProfileHandle(), -1);
+    EXPECT_EQ(peer().snapshot().gpuProfileLevel, 2);
+    EXPECT_EQ(peer().profileLock().held(), -1);
     EXPECT_TRUE(log.contains(
-            line("readAndApplyProfile", 918, "Failed to apply resource, handle = -1")));
+            line(pwr::site::kProfileApplyFailed, "Failed to apply resource, handle = -1")));
     // Decisions equal to the new level do not retry.
     log.clear();
     decide({kLowAvg, kLowAvg, kLowAvg});
@@ -579,8 +588,9 @@ TEST_F(GpuMonitorTest, Switch_ALevelWithoutAProfileOnlyReleases) {
     ASSERT_EQ(acquiredLists(), (std::vector<std::vector<int>>{kBalancedList}));
     log.clear();
     for (int i = 0; i < 3; ++i) twoProfiles->applyGpuProfile(kLowAvg);
-    EXPECT_TRUE(log.contains(line("applyGpuProfile", 596, "No dynamic GPU profile for level 2")));
-    EXPECT_EQ(PSMPowerOptFeatureTestPeer(*twoProfiles).gpuProfileLevel(), 2);
+    EXPECT_TRUE(log.contains(
+            line(pwr::site::kNoDynamicProfileForLevel, "No dynamic GPU profile for level 2")));
+    EXPECT_EQ(PSMPowerOptFeatureTestPeer(*twoProfiles).snapshot().gpuProfileLevel, 2);
     EXPECT_EQ(acquiredLists().size(), 1u);
     EXPECT_TRUE(fakeperf::heldLocks().empty());
 }
@@ -657,10 +667,10 @@ class TimedFeature {
     explicit TimedFeature(const PowerOptFeatureInfo& info)
         : mGrax(std::make_unique<GraxInfo>()),
           mFeature(std::make_unique<PSMPowerOptFeature>(info)) {
-        PSMPowerOptFeatureTestPeer(*mFeature).setGraxInfo(mGrax.get());
+        PSMPowerOptFeatureTestPeer(*mFeature).gpu().setGraxInfo(mGrax.get());
     }
     ~TimedFeature() {
-        Timer().Timer_disable(PSMPowerOptFeatureTestPeer(*mFeature).gameTimer());
+        Timer().Timer_disable(PSMPowerOptFeatureTestPeer(*mFeature).gpu().timer());
         static auto* parked = new std::vector<
                 std::pair<std::unique_ptr<GraxInfo>, std::unique_ptr<PSMPowerOptFeature>>>();
         static std::mutex parkedMutex;
@@ -699,14 +709,14 @@ TEST(GpuMonitorTimer, RealTicksSwitchTheDynamicProfileAsTheGpuChanges) {
     ASSERT_TRUE(feature.peer().ready());
 
     feature->sendEvents(event(kAppStart, std::string(kGame) + "/.Main"));
-    EXPECT_TRUE(log.contains(line("sendEvents", 398, "Triggering Gaming Usable Mode.")));
-    EXPECT_TRUE(Timer().Timer_isActive(feature.peer().gameTimer()));
+    EXPECT_TRUE(log.contains(line(pwr::site::kGamingOn, "Triggering Gaming Usable Mode.")));
+    EXPECT_TRUE(Timer().Timer_isActive(feature.peer().gpu().timer()));
     EXPECT_EQ(feature.peer().gameState(), 1);
 
     // 200 MHz: underutilised, the third profile.
     const int low = watch.waitForAcquire(kLowList, 0);
     ASSERT_GE(low, 0) << ::testing::PrintToString(log.messages());
-    EXPECT_TRUE(log.contains(line("gametimerCallBack", 500, "Meastured freq:200, busy:50")));
+    EXPECT_TRUE(log.contains(line(pwr::site::kMeasured, "Meastured freq:200, busy:50")));
     EXPECT_TRUE(log.contains(line("gametimerCallBack", 517,
                                   "GPU behavior is stable. Start evaluating GPU status.")));
 
@@ -725,14 +735,14 @@ TEST(GpuMonitorTimer, RealTicksSwitchTheDynamicProfileAsTheGpuChanges) {
     calls = watch.calls();
     EXPECT_EQ(calls[high - 1].kind, CallKind::LockRelease);
     EXPECT_EQ(calls[high - 1].handle, calls[balanced].result);
-    EXPECT_EQ(feature.peer().heldProfileHandle(), calls[high].result);
+    EXPECT_EQ(feature.peer().profileLock().held(), calls[high].result);
 
     // The game stops: the timer is disarmed and the profile given back. The GPU is steady at the
     // level in force, so a tick still under way switches nothing.
     feature->sendEvents(event(kAppStop, std::string(kGame) + "/.Main"));
-    EXPECT_FALSE(Timer().Timer_isActive(feature.peer().gameTimer()));
+    EXPECT_FALSE(Timer().Timer_isActive(feature.peer().gpu().timer()));
     EXPECT_EQ(feature.peer().gameState(), 2);
-    EXPECT_EQ(feature.peer().heldProfileHandle(), -1);
+    EXPECT_EQ(feature.peer().profileLock().held(), -1);
     EXPECT_TRUE(fakeperf::heldLocks().empty());
     EXPECT_EQ(watch.maxHeld(), 1u);
 }
@@ -826,12 +836,15 @@ TEST_P(GpuMonitorConcurrency, EventsWhileTicking) {
                       dynamicLists.end());
         }
     }
-    EXPECT_LE(feature.peer().gpuSamples().size(), 2u);
+    EXPECT_LE(feature.peer().gpu().samples().size(), 2u);
     EXPECT_EQ(feature.peer().gameState(), 2);
 
     // A real tick may still be switching; the handle and the library agree under the profile
     // lock, and a final release leaves nothing held.
-    feature.peer().withHeldProfileHandle([](int handle) {
+    {
+        ProfileLock& locks = feature.peer().profileLock();
+        pwr::MutexLock lock(locks.profileMutex);
+        const int handle = locks.heldLocked();
         const std::map<int, std::vector<int>> held = fakeperf::heldLocks();
         if (handle > 0) {
             EXPECT_EQ(held.size(), 1u);
@@ -839,8 +852,8 @@ TEST_P(GpuMonitorConcurrency, EventsWhileTicking) {
         } else {
             EXPECT_TRUE(held.empty());
         }
-    });
-    Timer().Timer_disable(feature.peer().gameTimer());
+    }
+    Timer().Timer_disable(feature.peer().gpu().timer());
     feature->releaseProfileLock();
     if (!realTimer) {
         EXPECT_TRUE(fakeperf::heldLocks().empty());

@@ -5,10 +5,13 @@
 
 #include <climits>
 #include <cstdarg>
+#include <set>
 #include <string>
 
+#include <android-base/file.h>
 #include <android-base/stringprintf.h>
 
+#include "feature/LogSites.h"
 #include "platform/Log.h"
 #include "tests/support/LogCapture.h"
 
@@ -76,3 +79,27 @@ TEST(Log, LongMessage_CutLikeLiblog) {
 }
 
 }  // namespace
+
+// Every feature log site, written out, against the golden list: a site whose words, number or
+// format changed shows up as a diff there. Sites name distinct lines.
+TEST(LogSites, MatchTheGoldenList) {
+#ifndef PWR_SOURCE_DIR
+    GTEST_SKIP() << "built without the source tree's location";
+#else
+    std::string golden;
+    ASSERT_TRUE(android::base::ReadFileToString(
+            std::string(PWR_SOURCE_DIR) + "/tests/golden/feature-log-sites.txt", &golden));
+    std::string written;
+    std::set<std::pair<std::string, int> > places;
+    for (const pwr::LogSite* site : pwr::site::kAll) {
+        std::string format = site->format;
+        for (size_t at = format.find('\n'); at != std::string::npos; at = format.find('\n', at)) {
+            format.replace(at, 1, "\\n");
+        }
+        written += pwr::linePrefix(*site) + format + "\n";
+        EXPECT_TRUE(places.emplace(site->function, site->line).second)
+                << site->function << " " << site->line;
+    }
+    EXPECT_EQ(written, golden);
+#endif
+}

@@ -7,6 +7,7 @@
 #include <climits>
 #include <stdexcept>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -29,10 +30,10 @@ using pwr::test::TimerSyscalls;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr char kConstructed[] =
-        "PSMPOWEROPT: PSMPowerOptFeature() 75: Constructor PSMPowerOptFeature";
-constexpr char kMissingConfigs[] =
-        "PSMPOWEROPT: PSMPowerOptFeature() 70: Missing feature configs, return !!";
+const std::string kConstructed =
+        pwr::linePrefix(pwr::site::kConstructor) + "Constructor PSMPowerOptFeature";
+const std::string kMissingConfigs =
+        pwr::linePrefix(pwr::site::kMissingConfigs) + "Missing feature configs, return !!";
 
 class PSMPowerOptFeatureTest : public ::testing::Test {
   protected:
@@ -52,15 +53,15 @@ TEST_F(PSMPowerOptFeatureTest, MinimalConfig_ReadyInConfiguredMode) {
     auto feature = createFeature(minimalConfig("2"));
     PSMPowerOptFeatureTestPeer peer(*feature);
     EXPECT_TRUE(peer.ready());
-    EXPECT_EQ(peer.psmState(), 2);
+    EXPECT_EQ(peer.settings().mPsmState, 2);
     EXPECT_EQ(peer.psmMode(), 2);
     EXPECT_EQ(peer.gameState(), 0);
-    EXPECT_EQ(peer.heldProfileHandle(), -1);
-    EXPECT_EQ(peer.lightModeProfile(), (Profile{{0x40C00000, 0x1, 0x40804000, 0x5DC}}));
+    EXPECT_EQ(peer.profileLock().held(), -1);
+    EXPECT_EQ(peer.settings().mLightModeProfile, (Profile{{0x40C00000, 0x1, 0x40804000, 0x5DC}}));
     EXPECT_EQ(feature->name, "PSMPowerOptFeature");
     // Neither optional part is set up: no timers.
-    EXPECT_EQ(peer.gameTimer(), nullptr);
-    EXPECT_EQ(peer.batteryTimer(), nullptr);
+    EXPECT_EQ(peer.gpu().timer(), nullptr);
+    EXPECT_EQ(peer.battery().timer(), nullptr);
     EXPECT_THAT(log.messages(), ElementsAre(kConstructed));
 }
 
@@ -69,7 +70,7 @@ TEST_F(PSMPowerOptFeatureTest, PsmState_TruncatedTowardZero) {
     for (const auto& [text, expected] : cases) {
         auto feature = createFeature(minimalConfig(text));
         PSMPowerOptFeatureTestPeer peer(*feature);
-        EXPECT_EQ(peer.psmState(), expected) << text;
+        EXPECT_EQ(peer.settings().mPsmState, expected) << text;
         EXPECT_EQ(peer.psmMode(), expected) << text;
         EXPECT_TRUE(peer.ready()) << text;
     }
@@ -91,8 +92,9 @@ TEST_F(PSMPowerOptFeatureTest, MissingPsmState_NotReadyAndIgnoresEvents) {
     auto feature = createFeature(info);
     ASSERT_NE(feature, nullptr);
     EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
-    EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: initAnalyzeConfigs() 84: miss PSM_STATE",
-                                            kMissingConfigs));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(pwr::linePrefix(pwr::site::kMissPsmState) + "miss PSM_STATE",
+                            kMissingConfigs));
 
     log.clear();
     fakeperf::setDefaultAppType(2);
@@ -111,8 +113,8 @@ TEST_F(PSMPowerOptFeatureTest, MissingOrEmptyLightProfile_NotReady) {
         auto feature = createFeature(info);
         EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
         EXPECT_THAT(log.messages(),
-                    ElementsAre("PSMPOWEROPT: initAnalyzeConfigs() 90: No  Default Profile "
-                                "specified\n",
+                    ElementsAre(pwr::linePrefix(pwr::site::kNoLightProfile) + "No  Default Profile "
+                                                                              "specified\n",
                                 kMissingConfigs));
     }
     // The host's record is copied on the way in and never changed.
@@ -143,8 +145,9 @@ TEST_F(PSMPowerOptFeatureTest, MissingGpuMode_NotReady) {
     LogCapture log;
     auto feature = createFeature(info);
     EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
-    EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: initAnalyzeConfigs() 107: miss GPUMode",
-                                            kMissingConfigs));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(pwr::linePrefix(pwr::site::kMissGpuMode) + "miss GPUMode",
+                            kMissingConfigs));
 }
 
 TEST_F(PSMPowerOptFeatureTest, NotReady_KeepsWhatWasCreatedUntilDestroyed) {
@@ -156,8 +159,8 @@ TEST_F(PSMPowerOptFeatureTest, NotReady_KeepsWhatWasCreatedUntilDestroyed) {
     auto feature = createFeature(info);
     PSMPowerOptFeatureTestPeer peer(*feature);
     EXPECT_FALSE(peer.ready());
-    ASSERT_NE(peer.batteryTimer(), nullptr);
-    const timer_t battery = peer.batteryTimer()->timerId;
+    ASSERT_NE(peer.battery().timer(), nullptr);
+    const timer_t battery = peer.battery().timer()->timerId;
     EXPECT_THAT(TimerSyscalls::deleted(), IsEmpty());
     feature.reset();
     EXPECT_THAT(TimerSyscalls::deleted(), ElementsAre(battery));
@@ -175,8 +178,8 @@ TEST_F(PSMPowerOptFeatureTest, GpuModeZero_ReadsNoGpuSetting) {
     ASSERT_NO_THROW(feature = createFeature(info));
     PSMPowerOptFeatureTestPeer peer(*feature);
     EXPECT_TRUE(peer.ready());
-    EXPECT_EQ(peer.gameTimer(), nullptr);
-    EXPECT_EQ(peer.gameTimerMs(), 0);
+    EXPECT_EQ(peer.gpu().timer(), nullptr);
+    EXPECT_EQ(peer.settings().mGameTimerMs, 0);
 }
 
 TEST_F(PSMPowerOptFeatureTest, UnparsableNumber_ThrowsOutOfFactory) {
@@ -228,21 +231,21 @@ TEST_F(PSMPowerOptFeatureTest, Destructor_DeletesTimersInOrderAndKeepsProfileLoc
     auto feature = createFeature(info);
     PSMPowerOptFeatureTestPeer peer(*feature);
     ASSERT_TRUE(peer.ready());
-    peer.setDeepTimer(Timer().Timer_create(&noop, nullptr));
-    ASSERT_NE(peer.deepTimer(), nullptr);
-    ASSERT_NE(peer.gameTimer(), nullptr);
-    ASSERT_NE(peer.batteryTimer(), nullptr);
-    const timer_t deep = peer.deepTimer()->timerId;
-    const timer_t game = peer.gameTimer()->timerId;
-    const timer_t battery = peer.batteryTimer()->timerId;
+    peer.deep().adoptTimer(pwr::TimerHandle(&noop, nullptr));
+    ASSERT_NE(peer.deep().timers().first, nullptr);
+    ASSERT_NE(peer.gpu().timer(), nullptr);
+    ASSERT_NE(peer.battery().timer(), nullptr);
+    const timer_t deep = peer.deep().timers().first->timerId;
+    const timer_t game = peer.gpu().timer()->timerId;
+    const timer_t battery = peer.battery().timer()->timerId;
 
     // A running game timer and a held profile at the time of deletion.
     fakeperf::setAppType("com.example.game", 2);
     feature->sendEvents(event(0x1001, "com.example.game/.Main"));
-    ASSERT_TRUE(Timer().Timer_isActive(peer.gameTimer()));
+    ASSERT_TRUE(Timer().Timer_isActive(peer.gpu().timer()));
     Profile profile{{0x40800000, 0x5DC}};
     feature->applyProfileLock(profile);
-    const int handle = peer.heldProfileHandle();
+    const int handle = peer.profileLock().held();
     ASSERT_GE(handle, 1);
 
     LogCapture log;
@@ -250,8 +253,8 @@ TEST_F(PSMPowerOptFeatureTest, Destructor_DeletesTimersInOrderAndKeepsProfileLoc
     const size_t callsBefore = fakeperf::calls().size();
     feature.reset();
     EXPECT_THAT(TimerSyscalls::deleted(), ElementsAre(deep, game, battery));
-    EXPECT_TRUE(
-            log.contains("PSMPOWEROPT: ~PSMPowerOptFeature() 292: Destructor PSMPowerOptFeature"));
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kDestructor) +
+                             "Destructor PSMPowerOptFeature"));
     // The lock stays with the library: no perf_lock_rel, no other call.
     EXPECT_EQ(fakeperf::calls().size(), callsBefore);
     EXPECT_EQ(fakeperf::heldLocks().count(handle), 1u);

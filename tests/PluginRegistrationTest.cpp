@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -23,8 +24,8 @@ TEST(PluginRegistration, MinimalConfigIsReady) {
     ASSERT_NE(feature, nullptr) << error;
     auto& psm = static_cast<PSMPowerOptFeature&>(*feature);
     EXPECT_TRUE(PSMPowerOptFeatureTestPeer(psm).ready());
-    EXPECT_TRUE(
-            log.contains("PSMPOWEROPT: PSMPowerOptFeature() 75: Constructor PSMPowerOptFeature"))
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kConstructor) +
+                             "Constructor PSMPowerOptFeature"))
             << ::testing::PrintToString(log.messages());
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "platform/PowerOptClassifier.h"
@@ -62,9 +63,10 @@ TEST_F(FeatureClassificationTest, Game_IsGameAndEligibleBothSayIsPSMType) {
     EXPECT_TRUE(feature->isPSMType("game"));
     EXPECT_FALSE(feature->isBrowser("game"));
     EXPECT_EQ(peer->psmAppType(), 2);
-    EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: isGame() 610: game isPSMType = 2",
-                                            "PSMPOWEROPT: isPSMType() 809: game isPSMType = 2",
-                                            "PSMPOWEROPT: isBrowser() 823: game isBrowser = 2"));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(pwr::linePrefix(pwr::site::kIsGame) + "game isPSMType = 2",
+                            pwr::linePrefix(pwr::site::kIsPsmType) + "game isPSMType = 2",
+                            pwr::linePrefix(pwr::site::kIsBrowser) + "game isBrowser = 2"));
 }
 
 TEST_F(FeatureClassificationTest, Browser_EligibleAndBrowser) {
@@ -74,8 +76,9 @@ TEST_F(FeatureClassificationTest, Browser_EligibleAndBrowser) {
     EXPECT_TRUE(feature->isBrowser("browser"));
     EXPECT_EQ(peer->psmAppType(), 3);
     // isGame says nothing about a non-game.
-    EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: isPSMType() 809: browser isPSMType = 3",
-                                            "PSMPOWEROPT: isBrowser() 823: browser isBrowser = 3"));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(pwr::linePrefix(pwr::site::kIsPsmType) + "browser isPSMType = 3",
+                            pwr::linePrefix(pwr::site::kIsBrowser) + "browser isBrowser = 3"));
 }
 
 TEST_F(FeatureClassificationTest, TypeFive_EligibleOnly) {
@@ -94,8 +97,8 @@ TEST_F(FeatureClassificationTest, OtherTypes_NotEligibleAndTypeKept) {
         EXPECT_FALSE(feature->isBrowser(app)) << app;
     }
     EXPECT_EQ(peer->psmAppType(), 3);
-    EXPECT_TRUE(log.contains("PSMPOWEROPT: isPSMType() 809: failing isPSMType = -1"));
-    EXPECT_TRUE(log.contains("PSMPOWEROPT: isBrowser() 823: four isBrowser = 4"));
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kIsPsmType) + "failing isPSMType = -1"));
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kIsBrowser) + "four isBrowser = 4"));
     EXPECT_EQ(log.countContaining("isGame()"), 0);
 }
 

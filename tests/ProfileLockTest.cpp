@@ -6,6 +6,7 @@
 #include <climits>
 #include <thread>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "tests/support/FeaturePeer.h"
@@ -20,7 +21,8 @@ using pwr::test::LogCapture;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr char kTrying[] = "PSMPOWEROPT: applyProfileLock() 936: Trying to applyProfileLock.";
+const std::string kTrying =
+        pwr::linePrefix(pwr::site::kTryingProfileLock) + "Trying to applyProfileLock.";
 
 class ProfileLockTest : public ::testing::Test {
   protected:
@@ -39,26 +41,26 @@ TEST_F(ProfileLockTest, Apply_TakesFirstListOnlyForever) {
     LogCapture log;
     feature->applyProfileLock(profile);
     EXPECT_THAT(log.messages(),
-                ElementsAre(kTrying, "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 3",
-                            "PSMPOWEROPT: readAndApplyProfile() 909:  Array size 4"));
+                ElementsAre(kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 3",
+                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 4"));
     const auto calls = fakeperf::calls();
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].kind, CallKind::LockAcquire);
     EXPECT_EQ(calls[0].handle, 0);
     EXPECT_EQ(calls[0].duration, INT_MAX);
     EXPECT_EQ(calls[0].list, (std::vector<int>{1, 2, 3, 4}));
-    EXPECT_EQ(peer->heldProfileHandle(), calls[0].result);
+    EXPECT_EQ(peer->profileLock().held(), calls[0].result);
 }
 
 TEST_F(ProfileLockTest, Apply_TwiceTakesOneLock) {
     Profile first{{1, 2}};
     Profile second{{3, 4}};
     feature->applyProfileLock(first);
-    const int handle = peer->heldProfileHandle();
+    const int handle = peer->profileLock().held();
     LogCapture log;
     feature->applyProfileLock(second);
     EXPECT_THAT(log.messages(), ElementsAre(kTrying));
-    EXPECT_EQ(peer->heldProfileHandle(), handle);
+    EXPECT_EQ(peer->profileLock().held(), handle);
     EXPECT_EQ(fakeperf::heldLocks(), (std::map<int, std::vector<int>>{{handle, {1, 2}}}));
 }
 
@@ -70,12 +72,12 @@ TEST_F(ProfileLockTest, Apply_EmptyProfileOrEmptyFirstListTakesNothing) {
     feature->applyProfileLock(emptyFirst);
     EXPECT_EQ(feature->readAndApplyProfile(emptyFirst, 100), -1);
     EXPECT_THAT(log.messages(),
-                ElementsAre(kTrying, "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 0",
-                            kTrying, "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 2",
-                            "PSMPOWEROPT: readAndApplyProfile() 909:  Array size 0",
-                            "PSMPOWEROPT: readAndApplyProfile() 899: Profile size 2",
-                            "PSMPOWEROPT: readAndApplyProfile() 909:  Array size 0"));
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+                ElementsAre(kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 0",
+                            kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 2",
+                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 0",
+                            pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 2",
+                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 0"));
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
 }
 
@@ -84,26 +86,27 @@ TEST_F(ProfileLockTest, Apply_RefusedLockLoggedAndRetriedNextTime) {
     fakeperf::setAcquireFailure(true, 0);
     LogCapture log;
     feature->applyProfileLock(profile);
-    EXPECT_TRUE(log.contains(
-            "PSMPOWEROPT: readAndApplyProfile() 918: Failed to apply resource, handle = 0"));
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kProfileApplyFailed) +
+                             "Failed to apply resource, handle = 0"));
+    EXPECT_EQ(peer->profileLock().held(), -1);
 
     fakeperf::setAcquireFailure(false);
     feature->applyProfileLock(profile);
-    EXPECT_GE(peer->heldProfileHandle(), 1);
+    EXPECT_GE(peer->profileLock().held(), 1);
 }
 
 TEST_F(ProfileLockTest, Release_GivesBackHeldLockOnce) {
     Profile profile{{1, 2}};
     feature->applyProfileLock(profile);
-    const int handle = peer->heldProfileHandle();
+    const int handle = peer->profileLock().held();
     LogCapture log;
     feature->releaseProfileLock();
     feature->releaseProfileLock();  // none held: silent
-    EXPECT_THAT(log.messages(), ElementsAre("PSMPOWEROPT: releaseProfileLock() 929: Releasing "
+    EXPECT_THAT(log.messages(), ElementsAre(pwr::linePrefix(pwr::site::kReleasingProfile) +
+                                            "Releasing "
                                             "profile, handle = " +
                                             std::to_string(handle)));
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::heldLocks(), IsEmpty());
     const auto calls = fakeperf::calls();
     ASSERT_EQ(calls.size(), 2u);
@@ -126,7 +129,7 @@ TEST_F(ProfileLockTest, PlainPair_AppliesAndReleasesGivenHandles) {
     EXPECT_EQ(calls[1].handle, 0);
     EXPECT_EQ(calls[2].handle, handle);
     // The held profile lock is not the plain pair's business.
-    EXPECT_EQ(peer->heldProfileHandle(), -1);
+    EXPECT_EQ(peer->profileLock().held(), -1);
 }
 
 TEST_F(ProfileLockTest, PlainPair_DiagnosticsOnlyWhenDebugging) {
@@ -140,10 +143,10 @@ TEST_F(ProfileLockTest, PlainPair_DiagnosticsOnlyWhenDebugging) {
     peer->setDebugEnabled(true);
     EXPECT_EQ(feature->applyProfile(list, 2, 10), -3);
     feature->releaseProfile(4);
-    EXPECT_THAT(
-            log.messages(),
-            ElementsAre("PSMPOWEROPT: applyProfile() 954: Failed to apply resource, handle = -3",
-                        "PSMPOWEROPT: releaseProfile() 964: Releasing handle:4"));
+    EXPECT_THAT(log.messages(),
+                ElementsAre(pwr::linePrefix(pwr::site::kApplyFailed) +
+                                    "Failed to apply resource, handle = -3",
+                            pwr::linePrefix(pwr::site::kReleasingHandle) + "Releasing handle:4"));
 }
 
 // Event and timer threads apply and release concurrently: at most one lock is ever held, every
@@ -182,7 +185,7 @@ TEST_F(ProfileLockTest, ConcurrentApplyRelease_OneLockNoLostRelease) {
     }
     EXPECT_GE(acquired, 1);
     EXPECT_EQ(acquired - released, held == -1 ? 0 : 1);
-    EXPECT_EQ(peer->heldProfileHandle(), held);
+    EXPECT_EQ(peer->profileLock().held(), held);
     const auto locks = fakeperf::heldLocks();
     if (held == -1) {
         EXPECT_THAT(locks, IsEmpty());

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/fakeperf/FakePerf.h"
 #include "tests/support/DeepModeConfig.h"
@@ -49,10 +50,10 @@ TEST_F(PropertyApply, ConvertToStringArray_DropsEmptyTokensKeepsBlanksAndCallerT
 
     EXPECT_THAT(out, ElementsAre("kept", "a", "b ", " c"));
     EXPECT_STREQ(text, "a,,b , c,") << "the caller's text must not be tokenised in place";
-    EXPECT_EQ(log.count("PSMPOWEROPT: ConvertToStringArray() 1057: pch[a]; pSave[,b , c,]\n"), 1)
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropToken) + "pch[a]; pSave[,b , c,]\n"), 1)
             << ::testing::PrintToString(log.messages());
-    EXPECT_EQ(log.count("PSMPOWEROPT: ConvertToStringArray() 1057: pch[b ]; pSave[ c,]\n"), 1);
-    EXPECT_EQ(log.count("PSMPOWEROPT: ConvertToStringArray() 1057: pch[ c]; pSave[]\n"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropToken) + "pch[b ]; pSave[ c,]\n"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropToken) + "pch[ c]; pSave[]\n"), 1);
 }
 
 TEST_F(PropertyApply, ConvertToStringArray_NullAddsNothing) {
@@ -65,7 +66,7 @@ TEST_F(PropertyApply, ConvertToStringArray_NullAddsNothing) {
     feature->ConvertToStringArray(nullptr, out);
 
     EXPECT_TRUE(out.empty());
-    EXPECT_EQ(log.count("PSMPOWEROPT: ConvertToStringArray() 1051: No props \n"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kNoPropsText) + "No props \n"), 1);
 }
 
 TEST_F(PropertyApply, ApplyProp_SetsWholePairsOnlyAndReturnsOldLength) {
@@ -77,7 +78,8 @@ TEST_F(PropertyApply, ApplyProp_SetsWholePairsOnlyAndReturnsOldLength) {
     EXPECT_EQ(feature->applyProp(odd.data(), 3, 0), 3) << "length of the old value 128";
     EXPECT_EQ(propertyValue("vendor.pwr.a"), "1");
     EXPECT_EQ(propertyValue("vendor.pwr.dangling"), "<unset>");
-    EXPECT_EQ(log.count("PSMPOWEROPT: applyProp() 869: param for config:vendor.pwr.a,1"), 1)
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropParam) + "param for config:vendor.pwr.a,1"),
+              1)
             << ::testing::PrintToString(log.messages());
 
     // The count, not the list, bounds the walk; fewer than two elements is nothing to do.
@@ -98,7 +100,7 @@ TEST_F(PropertyApply, ReadAndApplyProp_EmptyListAndSize) {
     EXPECT_EQ(log.countContaining("Prop size"), 0);
 
     EXPECT_EQ(feature->readAndApplyProp({"vendor.pwr.a", "1", "vendor.pwr.b"}, 0), 1);
-    EXPECT_EQ(log.count("PSMPOWEROPT: readAndApplyProp() 848: Prop size 3"), 1);
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropSize) + "Prop size 3"), 1);
     EXPECT_EQ(propertyValue("vendor.pwr.a"), "1");
     EXPECT_EQ(propertyValue("vendor.pwr.b"), "<unset>");
     EXPECT_EQ(feature->readAndApplyProp({"vendor.pwr.a"}, 0), -1);
@@ -111,7 +113,7 @@ TEST_F(PropertyApply, ReleaseProp_ShortListDoesNothingAndNoSavedValueClears) {
 
     feature->releaseProp({"vendor.pwr.a"});
     EXPECT_EQ(propertyValue("vendor.pwr.a"), "1");
-    EXPECT_EQ(log.count("PSMPOWEROPT: releaseProp() 886:  Array size 1"), 1)
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kReleasePropSize) + " Array size 1"), 1)
             << ::testing::PrintToString(log.messages());
 
     // Nothing was saved for the name (and this feature has no store): the value becomes empty.

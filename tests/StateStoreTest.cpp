@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -75,14 +76,14 @@ TEST_F(StateStoreTest, InitOpensDeviceFileOnceInWalMode) {
     auto feature = makeFeature();
     ASSERT_NE(feature, nullptr);
     PSMPowerOptFeatureTestPeer peer(psm(*feature));
-    PMDatabase<PSMReferenceOutput>* store = peer.pmDatabase();
+    PMDatabase<PSMReferenceOutput>* store = peer.store().database();
     ASSERT_NE(store, nullptr);
-    EXPECT_EQ(peer.pmDbStatus(), 0);
+    EXPECT_EQ(peer.store().status(), 0);
     EXPECT_EQ(store->path(), tree.hostPath(kStoreFile));
     EXPECT_EQ(store->tableName(), "PSMPOWEROPT");
 
     psm(*feature).pmDbInit();
-    EXPECT_EQ(peer.pmDatabase(), store);
+    EXPECT_EQ(peer.store().database(), store);
 
     SqliteProbe probe(tree.hostPath(kStoreFile));
     ASSERT_TRUE(probe.ok());
@@ -109,16 +110,20 @@ TEST_F(StateStoreTest, WriteTwiceReadOnceGivesLaterByteAndConsumesBoth) {
     EXPECT_EQ(psm(*feature).pmDbRead("vendor.a"), 0);
 
     EXPECT_THAT(featureMessages(log),
-                ElementsAre("PSMPOWEROPT: pmDbWrite() 1134: Successfully written output to DB, DB "
-                            "Row key name=vendor.a, writing properties 1",
-                            "PSMPOWEROPT: pmDbWrite() 1134: Successfully written output to DB, DB "
-                            "Row key name=vendor.a, writing properties 7",
-                            "PSMPOWEROPT: pmDbRead() 1152: ReferenceAlgo::runAlgo (totalCount , "
-                            "readCount) = (2, 2) ",
-                            "PSMPOWEROPT: pmDbRead() 1158: Reading properties[0]=1",
-                            "PSMPOWEROPT: pmDbRead() 1158: Reading properties[1]=7",
-                            "PSMPOWEROPT: pmDbRead() 1152: ReferenceAlgo::runAlgo (totalCount , "
-                            "readCount) = (0, 0) "));
+                ElementsAre(pwr::linePrefix(pwr::site::kDbWritten) +
+                                    "Successfully written output to DB, DB "
+                                    "Row key name=vendor.a, writing properties 1",
+                            pwr::linePrefix(pwr::site::kDbWritten) +
+                                    "Successfully written output to DB, DB "
+                                    "Row key name=vendor.a, writing properties 7",
+                            pwr::linePrefix(pwr::site::kDbReadCounts) +
+                                    "ReferenceAlgo::runAlgo (totalCount , "
+                                    "readCount) = (2, 2) ",
+                            pwr::linePrefix(pwr::site::kDbReadRow) + "Reading properties[0]=1",
+                            pwr::linePrefix(pwr::site::kDbReadRow) + "Reading properties[1]=7",
+                            pwr::linePrefix(pwr::site::kDbReadCounts) +
+                                    "ReferenceAlgo::runAlgo (totalCount , "
+                                    "readCount) = (0, 0) "));
 }
 
 TEST_F(StateStoreTest, ReadConsumesOnlyItsOwnKey) {
@@ -147,8 +152,8 @@ TEST_F(StateStoreTest, MissingDirectoryRunsWithoutStore) {
     auto feature = makeFeature();
     ASSERT_NE(feature, nullptr);
     PSMPowerOptFeatureTestPeer peer(psm(*feature));
-    EXPECT_EQ(peer.pmDatabase(), nullptr);
-    EXPECT_EQ(peer.pmDbStatus(), -1);
+    EXPECT_EQ(peer.store().database(), nullptr);
+    EXPECT_EQ(peer.store().status(), -1);
     EXPECT_TRUE(peer.ready());
     // Debugging was off while the store was opened, so the feature said nothing then; with no
     // store, writes and reads stay silent even with debugging on.
@@ -171,16 +176,16 @@ TEST_F(StateStoreTest, FailedInitSaysSoWhenDebugging) {
     peer.setDebugEnabled(true);
     LogCapture log;
     psm(*feature).pmDbInit();
-    EXPECT_EQ(peer.pmDatabase(), nullptr);
-    EXPECT_THAT(featureMessages(log),
-                ElementsAre("PSMPOWEROPT: pmDbInit() 1111: Error in DB initialization - "
-                            "createFeatureInputDb -1"));
+    EXPECT_EQ(peer.store().database(), nullptr);
+    EXPECT_THAT(featureMessages(log), ElementsAre(pwr::linePrefix(pwr::site::kDbInitFailed) +
+                                                  "Error in DB initialization - "
+                                                  "createFeatureInputDb -1"));
 
     // A later init tries again, and succeeds once the directory is there.
     tree.mkdirs("/data/vendor/pwr");
     psm(*feature).pmDbInit();
-    EXPECT_NE(peer.pmDatabase(), nullptr);
-    EXPECT_EQ(peer.pmDbStatus(), 0);
+    EXPECT_NE(peer.store().database(), nullptr);
+    EXPECT_EQ(peer.store().status(), 0);
 }
 
 TEST_F(StateStoreTest, FileThatIsNotADatabaseIsLeftAloneAndStoreStaysOff) {
@@ -190,8 +195,8 @@ TEST_F(StateStoreTest, FileThatIsNotADatabaseIsLeftAloneAndStoreStaysOff) {
     auto feature = makeFeature();
     ASSERT_NE(feature, nullptr);
     PSMPowerOptFeatureTestPeer peer(psm(*feature));
-    EXPECT_EQ(peer.pmDatabase(), nullptr);
-    EXPECT_EQ(peer.pmDbStatus(), -1);
+    EXPECT_EQ(peer.store().database(), nullptr);
+    EXPECT_EQ(peer.store().status(), -1);
     psm(*feature).pmDbWrite("PSM", '1');
     EXPECT_EQ(psm(*feature).pmDbRead("PSM"), 0);
     EXPECT_EQ(log.countContaining("PMDB: createPMdbTables() 124: ERROR:Dbt=PSMPOWEROPT info="), 1);
@@ -223,7 +228,7 @@ TEST_F(StateStoreTest, ValueWrittenInOneProcessIsReadInAnother) {
         if (feature == nullptr) _exit(2);
         auto& f = static_cast<PSMPowerOptFeature&>(*feature);
         f.pmDbInit();
-        if (PSMPowerOptFeatureTestPeer(f).pmDatabase() == nullptr) _exit(3);
+        if (PSMPowerOptFeatureTestPeer(f).store().database() == nullptr) _exit(3);
         f.pmDbWrite("PSM", '1');
         f.pmDbWrite("vendor.restart", '9');
         _exit(0);

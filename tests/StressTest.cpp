@@ -21,6 +21,7 @@
 
 #include <gtest/gtest.h>
 
+#include "feature/FeatureCodes.h"
 #include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
@@ -49,12 +50,12 @@ constexpr uint64_t kEventsPerTick = 200;
 constexpr uint64_t kBatteryTicksPerArming = 3;
 constexpr auto kTimeout = 120s;
 
-constexpr int32_t kAppStart = 0x1001;
-constexpr int32_t kAppStartAlt = 0x1003;
-constexpr int32_t kAppStop = 0x1002;
-constexpr int32_t kAppStopOther = 0x1093;
-constexpr int32_t kGameOff = 0x1040;
-constexpr int32_t kPowerModeHint = 0x15E0;
+using pwr::codes::kAppStart;
+using pwr::codes::kAppStartAlt;
+using pwr::codes::kAppStop;
+using pwr::codes::kAppStopOther;
+using pwr::codes::kGameOff;
+constexpr int32_t kPowerModeHint = pwr::codes::kUsablePowerModeHint;
 constexpr int32_t kUnknownEvent = 0x1234;
 
 // Usable power mode hint words: action 1 (bit 7) and the PSM type.
@@ -154,7 +155,7 @@ std::vector<std::vector<int>> profileLists(const PowerOptFeatureInfo& info) {
 // At most one of the feature's profiles is held, and it is the one the feature records.
 void expectOneProfileLock(PSMPowerOptFeature& feature, const PowerOptFeatureInfo& info,
                           const std::string& which) {
-    const int handle = PSMPowerOptFeatureTestPeer(feature).heldProfileHandle();
+    const int handle = PSMPowerOptFeatureTestPeer(feature).profileLock().held();
     const std::vector<std::vector<int>> lists = profileLists(info);
     std::vector<int> held;
     for (const auto& [h, list] : fakeperf::heldLocks()) {
@@ -192,8 +193,8 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
     PSMPowerOptFeatureTestPeer batteryPeer(battery);
     ASSERT_TRUE(gamingPeer.ready());
     ASSERT_TRUE(batteryPeer.ready());
-    ASSERT_NE(gamingPeer.gameTimer(), nullptr);
-    ASSERT_NE(batteryPeer.batteryTimer(), nullptr);
+    ASSERT_NE(gamingPeer.gpu().timer(), nullptr);
+    ASSERT_NE(batteryPeer.battery().timer(), nullptr);
 
     int events = 0;
     auto toGaming = [&](const AsyncTriggerPayload& payload) {
@@ -213,10 +214,10 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
     bool deepPending = false;
     auto enterLowPower = [&] {
         toGaming(event(kPowerModeHint, kGame, kHintLowPower));
-        deepPending = gamingPeer.deepTimer() != nullptr;
+        deepPending = gamingPeer.deep().timers().first != nullptr;
     };
     auto deepTimerHasFired = [&] {
-        if (deepPending && ticks(gamingPeer.deepTimer()) >= 1) {
+        if (deepPending && ticks(gamingPeer.deep().timers().first) >= 1) {
             deepPending = false;
             deepFired = true;
         }
@@ -258,7 +259,7 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
 
     // The timers' counts decide which event comes next and how many may come before the next tick.
     const Clock::time_point deadline = Clock::now() + kTimeout;
-    uint64_t sessionStart = ticks(gamingPeer.gameTimer());
+    uint64_t sessionStart = ticks(gamingPeer.gpu().timer());
     uint64_t batteryArmedAt = 0;
     int session = 0;
     bool inSession = false;
@@ -268,23 +269,24 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
             // A timer counts only when the feature set it to run: a game timer with a period,
             // a deep-mode timer that low-power entry created.
             const bool enough = events >= kMinEvents &&
-                                (gamingPeer.gameTimerMs() <= 0 ||
-                                 ticks(gamingPeer.gameTimer()) >= kMinGameTicks) &&
-                                ticks(batteryPeer.batteryTimer()) >= kMinBatteryTicks &&
-                                (gamingPeer.deepTimer() == nullptr || deepFired);
+                                (gamingPeer.settings().mGameTimerMs <= 0 ||
+                                 ticks(gamingPeer.gpu().timer()) >= kMinGameTicks) &&
+                                ticks(batteryPeer.battery().timer()) >= kMinBatteryTicks &&
+                                (gamingPeer.deep().timers().first == nullptr || deepFired);
             if (enough) break;
             if (Clock::now() > deadline) {
                 ADD_FAILURE() << "timers too slow: " << events << " events, game "
-                              << ticks(gamingPeer.gameTimer()) << ", battery "
-                              << ticks(batteryPeer.batteryTimer()) << ", deep fired " << deepFired;
+                              << ticks(gamingPeer.gpu().timer()) << ", battery "
+                              << ticks(batteryPeer.battery().timer()) << ", deep fired "
+                              << deepFired;
                 break;
             }
         }
 
         // The gaming feature: a game in the foreground until its timer has ticked through a
         // session, with events that leave gaming as it is, then one of the ways out of it.
-        const uint64_t gameTicks = ticks(gamingPeer.gameTimer());
-        const uint64_t allTicks = gameTicks + ticks(batteryPeer.batteryTimer());
+        const uint64_t gameTicks = ticks(gamingPeer.gpu().timer());
+        const uint64_t allTicks = gameTicks + ticks(batteryPeer.battery().timer());
         if (inSession && static_cast<uint64_t>(events) >= (allTicks + 1) * kEventsPerTick) {
             std::this_thread::sleep_for(100us);
             continue;
@@ -310,7 +312,7 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
 
         // The battery-watch feature: events that leave its timer running, and now and then the
         // start of an ineligible app (disarms) followed by an eligible one (arms again).
-        const uint64_t batteryTicks = ticks(batteryPeer.batteryTimer());
+        const uint64_t batteryTicks = ticks(batteryPeer.battery().timer());
         if (batteryTicks - batteryArmedAt >= kBatteryTicksPerArming) {
             toBattery(event(kAppStart, kMail));
             toBattery(event(kAppStart, kVideo));
@@ -320,8 +322,8 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
         }
     }
     RecordProperty("events", events);
-    RecordProperty("game_ticks", static_cast<int>(ticks(gamingPeer.gameTimer())));
-    RecordProperty("battery_ticks", static_cast<int>(ticks(batteryPeer.batteryTimer())));
+    RecordProperty("game_ticks", static_cast<int>(ticks(gamingPeer.gpu().timer())));
+    RecordProperty("battery_ticks", static_cast<int>(ticks(batteryPeer.battery().timer())));
     RecordProperty("deep_fired", deepFired ? 1 : 0);
     EXPECT_GE(events, kMinEvents);
     EXPECT_EQ(gamingPeer.psmMode(), 2);
@@ -333,10 +335,10 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
     toGaming(event(kAppStop, kGame));
     toBattery(event(kAppStart, kMail));
     Timer timer;
-    EXPECT_FALSE(timer.Timer_isActive(gamingPeer.gameTimer())) << "a stop disarms the game timer";
-    EXPECT_FALSE(timer.Timer_isActive(batteryPeer.batteryTimer()))
+    EXPECT_FALSE(timer.Timer_isActive(gamingPeer.gpu().timer())) << "a stop disarms the game timer";
+    EXPECT_FALSE(timer.Timer_isActive(batteryPeer.battery().timer()))
             << "an ineligible app disarms the battery timer";
-    timer.Timer_disable(gamingPeer.deepTimer());
+    timer.Timer_disable(gamingPeer.deep().timers().first);
     ASSERT_TRUE(pwr::test::waitForTimerCallbacks(30s)) << "a timer callback did not return";
 
     expectOneProfileLock(gaming, gamingInfo, "the gaming feature");

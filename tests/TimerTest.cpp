@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -256,6 +257,63 @@ TEST_F(TimerTest, Destroy_DeletesArmedTimer) {
     timer.Timer_destroy(record);
     record = nullptr;
     EXPECT_EQ(TimerSyscalls::deleted(), std::vector<timer_t>{id});
+}
+
+// A notification that arrives after its record was deleted (the C library may have started its
+// thread before timer_delete) reaches no callback.
+TEST_F(TimerTest, Dispatch_DropsNotificationOfADeletedRecord) {
+    static Expiries expiries;
+    ASSERT_NE(create(expiries), nullptr);
+    sigval value{};
+    value.sival_ptr = record;
+    timerCallback(value);
+    ASSERT_EQ(expiries.count(), 1) << "a live record's notification runs its callback";
+    timer.Timer_destroy(record);
+    record = nullptr;
+    timerCallback(value);
+    EXPECT_EQ(expiries.count(), 1);
+}
+
+// Releasing a handle deletes its timer at once but returns only once a callback already running
+// has returned. The callback is held until the test lets it go; the 100 ms window only has to be
+// long enough for a release that does not wait to return, so a slow machine cannot fail it.
+TEST_F(TimerTest, Handle_ReleaseWaitsForARunningCallback) {
+    PWR_REQUIRE_TIMER_THREADS();
+    struct Held {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool running = false;
+        bool letGo = false;
+    };
+    static Held held;
+    auto hold = [](void* arg) {
+        auto* h = static_cast<Held*>(arg);
+        std::unique_lock<std::mutex> lock(h->mutex);
+        h->running = true;
+        h->changed.notify_all();
+        h->changed.wait(lock, [h] { return h->letGo; });
+    };
+    pwr::TimerHandle handle(hold, &held);
+    ASSERT_TRUE(handle);
+    ASSERT_TRUE(timer.Timer_scheduleSingle(handle.get(), 1));
+    {
+        std::unique_lock<std::mutex> lock(held.mutex);
+        ASSERT_TRUE(held.changed.wait_for(lock, kGenerousWait, [] { return held.running; }));
+    }
+    std::atomic<bool> released{false};
+    std::thread releaser([&] {
+        handle.reset();
+        released = true;
+    });
+    std::this_thread::sleep_for(milliseconds(100));
+    EXPECT_FALSE(released) << "released while the callback was still running";
+    {
+        std::lock_guard<std::mutex> lock(held.mutex);
+        held.letGo = true;
+    }
+    held.changed.notify_all();
+    releaser.join();
+    EXPECT_TRUE(released);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include "host/sim/ConfigCheck.h"
 
-#include <cstdlib>
 #include <vector>
 
 #include "host/tools/FeatureConfigXml.h"
@@ -45,9 +44,7 @@ int checkConfig(const std::string& path, bool strict, std::ostream& out) {
         out << where << (isError ? ": error: " : ": warning: ") << problem.message
             << consequence(problem.effect) << '\n';
     }
-    auto deepMode = config.info.configs.find("DEEP_MODE");
-    if (errors == 0 && deepMode != config.info.configs.end() &&
-        atoi(deepMode->second.c_str()) != 0) {
+    if (errors == 0 && FeatureKeys::deepModeOn(config.info)) {
         const std::vector<std::string> props = FeatureKeys::deepModeProperties(config.info);
         out << path << ": note: deep mode will set " << props.size() / 2 << " properties:";
         for (size_t i = 0; i + 1 < props.size(); i += 2) {

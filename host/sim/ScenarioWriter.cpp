@@ -3,8 +3,12 @@
 #include <android-base/stringprintf.h>
 #include <nlohmann/json.hpp>
 
+#include "feature/FeatureCodes.h"
+
 namespace pwr::sim {
 namespace {
+
+namespace codes = pwr::codes;
 
 using android::base::StringPrintf;
 using nlohmann::ordered_json;
@@ -25,8 +29,8 @@ std::string eventText(const tools::ScriptEvent& event) {
         case tools::ScriptEvent::Kind::GameOff:
             return "gameoff" + app;
         case tools::ScriptEvent::Kind::Hint:
-            return StringPrintf("hint %u %u", payload.hintType & 0x7F,
-                                (payload.hintType >> 7) & 0xFF) +
+            return StringPrintf("hint %u %u", codes::hintType(payload.hintType),
+                                codes::hintAction(payload.hintType)) +
                    app;
         case tools::ScriptEvent::Kind::Raw:
         case tools::ScriptEvent::Kind::End:

@@ -14,6 +14,10 @@
 
 #include <android-base/stringprintf.h>
 
+#include "feature/FeatureCodes.h"
+#include "feature/FeatureSettings.h"
+#include "feature/FeatureSnapshot.h"
+#include "feature/LogSites.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
 #include "host/sim/DeviceModel.h"
@@ -31,6 +35,10 @@
 namespace pwr::sim {
 namespace {
 
+namespace codes = pwr::codes;
+namespace settings = pwr::settings;
+namespace site = pwr::site;
+
 using android::base::StringPrintf;
 using tools::FeatureConfig;
 using tools::ScriptEvent;
@@ -39,11 +47,10 @@ using tools::VirtualClock;
 constexpr char kTool[] = "pwr-sim";
 constexpr char kDebugProperty[] = "vendor.debug.trace.power";
 constexpr int64_t kNsPerMs = 1000000;
-using tools::kEventGameOff;
-using tools::kEventUsablePowerModeHint;
-constexpr int kModeGaming = 2;
-constexpr int kGameOn = 1;
-constexpr int kGameOff = 2;
+constexpr char kSnapshotRefused[] =
+        "the plug-in's pwr_psm_snapshot refused the feature or answered another version";
+using codes::kGameStateOff;
+using codes::kGameStateOn;
 
 const char* modeName(int mode) {
     switch (mode) {
@@ -74,20 +81,16 @@ class Recorder {
         // Profiles by their first lock list, as the feature applies them.
         for (const auto& [name, lists] : config.info.profiles) {
             if (!lists.empty() && !lists[0].empty()) mProfilesByList[lists[0]].insert(name);
-            if (name.find("DYN_") != std::string::npos) mDynamic.insert(name);
+            if (name.find(settings::kDynamicProfileMark) != std::string::npos) {
+                mDynamic.insert(name);
+            }
         }
         out->dynamicProfiles.assign(mDynamic.begin(), mDynamic.end());
-        auto boost = config.info.profiles.find("PSM_OPT_RESOURCE");
+        auto boost =
+                config.info.profiles.find(settings::keyOf(&FeatureSettings::taskBoostOpcodes).name);
         if (boost != config.info.profiles.end() && !boost->second.empty() &&
             !boost->second[0].empty()) {
             mBoostOpcode = boost->second[0][0];
-        }
-        auto state = config.info.configs.find("PSM_STATE");
-        // Read as the feature reads it: std::stod (strtod: hex too), truncated toward zero. A
-        // value it cannot read never gets here: the feature would not have been built.
-        if (state != config.info.configs.end()) {
-            const double value = strtod(state->second.c_str(), nullptr);
-            if (std::isfinite(value) && std::fabs(value) < 1e9) mPsmState = static_cast<int>(value);
         }
         for (const auto& [name, value] : scenario.properties) mPropertyValues[name] = value;
         for (const ForegroundPoint& point : scenario.foreground) {
@@ -100,9 +103,6 @@ class Recorder {
     void start(int64_t baseNs) {
         MutexLock lock(mMutex);
         mBaseNs = baseNs;
-        mPsmMode = mPsmState;
-        setCounterLocked(0, kCounterPsmMode, "PSM mode", "mode", mPsmMode);
-        setCounterLocked(0, kCounterGameState, "Gaming state", "state", mGameState);
         setCounterLocked(0, kCounterProfileLevel, "GPU profile level", "level", -1);
         setCounterLocked(0, kCounterBoostedTasks, "Boosted tasks", "tasks", 0);
     }
@@ -122,14 +122,21 @@ class Recorder {
         mPropertyValues[name] = value;
     }
 
-    void watchReady(const std::string& suffix) {
+    // What the feature's own state says after an event or a tick: its PSM mode and gaming
+    // state. The first look sets the tracks' starting values.
+    void observe(const PSMFeatureSnapshot& state) {
         MutexLock lock(mMutex);
-        mReadySuffix = suffix;
-    }
-
-    bool ready() {
-        MutexLock lock(mMutex);
-        return mReady;
+        const int64_t now = nowMsLocked();
+        if (!mObserved) {
+            mObserved = true;
+            mPsmMode = state.psmMode;
+            mGameState = state.gameState;
+            setCounterLocked(now, kCounterPsmMode, "PSM mode", "mode", mPsmMode);
+            setCounterLocked(now, kCounterGameState, "Gaming state", "state", mGameState);
+            return;
+        }
+        setModeLocked(now, state.psmMode);
+        setGameStateLocked(now, state.gameState);
     }
 
     void device(int64_t ms, const FakeDevice& device, bool gpu, bool battery) {
@@ -168,16 +175,6 @@ class Recorder {
         MutexLock lock(mMutex);
         const int64_t now = nowMsLocked();
         lineLocked(now, "event", event.describe());
-        const AsyncTriggerPayload& payload = event.payload;
-        if (payload.hintId == kEventUsablePowerModeHint && mPsmState == 0) {
-            const unsigned type = payload.hintType & 0x7F;
-            const unsigned action = (payload.hintType >> 7) & 0xFF;
-            if (action != 0 && type <= 2) setModeLocked(now, static_cast<int>(type));
-        }
-        // Game-off leaves no log line: it ends the gaming state in mode 2 unless already off.
-        if (payload.hintId == kEventGameOff && mPsmMode == kModeGaming && mGameState != kGameOff) {
-            setGameStateLocked(now, kGameOff);
-        }
     }
 
     void onLog(const __android_logger_data* data, const char* message) {
@@ -185,23 +182,12 @@ class Recorder {
         MutexLock lock(mMutex);
         const int64_t now = nowMsLocked();
         lineLocked(now, "log", text);
-        if (!mReadySuffix.empty() && text.size() >= mReadySuffix.size() &&
-            text.compare(text.size() - mReadySuffix.size(), mReadySuffix.size(), mReadySuffix) ==
-                    0) {
-            mReady = true;
-        }
-        // What the log reveals of the gaming state and the GPU monitor's measurements.
-        if (text.find("sendEvents() 398: ") != std::string::npos) {
-            setGameStateLocked(now, kGameOn);
-        } else if (text.find("sendEvents() 408: ") != std::string::npos ||
-                   text.find("sendEvents() 449: ") != std::string::npos) {
-            setGameStateLocked(now, kGameOff);
-        }
-        const size_t measured = text.find("Meastured freq:");
-        if (measured != std::string::npos) {
+        // The GPU monitor's own measurement, as its line reports it.
+        if (text.compare(0, mMeasuredPrefix.size(), mMeasuredPrefix) == 0) {
             int freq = 0;
             int busy = 0;
-            if (sscanf(text.c_str() + measured, "Meastured freq:%d, busy:%d", &freq, &busy) == 2) {
+            if (sscanf(text.c_str() + mMeasuredPrefix.size(), site::kMeasured.format, &freq,
+                       &busy) == 2) {
                 setCounterLocked(now, kCounterGpuFreqMeasured, "GPU frequency the feature sampled",
                                  "MHz", freq);
             }
@@ -307,11 +293,12 @@ class Recorder {
         mGameState = state;
         // The game timer stops with the gaming state: no sample until it is on again.
         auto measured = mOut->counters.find(kCounterGpuFreqMeasured);
-        if (state == kGameOff && measured != mOut->counters.end()) {
+        if (state == kGameStateOff && measured != mOut->counters.end()) {
             measured->second.set(ms, std::nan(""));
         }
-        lineLocked(ms, "game",
-                   StringPrintf("gaming state %d (%s)", state, state == kGameOn ? "on" : "off"));
+        lineLocked(
+                ms, "game",
+                StringPrintf("gaming state %d (%s)", state, state == kGameStateOn ? "on" : "off"));
         setCounterLocked(ms, kCounterGameState, "Gaming state", "state", state);
     }
 
@@ -417,12 +404,11 @@ class Recorder {
     std::map<std::vector<int>, std::set<std::string>> mProfilesByList;
     std::set<std::string> mDynamic;  // ascending, as the feature indexes them
     std::optional<int> mBoostOpcode;
-    int mPsmState = 0;
+    const std::string mMeasuredPrefix = linePrefix(site::kMeasured);
     std::map<int, std::string> mProgramNames;
     std::map<int, size_t> mOpen GUARDED_BY(mMutex);  // held handle -> index in mOut->locks
     std::map<std::string, std::string> mPropertyValues GUARDED_BY(mMutex);
-    std::string mReadySuffix GUARDED_BY(mMutex);
-    bool mReady GUARDED_BY(mMutex) = false;
+    bool mObserved GUARDED_BY(mMutex) = false;
     int mPsmMode GUARDED_BY(mMutex) = 0;
     int mGameState GUARDED_BY(mMutex) = 0;
     int64_t mLastDeviceMs GUARDED_BY(mMutex) = 0;
@@ -536,11 +522,17 @@ class Simulation {
         host::PluginHost plugin;
         if (!mLauncher.load(plugin, mOptions.pluginPath)) return 1;
         recorder.line("load", mOptions.pluginPath);
-        recorder.watchReady(mLauncher.readyLogSuffix());
+        mSnapshot = reinterpret_cast<PwrPsmSnapshotFn>(plugin.symbol("pwr_psm_snapshot"));
+        if (mSnapshot == nullptr) {
+            return mLauncher.fail(mOptions.pluginPath +
+                                  " exports no pwr_psm_snapshot: the simulator reads the "
+                                  "feature's state through it");
+        }
         std::unique_ptr<PowerOptFeature> feature = mLauncher.build();
         if (feature == nullptr) return 1;
         const std::string& name = mConfig.info.featureName;
-        if (!recorder.ready()) {
+        if (!observe(feature.get(), recorder)) return mLauncher.fail(kSnapshotRefused);
+        if (!mReady) {
             recorder.line("delete", name);
             feature.reset();
             return mLauncher.reportNotReady();
@@ -638,6 +630,10 @@ class Simulation {
             while (nextTrace < traces.size() && traces[nextTrace] <= nowMs) ++nextTrace;
 
             clock.advanceTo(nowNs);
+            if (!observe(feature, recorder)) {
+                *error = kSnapshotRefused;
+                return false;
+            }
             while (nextEvent < mScenario.events.size() &&
                    baseNs + mScenario.events[nextEvent].timeMs * kNsPerMs <= nowNs) {
                 const ScenarioEvent& event = mScenario.events[nextEvent++];
@@ -645,13 +641,30 @@ class Simulation {
                 if (event.hasEvent) {
                     recorder.event(event.event);
                     feature->sendEvents(event.event.payload);
+                    if (!observe(feature, recorder)) {
+                        *error = kSnapshotRefused;
+                        return false;
+                    }
                 }
             }
             if (nowNs >= endNs) return true;
         }
     }
 
+    // Reads the feature's state through the plug-in's snapshot entry point into the recorder.
+    bool observe(PowerOptFeature* feature, Recorder& recorder) {
+        PSMFeatureSnapshot state{};
+        if (mSnapshot(feature, &state) != 0 || state.version != PSM_FEATURE_SNAPSHOT_VERSION) {
+            return false;
+        }
+        mReady = state.ready != 0;
+        recorder.observe(state);
+        return true;
+    }
+
     const SimOptions& mOptions;
+    PwrPsmSnapshotFn mSnapshot = nullptr;
+    bool mReady = false;
     Recording* mOut;
     Scenario mScenario;
     DeviceModel mModel;

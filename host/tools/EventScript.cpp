@@ -12,13 +12,13 @@
 #include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 
+#include "feature/FeatureCodes.h"
+
 namespace pwr::tools {
 namespace {
 
 using android::base::StringPrintf;
-
-constexpr int kMaxHintType = 0x7F;    // bits 0-6 of hintType
-constexpr int kMaxHintAction = 0xFF;  // bits 7-14
+namespace codes = pwr::codes;
 
 // The words of a line, between blanks and tabs.
 std::vector<std::string> splitWords(std::string_view line) {
@@ -57,12 +57,12 @@ bool parseEventWords(const std::vector<std::string>& words, size_t first, Script
     if (verb == "start" || verb == "stop") {
         if (args != 1) return fail(verb + " takes one application name");
         event.kind = verb == "start" ? ScriptEvent::Kind::Start : ScriptEvent::Kind::Stop;
-        event.payload.hintId = verb == "start" ? kEventAppStart : kEventAppStop;
+        event.payload.hintId = verb == "start" ? codes::kAppStart : codes::kAppStop;
         event.payload.appName = word(0);
     } else if (verb == "gameoff") {
         if (args > 1) return fail("gameoff takes at most an application name");
         event.kind = ScriptEvent::Kind::GameOff;
-        event.payload.hintId = kEventGameOff;
+        event.payload.hintId = codes::kGameOff;
         if (args == 1) event.payload.appName = word(0);
     } else if (verb == "hint") {
         if (args < 2 || args > 3) {
@@ -70,15 +70,16 @@ bool parseEventWords(const std::vector<std::string>& words, size_t first, Script
         }
         int64_t type = 0;
         int64_t action = 0;
-        if (!parseInteger(word(0), 0, kMaxHintType, &type)) {
+        if (!parseInteger(word(0), 0, codes::kHintTypeMask, &type)) {
             return fail("hint type \"" + word(0) + "\" is not a number from 0 to 127");
         }
-        if (!parseInteger(word(1), 0, kMaxHintAction, &action)) {
+        if (!parseInteger(word(1), 0, codes::kHintActionMask, &action)) {
             return fail("hint action \"" + word(1) + "\" is not a number from 0 to 255");
         }
         event.kind = ScriptEvent::Kind::Hint;
-        event.payload.hintId = kEventUsablePowerModeHint;
-        event.payload.hintType = static_cast<uint32_t>(action << 7 | type);
+        event.payload.hintId = codes::kUsablePowerModeHint;
+        event.payload.hintType =
+                codes::hintWord(static_cast<unsigned>(action), static_cast<unsigned>(type));
         if (args == 3) event.payload.appName = word(2);
     } else if (verb == "event") {
         if (args < 2 || args > 3) {
@@ -201,8 +202,9 @@ std::string ScriptEvent::describe() const {
             return StringPrintf("gameoff%s (0x%X)", app.c_str(), code);
         case Kind::Hint:
             return StringPrintf("hint type %u action %u%s (0x%X, hintType 0x%X)",
-                                payload.hintType & 0x7F, (payload.hintType >> 7) & 0xFF,
-                                app.c_str(), code, payload.hintType);
+                                codes::hintType(payload.hintType),
+                                codes::hintAction(payload.hintType), app.c_str(), code,
+                                payload.hintType);
         case Kind::Raw:
             return StringPrintf("event 0x%X hintType 0x%X%s", code, payload.hintType, app.c_str());
         case Kind::End:

@@ -9,12 +9,6 @@
 
 namespace pwr::tools {
 
-// Event codes the host delivers.
-inline constexpr int32_t kEventAppStart = 0x1001;
-inline constexpr int32_t kEventAppStop = 0x1002;
-inline constexpr int32_t kEventGameOff = 0x1040;
-inline constexpr int32_t kEventUsablePowerModeHint = 0x15E0;
-
 // One timed line of an event script.
 struct ScriptEvent {
     enum class Kind { Start, Stop, GameOff, Hint, Raw, End };

@@ -1,40 +1,21 @@
 #include "host/tools/FeatureKeys.h"
 
 #include <cctype>
-#include <climits>
-#include <cmath>
 #include <map>
+#include <set>
 #include <stdexcept>
+
+#include "feature/FeatureSettings.h"
 
 namespace pwr::tools {
 namespace {
 
 using Effect = KeyProblem::Effect;
-
-// Read by the deep-mode set-up as base-10 ints, in this order.
-constexpr const char* kDeepModeNumbers[] = {
-        "VIDEO_SCALING_UP",   "BROWSER_SCALING_UP",           "GAME_SCALING_UP",
-        "VIDEO_SCALING_DOWN", "BROWSER_SCALING_DOWN",         "GAME_SCALING_DOWN",
-        "MAX_SAMPLE_NUM",     "SCALING_DOWN_TASK_LOAD_BOOST",
-};
-constexpr const char* kDeepModeTexts[] = {"CPUNODE", "CPUPOLICY"};
-constexpr const char* kDeepModeProfiles[] = {"DEFAULT", "PSM_OPT_RESOURCE"};
-
-// Read by the GPU monitor's set-up with std::stod, truncated to int, in this order.
-constexpr const char* kGpuNumbers[] = {
-        "GAME_TIMER",
-        "GPU_SAMPLE_COUNT",
-        "STABILITY_SAMPLE_COUNT",
-        "GPU_BUSY_STABILITY_THRESHOLD",
-        "GPU_Freq_THRESHOLD_LOW",
-        "GPU_Freq_THRESHOLD_HIGH",
-};
-// The GPU monitor picks among the first three profiles whose names contain this.
-constexpr char kDynamicProfileMark[] = "DYN_";
-constexpr size_t kDynamicProfilesUsed = 3;
-
-enum class Conversion { Double, Int };
-using Profile = std::vector<std::vector<int>>;
+using settings::Conversion;
+using settings::Group;
+using settings::Key;
+using settings::keyOf;
+using S = FeatureSettings;
 
 // Appends the comma-separated pieces of `text` to `out`, leaving out empty ones, as the
 // feature's strtok_r split does.
@@ -48,39 +29,55 @@ void splitInto(const std::string& text, std::vector<std::string>* out) {
     }
 }
 
+// Walks the feature's settings table in the feature's order, converting each key as the feature
+// does, and then looks at the values the feature accepts but cannot work with.
 class Checker {
   public:
     explicit Checker(const PowerOptFeatureInfo& info) : mInfo(info) {}
 
     std::vector<KeyProblem> run() {
-        number("PSM_STATE", Conversion::Double);
-        profile("PROFILE_LIGHT_MODE");
-        int deepMode = 0;
-        if (number("DEEP_MODE", Conversion::Int, &deepMode) && deepMode != 0) {
-            std::map<std::string, int> values;
-            for (const char* key : kDeepModeNumbers) {
-                int value = 0;
-                if (number(key, Conversion::Int, &value)) values[key] = value;
+        for (const Key& key : settings::kKeys) {
+            if (key.group != Group::Core) continue;
+            const bool read = check(key);
+            // A switch turns its group on right where it stands, as in the feature.
+            if (key.enables != Group::Core && read && mValues.*key.number != 0) {
+                checkGroup(key.enables);
             }
-            for (const char* key : kDeepModeTexts) present(key);
-            for (const char* name : kDeepModeProfiles) profile(name);
-            batterySettings(values);
-            deepModeProperties();
-        }
-        int gpuMode = 0;
-        if (number("GPUMode", Conversion::Int, &gpuMode) && gpuMode != 0) {
-            std::map<std::string, int> values;
-            for (const char* key : kGpuNumbers) {
-                int value = 0;
-                if (number(key, Conversion::Double, &value)) values[key] = value;
-            }
-            gpuSettings(values);
-            dynamicProfiles();
         }
         return std::move(mProblems);
     }
 
   private:
+    // True when the key is present and converts; numbers land in mValues.
+    bool check(const Key& key) {
+        switch (key.conversion) {
+            case Conversion::TruncatedNumber:
+            case Conversion::Integer:
+                return number(key);
+            case Conversion::Text:
+                return present(key.name);
+            case Conversion::Profile:
+                profile(key);
+                return true;
+            case Conversion::DynamicProfiles:
+                dynamicProfiles(key.name);
+                return true;
+        }
+        return false;
+    }
+
+    void checkGroup(Group group) {
+        for (const Key& key : settings::kKeys) {
+            if (key.group == group) check(key);
+        }
+        if (group == Group::DeepMode) {
+            batterySettings();
+            deepModeProperties();
+        } else {
+            gpuSettings();
+        }
+    }
+
     void add(Effect effect, const std::string& key, bool isProfile, const std::string& message) {
         mProblems.push_back(KeyProblem{effect, key, isProfile, message});
     }
@@ -96,143 +93,143 @@ class Checker {
         return false;
     }
 
-    // Converts as the feature does. True with `out` set when the conversion does not throw.
-    bool number(const char* key, Conversion conversion, int* out = nullptr) {
-        const std::string* value = find(key);
-        if (value == nullptr) return present(key);
-        const char* function = conversion == Conversion::Double ? "std::stod" : "std::stoi";
-        const std::string quoted = "config \"" + std::string(key) + "\" = \"" + *value + "\"";
+    // Converts as the feature does. True with the value in mValues when it does not throw.
+    bool number(const Key& key) {
+        const std::string* value = find(key.name);
+        if (value == nullptr) return present(key.name);
+        const char* function =
+                key.conversion == Conversion::TruncatedNumber ? "std::stod" : "std::stoi";
+        const std::string quoted = "config \"" + std::string(key.name) + "\" = \"" + *value + "\"";
         size_t used = 0;
         int result = 0;
         try {
-            if (conversion == Conversion::Double) {
-                const double d = std::stod(*value, &used);
-                // The feature refuses a value no int can hold with std::out_of_range.
-                if (!std::isfinite(d) || d <= double{INT_MIN} - 1 || d >= double{INT_MAX} + 1) {
-                    add(Effect::Throws, key, false,
-                        quoted + " does not fit an int (the feature throws std::out_of_range)");
-                    return false;
-                }
-                result = static_cast<int>(d);
-            } else {
-                result = std::stoi(*value, &used);
-            }
+            result = settings::parseNumber(key.conversion, *value, &used);
+        } catch (const settings::NotAnInt&) {
+            add(Effect::Throws, key.name, false,
+                quoted + " does not fit an int (the feature throws std::out_of_range)");
+            return false;
         } catch (const std::invalid_argument&) {
-            add(Effect::Throws, key, false,
+            add(Effect::Throws, key.name, false,
                 quoted + " is not a number (" + function + " throws std::invalid_argument)");
             return false;
         } catch (const std::out_of_range&) {
-            add(Effect::Throws, key, false,
+            add(Effect::Throws, key.name, false,
                 quoted + " is out of range (" + function + " throws std::out_of_range)");
             return false;
         }
         size_t end = value->size();
         while (end > used && isspace(static_cast<unsigned char>((*value)[end - 1]))) --end;
         if (used < end) {
-            add(Effect::Misbehaves, key, false,
+            add(Effect::Misbehaves, key.name, false,
                 quoted + " is read as " + std::to_string(result) + "; the rest is ignored");
         }
-        if (out != nullptr) *out = result;
+        mValues.*key.number = result;
+        mParsed.insert(&key);
         return true;
     }
 
-    // A profile the feature needs: present with a non-empty first list.
-    void profile(const char* name) {
+    // The value of a numeric key that was present and converted.
+    bool parsed(int S::*member, int* out) const {
+        const Key& key = keyOf(member);
+        if (mParsed.count(&key) == 0) return false;
+        *out = mValues.*member;
+        return true;
+    }
+
+    // A profile the feature needs: present and not empty.
+    void profile(const Key& key) {
+        const std::string name = key.name;
         auto it = mInfo.profiles.find(name);
         if (it == mInfo.profiles.end() || it->second.empty()) {
             add(Effect::NotReady, name, true,
-                std::string("profile \"") + name + "\" is missing or has no <PerfLock>");
-        } else if (it->second[0].empty() && std::string(name) == "PSM_OPT_RESOURCE") {
-            // Deep mode's set-up needs the boost opcode, the first int of the first list.
-            add(Effect::NotReady, name, true,
-                std::string("profile \"") + name +
-                        "\" has an empty first <PerfLock>; deep mode "
-                        "needs the task-load boost opcode there");
+                "profile \"" + name + "\" is missing or has no <PerfLock>");
+        } else if (it->second[0].empty() && key.profile == &S::taskBoostOpcodes) {
+            add(Effect::Misbehaves, name, true,
+                "profile \"" + name +
+                        "\" has an empty first <PerfLock>; the task-load boost finds no opcode "
+                        "there and boosts nothing");
         } else if (it->second[0].empty()) {
             add(Effect::Misbehaves, name, true,
-                std::string("profile \"") + name +
+                "profile \"" + name +
                         "\" has an empty first <PerfLock>; no lock can be taken with it");
         }
     }
 
-    void dynamicProfiles() {
+    void dynamicProfiles(const char* mark) {
         // In name order, as the monitor indexes them.
         const std::map<std::string, Profile> ordered(mInfo.profiles.begin(), mInfo.profiles.end());
         size_t count = 0;
         for (const auto& [name, lists] : ordered) {
-            if (name.find(kDynamicProfileMark) == std::string::npos) continue;
-            if (count < kDynamicProfilesUsed && (lists.empty() || lists[0].empty())) {
+            if (name.find(mark) == std::string::npos) continue;
+            if (count < settings::kDynamicProfilesUsed && (lists.empty() || lists[0].empty())) {
                 add(Effect::Misbehaves, name, true,
                     "dynamic GPU profile \"" + name + "\" (level " + std::to_string(count) +
                             ") has no lock list; choosing it leaves no profile held");
             }
             ++count;
         }
+        const std::string quotedMark = std::string("\"") + mark + "\"";
         if (count == 0) {
-            add(Effect::NotReady, kDynamicProfileMark, true,
-                "no profile whose name contains \"DYN_\"; the GPU monitor needs three");
-        } else if (count < kDynamicProfilesUsed) {
-            add(Effect::Undefined, kDynamicProfileMark, true,
-                "only " + std::to_string(count) +
-                        " profile(s) whose name contains \"DYN_\"; the GPU monitor picks among "
-                        "three and would read past the list");
+            add(Effect::NotReady, mark, true,
+                "no profile whose name contains " + quotedMark + "; the GPU monitor needs three");
+        } else if (count < settings::kDynamicProfilesUsed) {
+            add(Effect::Undefined, mark, true,
+                "only " + std::to_string(count) + " profile(s) whose name contains " + quotedMark +
+                        "; the GPU monitor picks among three and would read past the list");
         }
     }
 
     // Values the GPU monitor accepts but cannot work with.
-    void gpuSettings(const std::map<std::string, int>& values) {
-        auto value = [&](const char* key, int* out) {
-            auto it = values.find(key);
-            if (it == values.end()) return false;
-            *out = it->second;
-            return true;
-        };
+    void gpuSettings() {
         int v = 0;
-        if (value("GAME_TIMER", &v) && v <= 0) {
-            add(Effect::Misbehaves, "GAME_TIMER", false,
-                "config \"GAME_TIMER\" = " + std::to_string(v) +
-                        " ms: the game timer never ticks, so no GPU profile is ever chosen");
+        if (parsed(&S::mGameTimerMs, &v) && v <= 0) {
+            misbehaves(&S::mGameTimerMs,
+                       std::to_string(v) +
+                               " ms: the game timer never ticks, so no GPU profile is ever chosen");
         }
-        if (value("GPU_SAMPLE_COUNT", &v) && v <= 0) {
-            add(Effect::Misbehaves, "GPU_SAMPLE_COUNT", false,
-                "config \"GPU_SAMPLE_COUNT\" = " + std::to_string(v) +
-                        ": no sample is kept, so no GPU profile is ever chosen");
+        if (parsed(&S::mGpuSampleCount, &v) && v <= 0) {
+            misbehaves(&S::mGpuSampleCount,
+                       std::to_string(v) + ": no sample is kept, so no GPU profile is ever chosen");
         }
         int low = 0;
         int high = 0;
-        if (value("GPU_Freq_THRESHOLD_LOW", &low) && value("GPU_Freq_THRESHOLD_HIGH", &high) &&
+        if (parsed(&S::mGpuFreqThresholdLow, &low) && parsed(&S::mGpuFreqThresholdHigh, &high) &&
             low > high) {
-            add(Effect::Misbehaves, "GPU_Freq_THRESHOLD_LOW", false,
-                "config \"GPU_Freq_THRESHOLD_LOW\" = " + std::to_string(low) +
-                        " MHz is above GPU_Freq_THRESHOLD_HIGH = " + std::to_string(high) +
-                        " MHz: the balanced profile is never chosen");
+            misbehaves(&S::mGpuFreqThresholdLow,
+                       std::to_string(low) + " MHz is above " +
+                               keyOf(&S::mGpuFreqThresholdHigh).name + " = " +
+                               std::to_string(high) + " MHz: the balanced profile is never chosen");
         }
     }
 
     // Values the battery monitor accepts but cannot work with.
-    void batterySettings(const std::map<std::string, int>& values) {
-        auto it = values.find("MAX_SAMPLE_NUM");
-        if (it != values.end() && it->second <= 0) {
-            add(Effect::Misbehaves, "MAX_SAMPLE_NUM", false,
-                "config \"MAX_SAMPLE_NUM\" = " + std::to_string(it->second) +
-                        ": the battery monitor never evaluates its samples");
+    void batterySettings() {
+        int v = 0;
+        if (parsed(&S::mMaxSampleNum, &v) && v <= 0) {
+            misbehaves(&S::mMaxSampleNum,
+                       std::to_string(v) + ": the battery monitor never evaluates its samples");
         }
-        it = values.find("SCALING_DOWN_TASK_LOAD_BOOST");
-        if (it != values.end() && it->second >= 0) {
-            add(Effect::Misbehaves, "SCALING_DOWN_TASK_LOAD_BOOST", false,
-                "config \"SCALING_DOWN_TASK_LOAD_BOOST\" = " + std::to_string(it->second) +
-                        ": only a negative value scales a task down; this one boosts nothing");
+        if (parsed(&S::taskLoadBoostScale, &v) && v >= 0) {
+            misbehaves(&S::taskLoadBoostScale,
+                       std::to_string(v) +
+                               ": only a negative value scales a task down; this one boosts "
+                               "nothing");
         }
-        for (const char* key : {"GAME_SCALING_UP", "GAME_SCALING_DOWN", "BROWSER_SCALING_UP",
-                                "BROWSER_SCALING_DOWN", "VIDEO_SCALING_UP", "VIDEO_SCALING_DOWN"}) {
-            it = values.find(key);
-            if (it != values.end() && it->second == 0) {
-                add(Effect::Misbehaves, key, false,
-                    std::string("config \"") + key +
-                            "\" = 0: the battery monitor takes 0 as not configured and never "
-                            "acts for that application type");
+        for (int S::*threshold :
+             {&S::mGameScalingUp, &S::mGameScalingDown, &S::mBrowserScalingUp,
+              &S::mBrowserScalingDown, &S::mVideoScalingUp, &S::mVideoScalingDown}) {
+            if (parsed(threshold, &v) && v == 0) {
+                misbehaves(threshold,
+                           "0: the battery monitor takes 0 as not configured and never acts for "
+                           "that application type");
             }
         }
+    }
+
+    // "config "<key>" = <what>", a value accepted but not working as meant.
+    void misbehaves(int S::*member, const std::string& what) {
+        const char* name = keyOf(member).name;
+        add(Effect::Misbehaves, name, false, std::string("config \"") + name + "\" = " + what);
     }
 
     // Deep mode takes every config value into its property list, the scalar settings included;
@@ -241,7 +238,7 @@ class Checker {
     void deepModeProperties() {
         std::vector<std::string> pieces;
         for (const auto& [key, value] : mInfo.configs) {
-            if (key == "PSM") continue;
+            if (key == settings::kPropertyListExcluded) continue;
             const size_t before = pieces.size();
             splitInto(value, &pieces);
             const size_t count = pieces.size() - before;
@@ -274,6 +271,9 @@ class Checker {
 
     const PowerOptFeatureInfo& mInfo;
     std::vector<KeyProblem> mProblems;
+    // The numbers as the feature would read them, and which keys converted.
+    FeatureSettings mValues;
+    std::set<const Key*> mParsed;
 };
 
 }  // namespace
@@ -285,7 +285,7 @@ std::vector<KeyProblem> FeatureKeys::check(const PowerOptFeatureInfo& info) {
 std::vector<std::string> FeatureKeys::deepModeProperties(const PowerOptFeatureInfo& info) {
     std::vector<std::string> pieces;
     for (const auto& [key, value] : info.configs) {
-        if (key != "PSM") splitInto(value, &pieces);
+        if (key != settings::kPropertyListExcluded) splitInto(value, &pieces);
     }
     return pieces;
 }
@@ -296,6 +296,20 @@ const KeyProblem* FeatureKeys::first(const std::vector<KeyProblem>& problems,
         if (problem.effect == effect) return &problem;
     }
     return nullptr;
+}
+
+bool FeatureKeys::deepModeOn(const PowerOptFeatureInfo& info) {
+    for (const Key& key : settings::kKeys) {
+        if (key.enables != Group::DeepMode) continue;
+        auto it = info.configs.find(key.name);
+        if (it == info.configs.end()) return false;
+        try {
+            return settings::parseNumber(key.conversion, it->second) != 0;
+        } catch (const std::exception&) {
+            return false;
+        }
+    }
+    return false;
 }
 
 }  // namespace pwr::tools

@@ -21,8 +21,9 @@ struct KeyProblem {
     std::string message;   // one sentence naming the key
 };
 
-// The settings of PSMPowerOptFeature, read in the order and with the conversions the feature's
-// set-up uses, so that a tool can say which key a failed construction tripped over: the
+// The settings of PSMPowerOptFeature, read from the feature's own settings table
+// (feature/FeatureSettings.h) in its order and with its conversions, so that a tool can say which
+// key a failed construction tripped over: the
 // constructor's std::invalid_argument carries no key, and a not-ready feature does not log every
 // missing key (DEEP_MODE, for one, is missed silently).
 class FeatureKeys {
@@ -37,6 +38,9 @@ class FeatureKeys {
     // feature sees), split at commas without empty pieces. Names and values alternate; an odd
     // last piece is ignored by the feature.
     static std::vector<std::string> deepModeProperties(const PowerOptFeatureInfo& info);
+
+    // Whether the configuration turns deep mode on (its switch present, converting, non-zero).
+    static bool deepModeOn(const PowerOptFeatureInfo& info);
 
     // The first problem with the given effect, or null.
     static const KeyProblem* first(const std::vector<KeyProblem>& problems,

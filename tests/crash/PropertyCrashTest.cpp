@@ -123,7 +123,7 @@ bool armKillTimer(std::chrono::microseconds delay) {
     if (feature == nullptr) _exit(2);
     auto& psm = static_cast<PSMPowerOptFeature&>(*feature);
     psm.pmDbInit();
-    if (PSMPowerOptFeatureTestPeer(psm).pmDatabase() == nullptr) _exit(3);
+    if (PSMPowerOptFeatureTestPeer(psm).store().database() == nullptr) _exit(3);
     if (probe) {
         std::vector<std::string> pair = {"vendor.pwr.deep.probe", "1"};
         if (psm.applyProp(pair.data(), static_cast<int>(pair.size()), 0) == -1) {

@@ -98,7 +98,7 @@ TEST(PerfLibraryAbsent, ProfileLock_FailureLoggedEveryTime) {
     EXPECT_EQ(log.count("PSMPOWEROPT: readAndApplyProfile() 918: Failed to apply resource, "
                         "handle = -1"),
               2);
-    EXPECT_EQ(peer.heldProfileHandle(), -1);
+    EXPECT_EQ(peer.profileLock().held(), -1);
     int list[] = {1, 2};
     EXPECT_EQ(feature->applyProfile(list, 2, 10), -1);
     feature->releaseProfileLock();

@@ -49,9 +49,9 @@ TEST(PerfLibraryWithoutHint, Feature_ReadyAndTakesProfileLocks) {
     PSMPowerOptFeatureTestPeer peer(*feature);
     ASSERT_TRUE(peer.ready());
     feature->sendEvents(pwr::test::event(0x15E0, "com.example.app", 0x81));
-    const int handle = peer.heldProfileHandle();
+    const int handle = peer.profileLock().held();
     ASSERT_GE(handle, 1);
-    EXPECT_EQ(PerfVariant::heldLocks().at(handle), peer.lightModeProfile()[0]);
+    EXPECT_EQ(PerfVariant::heldLocks().at(handle), peer.settings().mLightModeProfile[0]);
     feature->releaseProfileLock();
     EXPECT_THAT(PerfVariant::heldLocks(), IsEmpty());
 }

@@ -193,9 +193,10 @@ TEST(FeatureKeys, Check_ValuesTheMonitorsCannotWorkWith) {
     info.configs["GPU_SAMPLE_COUNT"] = "-1";
     info.configs["GPU_Freq_THRESHOLD_LOW"] = "700";
     info.profiles["DYN_1"] = {{}};
+    // The group's keys in the feature's order first, then the values it cannot work with.
     EXPECT_THAT(keysOf(FeatureKeys::check(info)),
-                ::testing::ElementsAre("GAME_TIMER", "GPU_SAMPLE_COUNT", "GPU_Freq_THRESHOLD_LOW",
-                                       "DYN_1"));
+                ::testing::ElementsAre("DYN_1", "GAME_TIMER", "GPU_SAMPLE_COUNT",
+                                       "GPU_Freq_THRESHOLD_LOW"));
 
     PowerOptFeatureInfo deep = deepConfig();
     deep.configs["MAX_SAMPLE_NUM"] = "0";
