@@ -8,11 +8,11 @@
 
 #include "platform/DevicePath.h"
 #include "platform/DisplayConfigService.h"
-#include "platform/Log.h"
+#include "platform/PlatformLogSites.h"
 #include "platform/PowerHelper.h"
 #include "platform/Properties.h"
 
-using pwr::kModHelper;
+namespace site = pwr::site;
 
 namespace {
 
@@ -59,15 +59,14 @@ int PowerHelper::isDisplayConnected() {
         if (!stream.is_open()) {
             stream.open(pwr::devicePath(node));
             if (!stream.is_open()) {
-                PWR_LOG(kModHelper, "isDisplayConnected", 116, "Failed to open Display file %s",
-                        node.c_str());
+                PWR_LOG_AT(site::kDisplayOpenFailed, node.c_str());
                 continue;
             }
         }
         std::string line;
         std::getline(stream, line);
         if (line.empty()) {
-            PWR_LOG(kModHelper, "isDisplayConnected", 129, "Unexpected Null in str");
+            PWR_LOG_AT(site::kDisplayEmpty);
             continue;
         }
         stream.seekg(0);
@@ -91,15 +90,15 @@ int PowerHelper::getUSBstate() {
     if (!usbStream.is_open()) {
         usbStream.open(pwr::devicePath(kUsbStateNode));
         if (!usbStream.is_open()) {
-            PWR_LOG(kModHelper, "getUSBstate", 226, "Failed to open USB file %s", kUsbStateNode);
+            PWR_LOG_AT(site::kUsbOpenFailed, kUsbStateNode);
             return 0;
         }
     }
     std::string line;
     if (!std::getline(usbStream, line)) {
-        PWR_LOG(kModHelper, "getUSBstate", 258, "Failed to read from USB file %s", kUsbStateNode);
+        PWR_LOG_AT(site::kUsbReadFailed, kUsbStateNode);
     }
-    if (line.empty()) PWR_LOG(kModHelper, "getUSBstate", 239, "Unexpected Null in str");
+    if (line.empty()) PWR_LOG_AT(site::kUsbEmpty);
 
     int attached = 0;
     if (line == "CONFIGURED" || line == "CONNECTED") {
@@ -118,7 +117,7 @@ float PowerHelper::getMaxPanelFps() {
     std::shared_ptr<pwr::DisplayConfigService> service;
     switch (pwr::connectDisplayConfig(&service)) {
         case pwr::DisplayConfigLookup::kNoService:
-            PWR_LOG(kModHelper, "getMaxPanelFps", 159, "Failed to get display HAL");
+            PWR_LOG_AT(site::kNoDisplayHal);
             return result;
         case pwr::DisplayConfigLookup::kNoInterface:
             return result;
@@ -141,7 +140,7 @@ float PowerHelper::getMaxPanelFps() {
 bool PowerHelper::getNodeData() {
     // Opened once by the constructor; a node missing then stays missing.
     if (!fpsStream.is_open()) {
-        PWR_LOG(kModHelper, "getNodeData", 184, "Failed to open fps file %s", fpsNodePath.c_str());
+        PWR_LOG_AT(site::kFpsOpenFailed, fpsNodePath.c_str());
         return false;
     }
     std::string line;

@@ -1,10 +1,10 @@
 #include "platform/PowerHelper.h"
 
 #include "platform/DevicePath.h"
-#include "platform/Log.h"
+#include "platform/PlatformLogSites.h"
 #include "platform/Properties.h"
 
-using pwr::kModHelper;
+namespace site = pwr::site;
 
 // One binding for the whole process: written only while a PowerHelper is being constructed,
 // before any timer or event thread of the feature exists, and only read afterwards.
@@ -41,20 +41,20 @@ void PowerHelper::getPerfhandle() {
     mPerfLibrary = pwr::openLibrary(kPerfClientLibrary);
     perf_handle = mPerfLibrary.get();
     if (perf_handle == nullptr) {
-        PWR_LOG(kModHelper, "getPerfhandle", 269, "Unable to open perf lib: %s", dlerror());
+        PWR_LOG_AT(site::kPerfLibMissing, dlerror());
         return;
     }
     perflock_acq = pwr::findEntry<PerfLockAcquireFn>(mPerfLibrary, "perf_lock_acq");
     if (perflock_acq == nullptr) {
-        PWR_LOG(kModHelper, "getPerfhandle", 275, "Unable to get perf_lock_acq handle");
+        PWR_LOG_AT(site::kPerfAcquireMissing);
     }
     perflock_rel = pwr::findEntry<PerfLockReleaseFn>(mPerfLibrary, "perf_lock_rel");
     if (perflock_rel == nullptr) {
-        PWR_LOG(kModHelper, "getPerfhandle", 280, "Unable to get perf_lock_rel handle");
+        PWR_LOG_AT(site::kPerfReleaseMissing);
     }
     perflock_hint = pwr::findEntry<PerfHintFn>(mPerfLibrary, "perf_hint");
     if (perflock_hint == nullptr) {
-        PWR_LOG(kModHelper, "getPerfhandle", 285, "Unable to get perflock_hint handle");
+        PWR_LOG_AT(site::kPerfHintMissing);
     }
 }
 

@@ -1,20 +1,20 @@
 #include "platform/PowerOptClassifier.h"
 
-#include "platform/Log.h"
+#include "platform/PlatformLogSites.h"
 #include "platform/PowerHelper.h"
 
-using pwr::kModClassifier;
+namespace site = pwr::site;
 
 std::unique_ptr<PowerOptClassifier> PowerOptClassifier::Create() {
     // The classifier's own handle: the PowerHelper opens the same library separately.
     pwr::LibraryHandle library = pwr::openLibrary(kPerfClientLibrary);
     if (library == nullptr) {
-        PWR_LOG(kModClassifier, "Create", 32, "Unable to open perf lib: %s", dlerror());
+        PWR_LOG_AT(site::kClassifierLibMissing, dlerror());
         return nullptr;
     }
     auto entry = pwr::findEntry<PerfGetFeedbackFn>(library, "perf_get_feedback");
     if (entry == nullptr) {
-        PWR_LOG(kModClassifier, "Create", 39, "Unable to get perf_get_feedback: %s", dlerror());
+        PWR_LOG_AT(site::kClassifierEntryMissing, dlerror());
         return nullptr;
     }
     // new rather than make_unique: the handle leaves `library` only once the allocation for its

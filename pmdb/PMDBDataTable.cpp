@@ -1,9 +1,7 @@
 #include "pmdb/PMDBDataTable.h"
 
-#include "platform/Log.h"
+#include "platform/PlatformLogSites.h"
 #include "pmdb/PSMReferenceOutput.h"
-
-using pwr::kModPmdb;
 
 template <typename Row>
 PMDBDataTable<Row>::PMDBDataTable(std::string tableName) : mTableName(std::move(tableName)) {}
@@ -12,8 +10,7 @@ template <typename Row>
 PMDBDataTable<Row>::~PMDBDataTable() {
     pwr::MutexLock lock(mCacheMutex);
     if (!mCache.empty()) {
-        PWR_LOG(kModPmdb, "~PMDBDataTable", 48, "ERROR:Dbt=%s blstSz=%d, clstSz=%d\n",
-                mTableName.c_str(), 0, static_cast<int>(mCache.size()));
+        PWR_LOG_AT(pwr::site::kDbRowsLeft, mTableName.c_str(), 0, static_cast<int>(mCache.size()));
     }
     mCache.clear();
 }

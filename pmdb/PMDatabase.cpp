@@ -4,38 +4,37 @@
 
 #include <utility>
 
-#include "platform/Log.h"
+#include "platform/PlatformLogSites.h"
 #include "pmdb/PSMReferenceOutput.h"
 #include "pmdb/Statement.h"
 #include "pmdb/Transaction.h"
 
-using pwr::kModPmdb;
+namespace site = pwr::site;
 
 namespace {
 
 // One read hands back at most this many rows.
 constexpr int kMaxRowsPerRead = 10000;
 
-// The store's error line for a failed SQLite call of one operation, "sql:ERROR:Dbt=<table>
-// info=<...>" with SQLite's result code or message, under the operation's name and the call
-// site's number.
+// The store's error line for a failed SQLite call of one table, "sql:ERROR:Dbt=<table> info=<...>"
+// with SQLite's result code or message, at the site of the failed call.
 class SqlErrors {
   public:
-    SqlErrors(const char* function, const std::string& table)
-        : mFunction(function), mTable(table.c_str()) {}
+    explicit SqlErrors(const std::string& table) : mTable(table.c_str()) {}
 
-    // Logs `rc` unless it is `expected`; whether it was.
-    bool check(int line, int rc, int expected = SQLITE_OK) const {
+    // Logs `rc` at `At` unless it is `expected`; whether it was.
+    template <const pwr::LogSite& At>
+    bool check(int rc, int expected = SQLITE_OK) const {
         if (rc == expected) return true;
-        PWR_LOG(kModPmdb, mFunction, line, "sql:ERROR:Dbt=%s info=%d\n", mTable, rc);
+        PWR_LOG_AT(At, mTable, rc);
         return false;
     }
-    void message(int line, const std::string& text) const {
-        PWR_LOG(kModPmdb, mFunction, line, "sql:ERROR:Dbt=%s info=%s\n", mTable, text.c_str());
+    template <const pwr::LogSite& At>
+    void message(const std::string& text) const {
+        PWR_LOG_AT(At, mTable, text.c_str());
     }
 
   private:
-    const char* const mFunction;
     const char* const mTable;
 };
 
@@ -101,14 +100,13 @@ pmdbError PMDatabase<Row>::openPMdb() {
     // SQLite hands out a connection even when the open fails; it must be closed all the same.
     mDb.reset(db);
     if (rc != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "openPMdb", 101, "ERROR:Db=%s sql open failed, err=%d\n", file.c_str(),
-                rc);
+        PWR_LOG_AT(site::kDbOpenFailed, file.c_str(), rc);
         closeLocked();
         return kPmdbFailure;
     }
     // Writers then never block the readers; a failure leaves the default journal in use.
     if (!mFileName.empty() && exec(db, "PRAGMA journal_mode=WAL") != SQLITE_OK) {
-        SqlErrors("openPMdb", file).message(108, sqlite3_errmsg(db));
+        SqlErrors(file).message<site::kDbJournalMode>(sqlite3_errmsg(db));
     }
     return kPmdbSuccess;
 }
@@ -121,8 +119,7 @@ pmdbError PMDatabase<Row>::createPMdbTables() {
     const std::string sql = "CREATE TABLE IF NOT EXISTS " + this->mTableName +
                             "(intcol1 INTEGER, appName TEXT NOT null, rsvdName TEXT, blob BLOB)";
     if (exec(db, sql.c_str()) != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "createPMdbTables", 124, "ERROR:Dbt=%s info=%s\n",
-                this->mTableName.c_str(), sqlite3_errmsg(db));
+        PWR_LOG_AT(site::kDbCreateTable, this->mTableName.c_str(), sqlite3_errmsg(db));
         return kPmdbFailure;
     }
     return kPmdbSuccess;
@@ -134,13 +131,13 @@ std::vector<std::unique_ptr<Row>> PMDatabase<Row>::readAllocateDR(const PMDBData
     pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return rows;
-    const SqlErrors errors("readAllocateDR", this->mTableName);
+    const SqlErrors errors(this->mTableName);
     std::string sql = "SELECT *, rowid FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
 
     Statement stmt;
     if (stmt.prepare(db, sql) != SQLITE_OK) {
-        errors.message(142, sqlite3_errmsg(db));
+        errors.message<site::kDbReadPrepare>(sqlite3_errmsg(db));
         return rows;
     }
     sqlite3_stmt* s = stmt.get();
@@ -163,8 +160,8 @@ std::vector<std::unique_ptr<Row>> PMDatabase<Row>::readAllocateDR(const PMDBData
         }
     }
     // The statement is left mid-result at the limit; finalizing it is enough then.
-    if (!limitReached) errors.check(170, sqlite3_reset(s));
-    errors.check(175, stmt.finalize());
+    if (!limitReached) errors.check<site::kDbReadReset>(sqlite3_reset(s));
+    errors.check<site::kDbReadFinalize>(stmt.finalize());
     return rows;
 }
 
@@ -173,18 +170,18 @@ int PMDatabase<Row>::getCountDR(const PMDBDataRowKey& key) {
     pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return 0;
-    const SqlErrors errors("getCountDR", this->mTableName);
+    const SqlErrors errors(this->mTableName);
     std::string sql = "SELECT COUNT(*) FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
 
     Statement stmt;
     if (stmt.prepare(db, sql) != SQLITE_OK) {
-        errors.message(190, sqlite3_errmsg(db));
+        errors.message<site::kDbCountPrepare>(sqlite3_errmsg(db));
         return 0;
     }
     int count = 0;
     if (sqlite3_step(stmt.get()) == SQLITE_ROW) count = sqlite3_column_int(stmt.get(), 0);
-    errors.check(199, stmt.finalize());
+    errors.check<site::kDbCountFinalize>(stmt.finalize());
     return count;
 }
 
@@ -193,18 +190,19 @@ void PMDatabase<Row>::deleteAllDR(const PMDBDataRowKey& key) {
     pwr::MutexLock lock(mDbMutex);
     sqlite3* db = mDb.get();
     if (db == nullptr) return;
-    const SqlErrors errors("deleteAllDR", this->mTableName);
+    const SqlErrors errors(this->mTableName);
     std::string sql = "DELETE FROM " + this->mTableName + " ";
     build_query_for_where_clause(key, sql);
 
     Statement stmt;
     if (stmt.prepare(db, sql) != SQLITE_OK) {
-        errors.message(212, sqlite3_errmsg(db));
+        errors.message<site::kDbDeletePrepare>(sqlite3_errmsg(db));
         return;
     }
     // The count of deleted rows is fetched for a trace; nothing depends on it.
-    if (errors.check(218, sqlite3_step(stmt.get()), SQLITE_DONE)) (void)sqlite3_changes(db);
-    errors.check(222, stmt.finalize());
+    if (errors.check<site::kDbDeleteStep>(sqlite3_step(stmt.get()), SQLITE_DONE))
+        (void)sqlite3_changes(db);
+    errors.check<site::kDbDeleteFinalize>(stmt.finalize());
 }
 
 template <typename Row>
@@ -221,8 +219,7 @@ pmdbError PMDatabase<Row>::prepareFlushStatementsLocked() {
         statements->begin.prepare(db, "BEGIN IMMEDIATE TRANSACTION;") != SQLITE_OK ||
         statements->commit.prepare(db, "COMMIT TRANSACTION;") != SQLITE_OK ||
         statements->rollback.prepare(db, "ROLLBACK TRANSACTION;") != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "writeCachedDRToDisk", 240, "ERROR:Dbt=%s info=%s\n",
-                this->mTableName.c_str(), sqlite3_errmsg(db));
+        PWR_LOG_AT(site::kDbFlushPrepare, this->mTableName.c_str(), sqlite3_errmsg(db));
         return kPmdbFailure;
     }
     mFlush = std::move(statements);
@@ -238,7 +235,7 @@ pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
     // write itself on a fast file system.
     if (prepareFlushStatementsLocked() != kPmdbSuccess) return kPmdbFailure;
     FlushStatements& st = *mFlush;
-    const SqlErrors errors("writeCachedDRToDisk", this->mTableName);
+    const SqlErrors errors(this->mTableName);
     std::string error;
 
     pmdbError status = kPmdbSuccess;
@@ -247,8 +244,9 @@ pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
     Transaction transaction(db, st.begin, st.commit, st.rollback);
     if (transaction.begin(&error) != SQLITE_OK) {
         status = kPmdbFailure;
-        errors.message(247, error);
-        if (transaction.rollback(&error) != SQLITE_OK) errors.message(250, error);
+        errors.message<site::kDbFlushBegin>(error);
+        if (transaction.rollback(&error) != SQLITE_OK)
+            errors.message<site::kDbFlushBeginRollback>(error);
     }
 
     // Bindings are static and never cleared between rows: a parameter that a row leaves unbound
@@ -261,21 +259,22 @@ pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
         const Row& row = *drained.back();
         const bool isUpdate = row.rowid != 0;
         sqlite3_stmt* s = isUpdate ? st.update.get() : st.insert.get();
-        if (row.intcol1 != kPmdbIntUnset) errors.check(268, sqlite3_bind_int(s, 1, row.intcol1));
+        if (row.intcol1 != kPmdbIntUnset)
+            errors.check<site::kDbBindInt>(sqlite3_bind_int(s, 1, row.intcol1));
         if (!row.appName.empty()) {
-            errors.check(273,
-                         sqlite3_bind_text(s, 2, row.appName.data(),
-                                           static_cast<int>(row.appName.size()), SQLITE_STATIC));
+            errors.check<site::kDbBindName>(sqlite3_bind_text(
+                    s, 2, row.appName.data(), static_cast<int>(row.appName.size()), SQLITE_STATIC));
         }
         if (!row.rsvdName.empty()) {
-            errors.check(278,
-                         sqlite3_bind_text(s, 3, row.rsvdName.data(),
-                                           static_cast<int>(row.rsvdName.size()), SQLITE_STATIC));
+            errors.check<site::kDbBindReserved>(
+                    sqlite3_bind_text(s, 3, row.rsvdName.data(),
+                                      static_cast<int>(row.rsvdName.size()), SQLITE_STATIC));
         }
-        errors.check(282, sqlite3_bind_blob(s, 4, &row.blob, 1, SQLITE_STATIC));
-        if (isUpdate) errors.check(287, sqlite3_bind_int(s, 5, static_cast<int>(row.rowid)));
-        if (!errors.check(291, sqlite3_step(s), SQLITE_DONE)) status = kPmdbFailure;
-        errors.check(294, sqlite3_reset(s));
+        errors.check<site::kDbBindBlob>(sqlite3_bind_blob(s, 4, &row.blob, 1, SQLITE_STATIC));
+        if (isUpdate)
+            errors.check<site::kDbBindRowid>(sqlite3_bind_int(s, 5, static_cast<int>(row.rowid)));
+        if (!errors.check<site::kDbFlushStep>(sqlite3_step(s), SQLITE_DONE)) status = kPmdbFailure;
+        errors.check<site::kDbFlushReset>(sqlite3_reset(s));
     }
     sqlite3_clear_bindings(st.insert.get());
     sqlite3_clear_bindings(st.update.get());
@@ -283,8 +282,9 @@ pmdbError PMDatabase<Row>::writeCachedDRToDisk() {
 
     if (transaction.commit(&error) != SQLITE_OK) {
         status = kPmdbFailure;
-        errors.message(305, error);
-        if (transaction.rollback(&error) != SQLITE_OK) errors.message(308, error);
+        errors.message<site::kDbFlushCommit>(error);
+        if (transaction.rollback(&error) != SQLITE_OK)
+            errors.message<site::kDbFlushCommitRollback>(error);
     }
     return status;
 }
@@ -303,8 +303,7 @@ void PMDatabase<Row>::closeLocked() {
     if (db == nullptr) return;
     int rc = sqlite3_close(db);
     if (rc != SQLITE_OK) {
-        PWR_LOG(kModPmdb, "closePMdb", 330, "ERROR:Db=%s sql close failed, err=%d\n",
-                path().c_str(), rc);
+        PWR_LOG_AT(site::kDbCloseFailed, path().c_str(), rc);
         // Still open: SQLite releases it once nothing uses it any more.
         sqlite3_close_v2(db);
     }

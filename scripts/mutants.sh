@@ -350,8 +350,9 @@ for number in "${selected[@]}"; do
         detail="(does not build)"
     elif ! run_suite "$log"; then
         result=killed
-        detail=$(grep -m1 -oE '(Failed|Timeout|Exception|SEGFAULT|Subprocess aborted|Child aborted).*' "$log" | head -c 70 || true)
-        [ -n "$detail" ] || detail=$(grep -m1 -A1 'tests FAILED' "$log" | tail -1 | head -c 70)
+        # The first test that failed, as ctest names it.
+        detail=$(grep -m1 -E 'Test +#[0-9]+: .*(\*\*\*|SEGFAULT|Subprocess|Child aborted)' "$log" |
+            sed -E 's/.*Test +#[0-9]+: ([^ ]+) .*/\1/' || true)
     fi
     mut revert "$tree" "$number"
     if [ -n "$equiv" ]; then

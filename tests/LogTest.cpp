@@ -5,14 +5,18 @@
 
 #include <climits>
 #include <cstdarg>
+#include <iterator>
 #include <set>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
 
 #include "feature/LogSites.h"
 #include "platform/Log.h"
+#include "platform/PlatformLogSites.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -80,26 +84,34 @@ TEST(Log, LongMessage_CutLikeLiblog) {
 
 }  // namespace
 
-// Every feature log site, written out, against the golden list: a site whose words, number or
-// format changed shows up as a diff there. Sites name distinct lines.
-TEST(LogSites, MatchTheGoldenList) {
-#ifndef PWR_SOURCE_DIR
-    GTEST_SKIP() << "built without the source tree's location";
-#else
-    std::string golden;
-    ASSERT_TRUE(android::base::ReadFileToString(
-            std::string(PWR_SOURCE_DIR) + "/tests/golden/feature-log-sites.txt", &golden));
-    std::string written;
-    std::set<std::pair<std::string, int> > places;
-    for (const pwr::LogSite* site : pwr::site::kAll) {
-        std::string format = site->format;
-        for (size_t at = format.find('\n'); at != std::string::npos; at = format.find('\n', at)) {
-            format.replace(at, 1, "\\n");
+// Every log site of the feature and of the platform modules, written out, against its golden
+// list: a site whose words, number or format changed shows up as a diff there. Sites name
+// distinct lines.
+TEST(LogSites, MatchTheGoldenLists) {
+    const struct {
+        const char* golden;
+        std::vector<const pwr::LogSite*> sites;
+    } lists[] = {
+            {"feature-log-sites.txt", {std::begin(pwr::site::kAll), std::end(pwr::site::kAll)}},
+            {"platform-log-sites.txt",
+             {std::begin(pwr::site::kPlatformAll), std::end(pwr::site::kPlatformAll)}},
+    };
+    std::set<std::tuple<std::string, std::string, int>> places;
+    for (const auto& list : lists) {
+        std::string golden;
+        ASSERT_TRUE(android::base::ReadFileToString(
+                std::string(PWR_SOURCE_DIR) + "/tests/golden/" + list.golden, &golden));
+        std::string written;
+        for (const pwr::LogSite* site : list.sites) {
+            std::string format = site->format;
+            for (size_t at = format.find('\n'); at != std::string::npos;
+                 at = format.find('\n', at)) {
+                format.replace(at, 1, "\\n");
+            }
+            written += pwr::linePrefix(*site) + format + "\n";
+            EXPECT_TRUE(places.emplace(site->module, site->function, site->line).second)
+                    << site->function << " " << site->line;
         }
-        written += pwr::linePrefix(*site) + format + "\n";
-        EXPECT_TRUE(places.emplace(site->function, site->line).second)
-                << site->function << " " << site->line;
+        EXPECT_EQ(written, golden) << list.golden;
     }
-    EXPECT_EQ(written, golden);
-#endif
 }

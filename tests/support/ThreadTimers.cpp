@@ -132,7 +132,7 @@ class TimerService {
             delay = std::max(Clock::duration::zero(),
                              std::chrono::duration_cast<Clock::duration>(absolute - sinceEpoch));
         }
-        timer->due = Clock::now() + delay;
+        timer->due = now() + delay;
         timer->period = toDuration(spec.it_interval);
         timer->armed = true;
         mWake.notify_one();
@@ -183,6 +183,54 @@ class TimerService {
         return mIdle.wait_for(lock, timeout, [this] { return mRunning == 0; });
     }
 
+    // Virtual time: timers stop following the clock and expire only in advance().
+    void setVirtual(bool on) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        const Clock::time_point real = Clock::now();
+        if (on == mVirtual) return;
+        // Armed timers keep the time they had left.
+        for (auto& entry : mTimers) {
+            ThreadTimer& timer = *entry.second;
+            timer.due = on ? timer.due : real + (timer.due - mVirtualNow);
+        }
+        mVirtualNow = real;
+        mVirtual = on;
+        mWake.notify_one();
+    }
+
+    // Delivers, on the calling thread and in due order, every expiry up to `by` from now.
+    void advance(Clock::duration by) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        const Clock::time_point target = mVirtualNow + by;
+        for (;;) {
+            ThreadTimer* next = nullptr;
+            for (auto& entry : mTimers) {
+                ThreadTimer& timer = *entry.second;
+                if (timer.armed && timer.due <= target &&
+                    (next == nullptr || timer.due < next->due)) {
+                    next = &timer;
+                }
+            }
+            if (next == nullptr) break;
+            mVirtualNow = std::max(mVirtualNow, next->due);
+            ++next->expiries;
+            next->overrun = 0;
+            if (next->period > Clock::duration::zero()) {
+                next->due += next->period;
+            } else {
+                next->armed = false;
+            }
+            const Notify notify = next->notify;
+            const sigval value = next->value;
+            ++mRunning;
+            lock.unlock();
+            if (notify != nullptr) notify(value);
+            lock.lock();
+            if (--mRunning == 0) mIdle.notify_all();
+        }
+        mVirtualNow = target;
+    }
+
   private:
     TimerService() {
         // A child of fork has none of its parent's timers and none of its threads. The mutex is
@@ -210,14 +258,21 @@ class TimerService {
         if (!timer.armed) return spec;
         // An armed timer never reports zero time left: zero would read as disarmed.
         spec.it_value = toTimespec(
-                std::max(timer.due - Clock::now(), Clock::duration(std::chrono::nanoseconds(1))));
+                std::max(timer.due - now(), Clock::duration(std::chrono::nanoseconds(1))));
         spec.it_interval = toTimespec(timer.period);
         return spec;
     }
 
+    // Caller holds mMutex.
+    Clock::time_point now() const { return mVirtual ? mVirtualNow : Clock::now(); }
+
     void run() {
         std::unique_lock<std::mutex> lock(mMutex);
         for (;;) {
+            if (mVirtual) {
+                mWake.wait(lock);
+                continue;
+            }
             const Clock::time_point now = Clock::now();
             Clock::time_point next = Clock::time_point::max();
             std::vector<std::pair<Notify, sigval>> due;
@@ -279,6 +334,8 @@ class TimerService {
     std::unordered_map<ThreadTimer*, std::unique_ptr<ThreadTimer>> mTimers;
     int mRunning = 0;
     bool mSchedulerStarted = false;
+    bool mVirtual = false;
+    Clock::time_point mVirtualNow;
 };
 
 // The timer calls, each answered by this file's timers or, for any other timer, by the C
@@ -422,6 +479,18 @@ int armedTimers() {
 
 bool waitForTimerCallbacks(std::chrono::milliseconds timeout) {
     return TimerService::instance().waitIdle(timeout);
+}
+
+VirtualTime::VirtualTime() {
+    TimerService::instance().setVirtual(true);
+}
+
+VirtualTime::~VirtualTime() {
+    TimerService::instance().setVirtual(false);
+}
+
+void VirtualTime::advance(std::chrono::milliseconds by) {
+    TimerService::instance().advance(by);
 }
 
 void TimerSyscalls::reset() {

@@ -42,4 +42,17 @@ int armedTimers();
 // another callback at any moment. False when callbacks were still running at the timeout.
 bool waitForTimerCallbacks(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// While one lives, the timers of this process follow a virtual clock instead of the real one:
+// they expire only in advance(), which runs each due notify function on the calling thread, in
+// due order, before it returns. Unit tests run on it; the stress tests keep real time.
+class VirtualTime {
+  public:
+    VirtualTime();
+    ~VirtualTime();
+    VirtualTime(const VirtualTime&) = delete;
+    VirtualTime& operator=(const VirtualTime&) = delete;
+
+    void advance(std::chrono::milliseconds by);
+};
+
 }  // namespace pwr::test

@@ -1,0 +1,73 @@
+#pragma once
+
+// The base of the unit suites: every test starts with a fresh fake performance library, a fake
+// device tree made the device root, the log captured, and the process's timers on virtual time.
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "feature/LogSites.h"
+#include "host/fakeperf/FakePerf.h"
+#include "platform/PlatformLogSites.h"
+#include "tests/support/DeepModeConfig.h"
+#include "tests/support/DeviceTree.h"
+#include "tests/support/FeatureFactory.h"
+#include "tests/support/FeaturePeer.h"
+#include "tests/support/FeatureSetup.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/ThreadTimers.h"
+
+namespace pwr::test {
+
+// The full line a site writes with the given message text.
+inline std::string line(const LogSite& site, const std::string& message) {
+    return linePrefix(site) + message;
+}
+
+// The opcode/value lists of every lock acquisition the performance library saw, in order.
+inline std::vector<std::vector<int>> acquiredLists() {
+    std::vector<std::vector<int>> lists;
+    for (const fakeperf::Call& call : fakeperf::calls()) {
+        if (call.kind == fakeperf::CallKind::LockAcquire) lists.push_back(call.list);
+    }
+    return lists;
+}
+
+// The performance library's calls of one kind, in order.
+inline std::vector<fakeperf::Call> callsOf(fakeperf::CallKind kind) {
+    std::vector<fakeperf::Call> out;
+    for (const fakeperf::Call& call : fakeperf::calls()) {
+        if (call.kind == kind) out.push_back(call);
+    }
+    return out;
+}
+
+class FeatureTest : public ::testing::Test {
+  protected:
+    FeatureTest() { fakeperf::reset(); }
+
+    // The prefix of every captured line ("<module>: <function>() <line>: "), to compare with the
+    // sites a path is expected to log at.
+    std::vector<std::string> loggedSites() const {
+        std::vector<std::string> prefixes;
+        for (const std::string& message : log.messages()) {
+            const size_t at = message.find(": ", message.find("() "));
+            prefixes.push_back(message.substr(0, at == std::string::npos ? at : at + 2));
+        }
+        return prefixes;
+    }
+
+    VirtualTime clock;
+    DeviceTree tree;
+    LogCapture log;
+};
+
+inline std::vector<std::string> prefixesOf(std::initializer_list<const LogSite*> sites) {
+    std::vector<std::string> prefixes;
+    for (const LogSite* site : sites) prefixes.push_back(linePrefix(*site));
+    return prefixes;
+}
+
+}  // namespace pwr::test
