@@ -1,6 +1,6 @@
-// Deep mode: its set-up from the configuration, the deep timer's callback, the reset, and the
-// whole cycle through event dispatch with the real 1.5 s timer; low-power entry (usable power
-// mode hint of type 3): the deep-mode timer, and the switch recorded under "PSM" in the store.
+// Deep mode: its set-up from the configuration, the deep timer's callback and the reset; the
+// whole cycle through event dispatch with the 1.5 s deep timer on virtual time; low-power entry
+// and the switch it records under "PSM" in the state store.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,55 +15,23 @@
 #include <utility>
 #include <vector>
 
-#include "feature/LogSites.h"
-#include "feature/PSMPowerOptFeature.h"
 #include "host/PluginHost.h"
-#include "host/fakeperf/FakePerf.h"
-#include "tests/support/DeepModeConfig.h"
-#include "tests/support/DeviceTree.h"
-#include "tests/support/FeatureFactory.h"
-#include "tests/support/FeaturePeer.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TestConfig.h"
-#include "tests/support/ThreadTimers.h"
-#include "tests/support/TimerThreads.h"
+#include "tests/support/FeatureTest.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using pwr::test::deepModeConfig;
-using pwr::test::DeviceTree;
 using pwr::test::FeatureHandle;
-using pwr::test::LogCapture;
+using pwr::test::line;
 using pwr::test::powerModeHint;
 using pwr::test::propertyValue;
 using pwr::test::setProperty;
-using pwr::test::splitTokens;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+namespace site = pwr::site;
 
-constexpr char kApplied[] = "deeptimerCallBack() 1226: Timer disabled, Current state: 3";
-// Two expiries of the 1.5 s timer and then some: bounded, not a guess at speed.
-constexpr std::chrono::seconds kDeepTimerWait(10);
-
-class DeepMode : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        fakeperf::reset();
-        tree.mkdirs(pwr::test::kStoreDirectory);
-    }
-
-    // Index of the first captured message equal to `message`, -1 when there is none.
-    int indexOf(const std::string& message) const {
-        const std::vector<std::string> messages = log.messages();
-        for (size_t i = 0; i < messages.size(); ++i) {
-            if (messages[i] == message) return static_cast<int>(i);
-        }
-        return -1;
-    }
-
-    DeviceTree tree;
-    LogCapture log;
-};
+const std::string kApplied = line(site::kDeepTimerDisabled, "Timer disabled, Current state: 3");
 
 // Name/value pairs of a property list, as applyProp walks them.
 std::vector<std::pair<std::string, std::string>> pairsOf(const std::vector<std::string>& list) {
@@ -72,74 +40,62 @@ std::vector<std::pair<std::string, std::string>> pairsOf(const std::vector<std::
     return pairs;
 }
 
-TEST_F(DeepMode, InitDeepMode_ReadsEverySetting) {
-    FeatureHandle feature(deepModeConfig());
-    PSMPowerOptFeatureTestPeer peer(*feature);
+class DeepMode : public pwr::test::FeatureTest {
+  protected:
+    void SetUp() override { tree.mkdirs(pwr::test::kStoreDirectory); }
 
-    ASSERT_TRUE(peer.ready()) << ::testing::PrintToString(log.messages());
-    EXPECT_NE(peer.battery().timer(), nullptr);
-    EXPECT_FALSE(Timer().Timer_isActive(peer.battery().timer()));
-    EXPECT_THAT(peer.scalingThresholds(), ElementsAre(700, 100, 800, 200, 900, 300));
-    EXPECT_EQ(peer.settings().mMaxSampleNum, 5);
-    EXPECT_EQ(peer.settings().taskLoadBoostScale, -20);
-    EXPECT_EQ(peer.settings().mCpuNode, "cpu0");
-    EXPECT_EQ(peer.settings().mCpuPolicy, "policy0");
-    EXPECT_EQ(peer.settings().mDeepProfile, deepModeConfig().profiles["DEFAULT"]);
-    EXPECT_EQ(peer.settings().taskBoostOpcodes, deepModeConfig().profiles["PSM_OPT_RESOURCE"]);
-    EXPECT_THAT(peer.ignoredApps(), ElementsAre("com.example.ignored"));
-    EXPECT_EQ(peer.deep().state(), 0);
-    EXPECT_EQ(peer.deep().timers().first, nullptr) << "created by low-power entry only";
-}
-
-TEST_F(DeepMode, InitDeepMode_WalksProfilesInNameOrder) {
-    PowerOptFeatureInfo info = deepModeConfig();
-    FeatureHandle feature(info);
-    PSMPowerOptFeatureTestPeer peer(*feature);
-
-    EXPECT_THAT(peer.deep().profileList(),
-                ElementsAre(info.profiles["DEFAULT"], info.profiles["PROFILE_LIGHT_MODE"],
-                            info.profiles["PSM_OPT_RESOURCE"]));
-    const int first =
-            indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) + " ProfileList DEFAULT");
-    const int second = indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) +
-                               " ProfileList PROFILE_LIGHT_MODE");
-    const int third = indexOf(pwr::linePrefix(pwr::site::kProfileListEntry) +
-                              " ProfileList PSM_OPT_RESOURCE");
-    EXPECT_NE(first, -1) << ::testing::PrintToString(log.messages());
-    EXPECT_LT(first, second);
-    EXPECT_LT(second, third);
-}
-
-// Every setting except "PSM" is property text, the scalar ones included, each entry's tokens
-// kept together in the order of the map's own walk.
-TEST_F(DeepMode, InitDeepMode_WalksEverySettingButPsmIntoThePropertyList) {
-    PowerOptFeatureInfo info = deepModeConfig();
-    FeatureHandle feature(info);
-    const std::vector<std::string>& list = PSMPowerOptFeatureTestPeer(*feature).deep().propList();
-
-    size_t expectedSize = 0;
-    for (const auto& [key, value] : info.configs) {
-        EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropsListEntry) + " PropsList " + key), 1)
-                << key;
-        const std::vector<std::string> tokens = splitTokens(value);
-        const auto run = std::search(list.begin(), list.end(), tokens.begin(), tokens.end());
-        if (key == "PSM") {
-            for (const std::string& token : tokens) {
-                EXPECT_EQ(std::count(list.begin(), list.end(), token), 0) << token;
-            }
-            continue;
-        }
-        expectedSize += tokens.size();
-        EXPECT_NE(run, list.end()) << key << " = " << value << " is not in the list as one run";
+    void build(const PowerOptFeatureInfo& info = deepModeConfig()) {
+        peer.reset();
+        feature.emplace(info);
+        peer.emplace(**feature);
+        peer->setDebugEnabled(true);
     }
-    EXPECT_EQ(list.size(), expectedSize);
-    // The scalar settings are walked too.
-    EXPECT_EQ(std::count(list.begin(), list.end(), "-20"), 1);
-    EXPECT_EQ(std::count(list.begin(), list.end(), "policy0"), 1);
-    EXPECT_EQ(std::count(list.begin(), list.end(), "vendor.pwr.sync"), 1);
+
+    std::optional<FeatureHandle> feature;
+    std::optional<PSMPowerOptFeatureTestPeer> peer;
+};
+
+TEST_F(DeepMode, Configure_ReadsEverySettingProfilesInNameOrderAndEveryValueButPsmAsProperties) {
+    const PowerOptFeatureInfo info = deepModeConfig();
+    build(info);
+    ASSERT_TRUE(peer->ready()) << ::testing::PrintToString(log.messages());
+    EXPECT_THAT(peer->scalingThresholds(), ElementsAre(700, 100, 800, 200, 900, 300));
+    const FeatureSettings& s = peer->settings();
+    EXPECT_EQ(s.mMaxSampleNum, 5);
+    EXPECT_EQ(s.taskLoadBoostScale, -20);
+    EXPECT_EQ(s.mCpuNode + s.mCpuPolicy, "cpu0policy0");
+    EXPECT_EQ(s.mDeepProfile, info.profiles.at("DEFAULT"));
+    EXPECT_EQ(s.taskBoostOpcodes, info.profiles.at("PSM_OPT_RESOURCE"));
+    EXPECT_THAT(peer->ignoredApps(), ElementsAre("com.example.ignored"));
+    const PSMFeatureSnapshot snap = peer->snapshot();
+    EXPECT_EQ((std::vector<int>{snap.batteryTimerExists, snap.batteryTimerArmed,
+                                snap.deepTimerExists}),
+              (std::vector<int>{1, 0, 0}))
+            << "the battery timer exists unarmed; the deep timer comes with low-power entry";
+    EXPECT_EQ(peer->deep().state(), 0);
+
+    EXPECT_THAT(peer->deep().profileList(),
+                ElementsAre(info.profiles.at("DEFAULT"), info.profiles.at("PROFILE_LIGHT_MODE"),
+                            info.profiles.at("PSM_OPT_RESOURCE")));
+    std::vector<std::string> expected = {
+            line(site::kProfileListEntry, " ProfileList DEFAULT"),
+            line(site::kProfileListEntry, " ProfileList PROFILE_LIGHT_MODE"),
+            line(site::kProfileListEntry, " ProfileList PSM_OPT_RESOURCE")};
+    // Each value's comma-separated tokens, in the order of the map's own walk, "PSM" skipped.
+    std::vector<std::string> tokens;
+    for (const auto& [key, value] : info.configs) {
+        expected.push_back(line(site::kPropsListEntry, " PropsList " + key));
+        if (key == "PSM") continue;
+        for (const std::string& token : pwr::test::splitTokens(value)) tokens.push_back(token);
+    }
+    EXPECT_EQ(peer->deep().propList(), tokens);
+    const std::vector<std::string> messages = log.messages();
+    EXPECT_TRUE(std::search(messages.begin(), messages.end(), expected.begin(), expected.end()) !=
+                messages.end())
+            << ::testing::PrintToString(messages);
 }
 
-TEST_F(DeepMode, InitDeepMode_MissingNumberOrCpuSettingFailsSilently) {
+TEST_F(DeepMode, Configure_AMissingNumberOrCpuSettingFailsSilently) {
     for (const char* key :
          {"VIDEO_SCALING_UP", "BROWSER_SCALING_UP", "GAME_SCALING_UP", "VIDEO_SCALING_DOWN",
           "BROWSER_SCALING_DOWN", "GAME_SCALING_DOWN", "MAX_SAMPLE_NUM",
@@ -148,61 +104,11 @@ TEST_F(DeepMode, InitDeepMode_MissingNumberOrCpuSettingFailsSilently) {
         log.clear();
         PowerOptFeatureInfo info = deepModeConfig();
         info.configs.erase(key);
-        FeatureHandle feature(info);
-
-        EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*feature).ready());
-        EXPECT_EQ(log.countContaining("initDeepMode()"), 0)
-                << ::testing::PrintToString(log.messages());
-        EXPECT_EQ(
-                log.count(pwr::linePrefix(pwr::site::kMissingConfigs) + "Missing feature configs, "
-                                                                        "return !!"),
-                1);
+        build(info);
+        EXPECT_FALSE(peer->ready());
+        EXPECT_EQ(log.countContaining("initDeepMode()"), 0);
+        EXPECT_EQ(log.count(line(site::kMissingConfigs, "Missing feature configs, return !!")), 1);
     }
-}
-
-TEST_F(DeepMode, InitDeepMode_MissingProfilesAreNamed) {
-    struct Case {
-        const char* profile;
-        Profile value;
-        bool erase;
-        const pwr::LogSite* site;  // the refusal's line; null: accepted
-        const char* message;
-    };
-    const Case cases[] = {
-            {"DEFAULT", {}, true, &pwr::site::kNoDeepProfile, "No Deep Profile specified\n"},
-            {"DEFAULT", {}, false, &pwr::site::kNoDeepProfile, "No Deep Profile specified\n"},
-            {"PSM_OPT_RESOURCE",
-             {},
-             true,
-             &pwr::site::kNoBoostOpcode,
-             "No TASK_LOAD_BOOST opcode specified\n"},
-            // Only an empty profile is refused: an empty first list is accepted (the boost then
-            // acquires nothing).
-            {"PSM_OPT_RESOURCE", {{}}, false, nullptr, nullptr},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.profile);
-        log.clear();
-        PowerOptFeatureInfo info = deepModeConfig();
-        if (c.erase) {
-            info.profiles.erase(c.profile);
-        } else {
-            info.profiles[c.profile] = c.value;
-        }
-        FeatureHandle feature(info);
-
-        EXPECT_EQ(PSMPowerOptFeatureTestPeer(*feature).ready(), c.site == nullptr);
-        if (c.site != nullptr) {
-            EXPECT_EQ(log.count(pwr::linePrefix(*c.site) + c.message), 1)
-                    << ::testing::PrintToString(log.messages());
-        } else {
-            EXPECT_EQ(log.countContaining("No TASK_LOAD_BOOST"), 0);
-        }
-        EXPECT_EQ(log.countContaining("ProfileList") != 0, c.site == nullptr);
-    }
-}
-
-TEST_F(DeepMode, InitDeepMode_UnparsableNumberThrows) {
     PowerOptFeatureInfo info = deepModeConfig();
     info.configs["MAX_SAMPLE_NUM"] = "many";
     std::string error;
@@ -210,106 +116,93 @@ TEST_F(DeepMode, InitDeepMode_UnparsableNumberThrows) {
                  std::invalid_argument);
 }
 
-TEST_F(DeepMode, DeepTimerCallBack_WaitsForTheDeepProfileLock) {
-    FeatureHandle feature(deepModeConfig());
-    PSMPowerOptFeatureTestPeer peer(*feature);
-    const std::string firstName = peer.deep().propList()[0];
+TEST_F(DeepMode, Configure_AMissingOrEmptyProfileIsNamed) {
+    const struct {
+        const char* profile;
+        std::optional<Profile> value;  // none: the profile is absent
+        const pwr::LogSite* site;      // the refusal's line; null: accepted
+        const char* message;
+    } cases[] = {
+            {"DEFAULT", std::nullopt, &site::kNoDeepProfile, "No Deep Profile specified\n"},
+            {"DEFAULT", Profile{}, &site::kNoDeepProfile, "No Deep Profile specified\n"},
+            {"PSM_OPT_RESOURCE", std::nullopt, &site::kNoBoostOpcode,
+             "No TASK_LOAD_BOOST opcode specified\n"},
+            // An empty first list is accepted: the boost then acquires nothing.
+            {"PSM_OPT_RESOURCE", Profile{{}}, nullptr, nullptr},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.profile);
+        log.clear();
+        PowerOptFeatureInfo info = deepModeConfig();
+        info.profiles.erase(c.profile);
+        if (c.value) info.profiles[c.profile] = *c.value;
+        build(info);
+        EXPECT_EQ(peer->ready(), c.site == nullptr);
+        EXPECT_EQ(log.countContaining("specified\n"), c.site == nullptr ? 0 : 1);
+        if (c.site != nullptr) {
+            EXPECT_TRUE(log.contains(line(*c.site, c.message)));
+        }
+        EXPECT_EQ(log.countContaining("ProfileList") != 0, c.site == nullptr);
+    }
+}
 
+TEST_F(DeepMode, DeepTimer_AppliesThePropertiesOnlyOnceTheDeepLockIsHeld) {
+    build();
+    const auto pairs = pairsOf(peer->deep().propList());
     PSMPowerOptFeature::deeptimerCallBack(nullptr);
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
 
     fakeperf::setAcquireFailure(true, -1);
-    PSMPowerOptFeature::deeptimerCallBack(&*feature);
+    PSMPowerOptFeature::deeptimerCallBack(&**feature);
+    EXPECT_EQ(log.count(line(site::kProfileApplyFailed, "Failed to apply resource, handle = -1")),
+              1);
+    EXPECT_EQ(peer->deep().state(), 0);
+    EXPECT_EQ(propertyValue(pairs[0].first), "<unset>") << "nothing is applied without the lock";
 
-    EXPECT_EQ(
-            log.count(pwr::linePrefix(pwr::site::kProfileApplyFailed) + "Failed to apply resource, "
-                                                                        "handle = -1"),
-            1);
-    EXPECT_EQ(peer.profileLock().held(), -1);
-    EXPECT_EQ(peer.deep().state(), 0);
-    EXPECT_EQ(propertyValue(firstName), "<unset>") << "nothing is applied without the lock";
-}
-
-TEST_F(DeepMode, DeepTimerCallBack_AppliesThePropertiesOnceTheLockIsHeld) {
-    FeatureHandle feature(deepModeConfig());
-    PSMPowerOptFeatureTestPeer peer(*feature);
-    peer.setDebugEnabled(true);
-    const std::vector<std::string> list = peer.deep().propList();
-    const auto pairs = pairsOf(list);
+    fakeperf::setAcquireFailure(false);
     setProperty(pairs.back().first, "performance");
-
-    PSMPowerOptFeature::deeptimerCallBack(&*feature);
-
-    ASSERT_GT(peer.profileLock().held(), 0);
-    EXPECT_EQ(fakeperf::heldLocks().at(peer.profileLock().held()), peer.settings().mDeepProfile[0]);
+    log.clear();
+    PSMPowerOptFeature::deeptimerCallBack(&**feature);
+    ASSERT_GT(peer->profileLock().held(), 0);
+    EXPECT_EQ(fakeperf::heldLocks().at(peer->profileLock().held()),
+              peer->settings().mDeepProfile[0]);
     for (const auto& [name, value] : pairs) EXPECT_EQ(propertyValue(name), value) << name;
-    EXPECT_EQ(peer.deep().state(), 3);
-    EXPECT_EQ(peer.deep().propResult(), 11) << "length of the last old value, \"performance\"";
-    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kPropSize) + "Prop size " +
-                        std::to_string(list.size())),
-              1)
-            << ::testing::PrintToString(log.messages());
-    EXPECT_EQ(log.count(std::string("PSMPOWEROPT: ") + kApplied), 1);
+    EXPECT_EQ(peer->deep().state(), 3);
+    EXPECT_EQ(peer->deep().propResult(), 11) << "length of the last old value, \"performance\"";
+    EXPECT_EQ(log.count(line(site::kPropSize,
+                             "Prop size " + std::to_string(peer->deep().propList().size()))),
+              1);
+    EXPECT_EQ(log.count(kApplied), 1);
 }
 
-TEST_F(DeepMode, ResetDeepMode_ReleasesUnlessTheResultIsZero) {
-    FeatureHandle feature(deepModeConfig());
-    PSMPowerOptFeatureTestPeer peer(*feature);
-    peer.setDebugEnabled(true);
-    const std::string name = peer.deep().propList()[0];
+TEST_F(DeepMode, Reset_ReleasesTheSavedValuesUnlessTheLastReadWasEmpty) {
+    build();
+    log.clear();
+    const std::string name = peer->deep().propList()[0];
     setProperty(name, "1");
-
-    peer.deep().setPropResult(0);
-    feature->resetDeepMode();
-    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kResetDeepMode) + "Reset"), 1);
-    EXPECT_EQ(log.countContaining("Array size"), 0) << "nothing released";
+    peer->deep().setPropResult(0);
+    (*feature)->resetDeepMode();
+    EXPECT_THAT(log.messages(), ElementsAre(line(site::kResetDeepMode, "Reset")));
     EXPECT_EQ(propertyValue(name), "1");
 
     // Nothing applied (-1) still releases; with nothing saved, the property is cleared.
-    peer.deep().setPropResult(-1);
-    feature->resetDeepMode();
-    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kReleasePropSize) + " Array size " +
-                        std::to_string(peer.deep().propList().size())),
-              1)
-            << ::testing::PrintToString(log.messages());
+    peer->deep().setPropResult(-1);
+    (*feature)->resetDeepMode();
+    EXPECT_EQ(log.count(line(site::kReleasePropSize,
+                             " Array size " + std::to_string(peer->deep().propList().size()))),
+              1);
     EXPECT_EQ(propertyValue(name, ""), "");
-    EXPECT_EQ(peer.deep().state(), 0);
+    EXPECT_EQ(peer->deep().state(), 0);
 }
 
-// Leaving low-power mode before the deep profile was granted disarms the retrying timer, so
-// deep mode cannot engage afterwards, and resets nothing.
-TEST_F(DeepMode, LeavingBeforeTheLockIsGrantedStopsTheDeepTimer) {
-    PWR_REQUIRE_TIMER_THREADS();
-    FeatureHandle feature(deepModeConfig());
-    PSMPowerOptFeatureTestPeer peer(*feature);
-    peer.setDebugEnabled(true);
-    fakeperf::setAcquireFailure(true, -1);
-
-    feature->sendEvents(powerModeHint(3));
-    ASSERT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
-    ASSERT_TRUE(
-            log.waitFor("readAndApplyProfile() 918: Failed to apply resource", 1, kDeepTimerWait));
-    feature->sendEvents(powerModeHint(0));
-
-    EXPECT_FALSE(Timer().Timer_isActive(peer.deep().timers().first));
-    EXPECT_EQ(log.countContaining("resetDeepMode()"), 0);
-    EXPECT_EQ(peer.deep().state(), 0);
-    EXPECT_EQ(propertyValue(peer.deep().propList()[0]), "<unset>");
-    // A retry already running must finish before the feature goes.
-    EXPECT_TRUE(pwr::test::waitForTimerCallbacks());
-}
-
-// --- The whole cycle with the real timer and the state store ---
+// --- The whole cycle, on virtual time, with the state store.
 
 class DeepModeCycle : public DeepMode {
   protected:
     void SetUp() override {
-        PWR_REQUIRE_TIMER_THREADS();
         DeepMode::SetUp();
-        feature.emplace(deepModeConfig());
-        peer.emplace(**feature);
-        ASSERT_TRUE(peer->ready()) << ::testing::PrintToString(log.messages());
-        peer->setDebugEnabled(true);
+        build();
+        ASSERT_TRUE(peer->ready());
         pairs = pairsOf(peer->deep().propList());
         ASSERT_GE(pairs.size(), 5u);
         // Old values of every kind: unset, single characters, longer texts.
@@ -320,56 +213,54 @@ class DeepModeCycle : public DeepMode {
             oldValues[pairs[i].first] = old != nullptr ? old : "<unset>";
         }
         // Each time the store reports a row written, note what the property holds right then.
-        log.setObserver([this](const pwr::test::LogLine& line) {
+        log.setObserver([this](const pwr::test::LogLine& logged) {
             const std::string marker = "DB Row key name=";
-            const size_t at = line.message.find(marker);
+            const size_t at = logged.message.find(marker);
             if (at == std::string::npos) return;
             const size_t start = at + marker.size();
             const std::string name =
-                    line.message.substr(start, line.message.find(',', start) - start);
+                    logged.message.substr(start, logged.message.find(',', start) - start);
             std::lock_guard<std::mutex> lock(mutex);
             atSave[name].push_back(propertyValue(name));
         });
     }
-
     void TearDown() override {
         feature.reset();
         log.setObserver(nullptr);
     }
 
     // The one character each property was saved as: an unset one reads as "0".
-    std::string savedCharacter(const std::string& name) {
+    std::string saved(const std::string& name) {
         const std::string& old = oldValues.at(name);
         return old == "<unset>" ? "0" : old.substr(0, 1);
     }
-
     void expectApplied() {
         for (const auto& [name, value] : pairs) EXPECT_EQ(propertyValue(name), value) << name;
     }
     void expectRestored() {
-        for (const auto& [name, value] : pairs) {
-            EXPECT_EQ(propertyValue(name), savedCharacter(name)) << name;
-        }
+        for (const auto& [name, value] : pairs) EXPECT_EQ(propertyValue(name), saved(name)) << name;
     }
 
-    std::optional<FeatureHandle> feature;
-    std::optional<PSMPowerOptFeatureTestPeer> peer;
     std::vector<std::pair<std::string, std::string>> pairs;
     std::map<std::string, std::string> oldValues;
     std::mutex mutex;
     std::map<std::string, std::vector<std::string>> atSave;  // guarded by mutex
 };
 
-TEST_F(DeepModeCycle, LowPowerHintAppliesAndLeavingRestoresEveryProperty) {
+TEST_F(DeepModeCycle, TheLowPowerHintAppliesAfterOneAndAHalfSecondsAndLeavingRestores) {
     (*feature)->sendEvents(powerModeHint(3));
-    ASSERT_TRUE(log.waitFor(kApplied, 1, kDeepTimerWait))
-            << ::testing::PrintToString(log.messages());
+    EXPECT_EQ(log.count(line(site::kDeepTimerStarted, "Timer started \n")), 1);
+    EXPECT_EQ(peer->psmMode(), 0) << "low-power entry leaves the PSM mode alone";
+    clock.advance(1499ms);
+    EXPECT_EQ(log.count(kApplied), 0);
+    clock.advance(1ms);
+    ASSERT_EQ(log.count(kApplied), 1) << ::testing::PrintToString(log.messages());
 
     // The deep profile is held, the timer has stopped itself, the properties are set.
     ASSERT_GT(peer->profileLock().held(), 0);
     EXPECT_EQ(fakeperf::heldLocks().at(peer->profileLock().held()),
               peer->settings().mDeepProfile[0]);
-    EXPECT_FALSE(Timer().Timer_isActive(peer->deep().timers().first));
+    EXPECT_EQ(peer->snapshot().deepTimerArmed, 0);
     EXPECT_EQ(peer->deep().state(), 3);
     expectApplied();
     {
@@ -378,21 +269,19 @@ TEST_F(DeepModeCycle, LowPowerHintAppliesAndLeavingRestoresEveryProperty) {
         for (const auto& [name, value] : pairs) {
             EXPECT_THAT(atSave[name], ElementsAre(oldValues[name])) << name;
             EXPECT_EQ(log.countContaining("DB Row key name=" + name + ", writing properties " +
-                                          savedCharacter(name)),
-                      1)
-                    << name;
+                                          saved(name)),
+                      1);
         }
     }
+    clock.advance(10s);
+    EXPECT_EQ(log.count(kApplied), 1) << "applied once per arming";
 
     (*feature)->sendEvents(powerModeHint(0));
-
     EXPECT_EQ(peer->profileLock().held(), -1);
     EXPECT_THAT(fakeperf::heldLocks(), IsEmpty());
     EXPECT_EQ(peer->deep().state(), 0);
     expectRestored();
-
-    // Leaving again finds deep mode off and leaves the restored values alone.
-    (*feature)->sendEvents(powerModeHint(0));
+    (*feature)->sendEvents(powerModeHint(0));  // deep mode is off: the restored values stay
     expectRestored();
 }
 
@@ -400,119 +289,100 @@ TEST_F(DeepModeCycle, LowPowerHintAppliesAndLeavingRestoresEveryProperty) {
 // the ones to put back.
 TEST_F(DeepModeCycle, ReenteringKeepsTheOriginalValues) {
     (*feature)->sendEvents(powerModeHint(3));
-    ASSERT_TRUE(log.waitFor(kApplied, 1, kDeepTimerWait));
+    clock.advance(1500ms);
     expectApplied();
-
     (*feature)->sendEvents(powerModeHint(3));
-    ASSERT_TRUE(log.waitFor(kApplied, 2, kDeepTimerWait))
-            << ::testing::PrintToString(log.messages());
+    clock.advance(1500ms);
+    ASSERT_EQ(log.count(kApplied), 2);
     expectApplied();
-
     (*feature)->sendEvents(powerModeHint(1));  // on to light mode
     expectRestored();
     EXPECT_EQ(peer->psmMode(), 1);
 }
 
+// Leaving low-power mode before the deep profile was granted disarms the retrying timer, so deep
+// mode cannot engage afterwards, and resets nothing.
+TEST_F(DeepModeCycle, LeavingBeforeTheLockIsGrantedStopsTheRetries) {
+    fakeperf::setAcquireFailure(true, -1);
+    (*feature)->sendEvents(powerModeHint(3));
+    clock.advance(3000ms);
+    const std::string refused = line(site::kProfileApplyFailed,
+                                     "Failed to apply resource, "
+                                     "handle = -1");
+    EXPECT_EQ(log.count(refused), 2) << "retried every 1.5 s";
+    (*feature)->sendEvents(powerModeHint(0));
+    fakeperf::setAcquireFailure(false);
+    clock.advance(10s);
+    EXPECT_EQ(log.count(refused), 2);
+    EXPECT_EQ(peer->snapshot().deepTimerArmed, 0);
+    EXPECT_EQ(log.countContaining("resetDeepMode()"), 0);
+    EXPECT_EQ(peer->deep().state(), 0);
+    EXPECT_EQ(propertyValue(pairs[0].first), oldValues[pairs[0].first]);
+}
+
 // --- Low-power entry.
 
-// The POSIX timers this process holds (the test program provides the timer calls).
-int processTimers() {
-    return pwr::test::liveTimers();
-}
-
-class LowPowerEntry : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        fakeperf::reset();
-        tree.mkdirs(pwr::test::kStoreDirectory);
-    }
-
-    DeviceTree tree;
-    LogCapture log;
-};
-
-TEST_F(LowPowerEntry, DeepModeOnArmsTheDeepTimer) {
-    FeatureHandle feature(deepModeConfig());
-    PSMPowerOptFeatureTestPeer peer(*feature);
-    peer.setDebugEnabled(true);
-
-    feature->sendEvents(powerModeHint(3));
-
-    ASSERT_NE(peer.deep().timers().first, nullptr);
-    EXPECT_EQ(peer.deep().timers().second, peer.deep().timers().first);
-    EXPECT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
-    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kDeepTimerStarted) + "Timer started \n"), 1)
-            << ::testing::PrintToString(log.messages());
+TEST_F(DeepMode, LowPowerEntry_EachEntryReplacesTheDeepTimer) {
+    build();
+    const int before = pwr::test::liveTimers();
+    (*feature)->sendEvents(powerModeHint(3));
+    const auto first = peer->deep().timers();
+    EXPECT_EQ(first.second, first.first);
+    (*feature)->sendEvents(powerModeHint(3));
+    EXPECT_EQ(pwr::test::liveTimers(), before + 1) << "the earlier one is deleted";
+    EXPECT_EQ(peer->snapshot().deepTimerArmed, 1);
+    EXPECT_EQ(log.count(line(site::kDeepTimerStarted, "Timer started \n")), 2);
     EXPECT_EQ(log.countContaining("Timer couldn't be started"), 0);
-    EXPECT_EQ(peer.psmMode(), 0) << "low-power entry leaves the PSM mode alone";
-}
-
-// Each entry creates and arms a new timer; the earlier one is deleted, so the feature never
-// holds more than one deep-mode timer.
-TEST_F(LowPowerEntry, EnteringTwiceReplacesTheTimer) {
-    FeatureHandle feature(deepModeConfig());
-    PSMPowerOptFeatureTestPeer peer(*feature);
-    peer.setDebugEnabled(true);
-    const int before = processTimers();
-    ASSERT_GE(before, 1) << "the battery timer";
-
-    feature->sendEvents(powerModeHint(3));
-    EXPECT_EQ(processTimers(), before + 1);
-    feature->sendEvents(powerModeHint(3));
-    EXPECT_EQ(processTimers(), before + 1);
-
-    EXPECT_TRUE(Timer().Timer_isActive(peer.deep().timers().first));
-    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kDeepTimerStarted) + "Timer started \n"), 2);
     feature.reset();
-    EXPECT_EQ(processTimers(), before - 1) << "the destructor deletes what is left";
+    EXPECT_EQ(pwr::test::liveTimers(), before - 1) << "the destructor deletes what is left";
 }
 
-TEST_F(LowPowerEntry, DeepModeOffArmsNothingAndTouchesNoProperty) {
-    FeatureHandle feature(pwr::test::minimalConfig());
-    PSMPowerOptFeatureTestPeer peer(*feature);
-    peer.setDebugEnabled(true);
-    setProperty("vendor.pwr.sync", "8");
-
-    feature->sendEvents(powerModeHint(3));
-
-    EXPECT_EQ(peer.deep().timers().first, nullptr);
-    EXPECT_EQ(log.countContaining("lowPowerInit()"), 0);
-    EXPECT_EQ(log.countContaining("releaseProp()"), 0);
-    EXPECT_EQ(propertyValue("vendor.pwr.sync"), "8");
-}
-
-// --- With the state store ---
-
-TEST_F(LowPowerEntry, RecordsTheDeepModeSwitchUnderPsm) {
-    FeatureHandle feature(deepModeConfig());
-    ASSERT_TRUE(PSMPowerOptFeatureTestPeer(*feature).store().database() != nullptr);
-
-    feature->sendEvents(powerModeHint(3));
-    feature->sendEvents(powerModeHint(3));
-
+TEST_F(DeepMode, LowPowerEntry_RecordsTheSwitchUnderPsm) {
+    build();
+    ASSERT_NE(peer->store().database(), nullptr);
+    (*feature)->sendEvents(powerModeHint(3));
+    (*feature)->sendEvents(powerModeHint(3));
     // The second entry consumed the first one's row and wrote its own.
-    EXPECT_EQ(feature->pmDbRead("PSM"), '1');
-    EXPECT_EQ(feature->pmDbRead("PSM"), 0);
+    EXPECT_EQ((*feature)->pmDbRead("PSM"), '1');
+    EXPECT_EQ((*feature)->pmDbRead("PSM"), 0);
+}
+
+// Only the low byte of DEEP_MODE counts: 256 has the store but enters no deep mode. Its entry
+// puts the saved values back only when the previous run recorded deep mode ('1').
+TEST_F(DeepMode, LowPowerEntry_DeepModeWithALowByteOfZeroRestoresOnlyAfterDeepMode) {
+    PowerOptFeatureInfo info = deepModeConfig();
+    info.configs["DEEP_MODE"] = "256";
+    build(info);
+    const std::string name = peer->deep().propList()[0];
+    setProperty(name, "8");
+    (*feature)->pmDbWrite(name, '4');
+    (*feature)->sendEvents(powerModeHint(3));  // no "PSM" row yet
+    EXPECT_EQ(propertyValue(name), "8");
+    EXPECT_EQ(peer->snapshot().deepTimerExists, 0);
+    (*feature)->sendEvents(powerModeHint(3));  // "PSM" is '0' now
+    EXPECT_EQ(propertyValue(name), "8");
+    (*feature)->pmDbWrite("PSM", '1');
+    (*feature)->sendEvents(powerModeHint(3));
+    EXPECT_EQ(propertyValue(name), "4");
+    EXPECT_EQ((*feature)->pmDbRead("PSM"), '0');
 }
 
 // A feature with deep mode off has no state store: a '1' recorded by an earlier run with deep
 // mode on is neither consumed nor acted on, and nothing is written over it.
-TEST_F(LowPowerEntry, DeepModeOffLeavesTheStoredSwitchAlone) {
-    {
-        FeatureHandle earlier(deepModeConfig());
-        earlier->pmDbWrite("PSM", '1');
-        earlier->pmDbWrite("vendor.pwr.sync", '0');
-    }
+TEST_F(DeepMode, LowPowerEntry_DeepModeOffTouchesNeitherTimerStoreNorProperties) {
+    build();
+    (*feature)->pmDbWrite("PSM", '1');
+    (*feature)->pmDbWrite("vendor.pwr.sync", '0');
     setProperty("vendor.pwr.sync", "8");
-    {
-        FeatureHandle off(pwr::test::minimalConfig());
-        off->sendEvents(powerModeHint(3));
-    }
+    build(pwr::test::minimalConfig());
+    log.clear();
+    (*feature)->sendEvents(powerModeHint(3));
+    EXPECT_EQ(peer->deep().timers().first, nullptr);
+    EXPECT_EQ(log.countContaining("lowPowerInit()") + log.countContaining("releaseProp()"), 0);
     EXPECT_EQ(propertyValue("vendor.pwr.sync"), "8");
-
-    FeatureHandle later(deepModeConfig());
-    EXPECT_EQ(later->pmDbRead("PSM"), '1');
-    EXPECT_EQ(later->pmDbRead("vendor.pwr.sync"), '0');
+    build();
+    EXPECT_EQ((*feature)->pmDbRead("PSM"), '1');
+    EXPECT_EQ((*feature)->pmDbRead("vendor.pwr.sync"), '0');
 }
 
 }  // namespace
