@@ -11,7 +11,7 @@
 // function on a new std::thread, so the sanitizers see every thread and a test can wait until no
 // callback is running before it destroys what the callbacks use.
 //
-// What is kept of the C library's behaviour (tests/PosixTimerTest.cpp checks it against both):
+// What is kept of the C library's behaviour (tests/libc/PosixTimerTest.cpp checks the C library's):
 // SIGEV_THREAD timers on CLOCK_REALTIME, CLOCK_MONOTONIC and CLOCK_BOOTTIME; relative and
 // TIMER_ABSTIME arming; one-shot and periodic; an all-zero it_value disarms; a negative or
 // out-of-range field fails with EINVAL; each expiry calls the notify function on a thread other

@@ -1,8 +1,7 @@
 // The POSIX timer behaviour the plug-in's timer service relies on: SIGEV_THREAD notification,
 // relative and absolute arming, one-shot and periodic expiries, disarming, and the EINVAL answers
-// for bad times. The unit test program runs these against the timers of
-// tests/support/ThreadTimers.cpp; pwr_libc_timer_tests runs the same file against the C library,
-// so both implementations are held to one contract.
+// for bad times, checked against the C library's own timers, which the test programs' timers
+// (tests/support/ThreadTimers.cpp) stand in for.
 
 #include <errno.h>
 #include <signal.h>
