@@ -32,8 +32,8 @@ constexpr char kCard0Periodicity[] = "/sys/class/drm/card0-mxp-crtc-0/fps_period
 const std::string kUsbOpenFailed = line(site::kUsbOpenFailed, std::string("Failed to open USB "
                                                                           "file ") +
                                                                       kUsb);
-const std::string kUsbReadFailed = line(site::kUsbReadFailed,
-                                        std::string("Failed to read from USB file ") + kUsb);
+const std::string kUsbReadFailed =
+        line(site::kUsbReadFailed, std::string("Failed to read from USB file ") + kUsb);
 const std::string kUsbEmpty = line(site::kUsbEmpty, "Unexpected Null in str");
 const std::string kDisplayEmpty = line(site::kDisplayEmpty, "Unexpected Null in str");
 std::string displayOpenFailed(const char* node) {
@@ -93,23 +93,47 @@ TEST_P(DisplayNodes, Connected) {
 INSTANTIATE_TEST_SUITE_P(
         Nodes, DisplayNodes,
         ::testing::Values(
-                DisplayCase{"FirstEnabledWins", "enabled\n", "disabled\n", "enabled\n", DISPLAY_DP,
+                DisplayCase{
+                        "FirstEnabledWins", "enabled\n", "disabled\n", "enabled\n", DISPLAY_DP, {}},
+                DisplayCase{"FirstOpenedIsReadForEveryEntry",
+                            "disabled\n",
+                            "enabled\n",
+                            "enabled\n",
+                            0,
                             {}},
-                DisplayCase{"FirstOpenedIsReadForEveryEntry", "disabled\n", "enabled\n",
-                            "enabled\n", 0, {}},
-                DisplayCase{"MissingFirstFallsToNext", nullptr, "enabled\n", "enabled\n",
-                            DISPLAY_VIRTUAL, {displayOpenFailed(kDp)}},
-                DisplayCase{"SecondDisabledHidesThird", nullptr, "disabled\n", "enabled\n", 0,
+                DisplayCase{"MissingFirstFallsToNext",
+                            nullptr,
+                            "enabled\n",
+                            "enabled\n",
+                            DISPLAY_VIRTUAL,
                             {displayOpenFailed(kDp)}},
-                DisplayCase{"OnlyTheLast", nullptr, nullptr, "enabled\n", DISPLAY_DSI2,
+                DisplayCase{"SecondDisabledHidesThird",
+                            nullptr,
+                            "disabled\n",
+                            "enabled\n",
+                            0,
+                            {displayOpenFailed(kDp)}},
+                DisplayCase{"OnlyTheLast",
+                            nullptr,
+                            nullptr,
+                            "enabled\n",
+                            DISPLAY_DSI2,
                             {displayOpenFailed(kDp), displayOpenFailed(kVirtual)}},
                 DisplayCase{"WithoutLineFeed", "enabled", nullptr, nullptr, DISPLAY_DP, {}},
                 DisplayCase{"TrailingBlank", "enabled \n", nullptr, nullptr, 0, {}},
                 DisplayCase{"LeadingBlank", " enabled\n", nullptr, nullptr, 0, {}},
                 DisplayCase{"Capitalised", "Enabled\n", nullptr, nullptr, 0, {}},
-                DisplayCase{"EmptyFirstIsReadForEveryEntry", "", "enabled\n", nullptr, 0,
+                DisplayCase{"EmptyFirstIsReadForEveryEntry",
+                            "",
+                            "enabled\n",
+                            nullptr,
+                            0,
                             {kDisplayEmpty, kDisplayEmpty, kDisplayEmpty}},
-                DisplayCase{"None", nullptr, nullptr, nullptr, 0,
+                DisplayCase{"None",
+                            nullptr,
+                            nullptr,
+                            nullptr,
+                            0,
                             {displayOpenFailed(kDp), displayOpenFailed(kVirtual),
                              displayOpenFailed(kDsi2)}}),
         [](const auto& info) { return std::string(info.param.name); });
@@ -136,7 +160,8 @@ class UsbState : public PowerHelperProbes, public ::testing::WithParamInterface<
 TEST_P(UsbState, AttachedAndTheStreamClosed) {
     const UsbCase& c = GetParam();
     if (c.state != nullptr) tree.write(kUsb, c.state);
-    if (c.debugProperty != nullptr) pwr::test::setProperty("vendor.poweropt.debug", c.debugProperty);
+    if (c.debugProperty != nullptr)
+        pwr::test::setProperty("vendor.poweropt.debug", c.debugProperty);
     PowerHelper helper;
     EXPECT_EQ(usbStreamOpen(helper), c.state != nullptr);
     EXPECT_EQ(helper.getUSBstate(), c.attached);
@@ -165,8 +190,10 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(PowerHelperProbes, UsbState_EveryCallReopensTheNode) {
     PowerHelper helper;
     EXPECT_EQ(helper.getUSBstate(), 0);
-    for (const auto& [state, attached] : {std::pair{"CONFIGURED\n", 1}, {"DISCONNECTED\n", 0},
-                                          {"CONNECTED\n", 1}, {"CONNECTED\n", 1}}) {
+    for (const auto& [state, attached] : {std::pair{"CONFIGURED\n", 1},
+                                          {"DISCONNECTED\n", 0},
+                                          {"CONNECTED\n", 1},
+                                          {"CONNECTED\n", 1}}) {
         tree.write(kUsb, state);
         EXPECT_EQ(helper.getUSBstate(), attached) << state;
     }
@@ -193,8 +220,8 @@ TEST_F(PowerHelperProbes, FpsNodes_TheFirstTableEntryThatExistsIsKeptOpen) {
         EXPECT_EQ(helper.getFps(), 0.0f);
         tree.write(kFps, "fps: 60.0 duration:500000 frame_count:10\n");
         EXPECT_EQ(helper.getFrames(), 0) << "not reopened once the node exists";
-        const std::string failed = line(site::kFpsOpenFailed,
-                                        std::string("Failed to open fps file ") + kFps);
+        const std::string failed =
+                line(site::kFpsOpenFailed, std::string("Failed to open fps file ") + kFps);
         EXPECT_EQ(log.messages(), (std::vector<std::string>{failed, failed}));
     }
     tree.remove(kFps);
@@ -247,8 +274,7 @@ TEST_F(PowerHelperProbes, FpsNodes_EachSampleParsesTheLineAfresh) {
 
 // A display-configuration service with a chosen active configuration (negative: the call fails
 // and leaves the preset value) and vsync period, which records what it is asked.
-class StandInDisplayConfig : public pwr::DisplayConfigService,
-                             public pwr::DisplayConfigProvider {
+class StandInDisplayConfig : public pwr::DisplayConfigService, public pwr::DisplayConfigProvider {
   public:
     StandInDisplayConfig(pwr::DisplayConfigLookup outcome, int32_t activeConfig,
                          int32_t vsyncPeriodNs)
@@ -312,8 +338,8 @@ TEST_F(PowerHelperProbes, PanelFps_OneSecondOverTheVsyncPeriodOfTheActiveConfigu
     pwr::setDisplayConfigProvider(nullptr);  // the host has no service: 60, logged each call
     EXPECT_EQ(helper.getMaxPanelFps(), 60.0f);
     EXPECT_EQ(helper.getMaxPanelFps(), 60.0f);
-    EXPECT_EQ(log.messages(), std::vector<std::string>(
-                                      2, line(site::kNoDisplayHal, "Failed to get display HAL")));
+    EXPECT_EQ(log.messages(),
+              std::vector<std::string>(2, line(site::kNoDisplayHal, "Failed to get display HAL")));
 }
 
 }  // namespace
