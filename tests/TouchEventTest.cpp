@@ -276,205 +276,160 @@ class TouchListener : public ::testing::Test {
     std::unique_ptr<TouchEvent> touch;
 };
 
-// ---- Device search ----
+// ---- Device search and registrations (no listener needed) ----
 
-TEST(TouchEvent, NoInputDirectory_NoListener) {
+TEST(TouchEvent, WithoutAnEvdevTouchDeviceNoListenerStarts) {
     DeviceTree tree;
-    TouchEvent touch;
-    TouchEventTestPeer peer(touch);
-    EXPECT_FALSE(peer.running());
-    EXPECT_FALSE(peer.hasListener());
-    EXPECT_FALSE(peer.hasPollRecord());
-    EXPECT_EQ(touch.searchTouchDevice(), -1);
-}
-
-TEST(TouchEvent, NoEvdevDeviceUnderInput_NoListener) {
-    DeviceTree tree;
+    {
+        TouchEvent touch;  // no /dev/input at all
+        EXPECT_FALSE(TouchEventTestPeer(touch).hasListener());
+        EXPECT_EQ(touch.searchTouchDevice(), -1);
+    }
     // Regular files and a directory: open succeeds, the evdev queries fail on all of them.
     tree.write("/dev/input/event0", "fts_ts\n");
-    tree.write("/dev/input/event1", "");
     tree.mkdirs("/dev/input/by-path");
     TouchEvent touch;
     TouchEventTestPeer peer(touch);
     EXPECT_FALSE(peer.running());
     EXPECT_FALSE(peer.hasListener());
     EXPECT_FALSE(peer.hasPollRecord());
-    EXPECT_EQ(touch.searchTouchDevice(), -1);
-    std::string file = "/dev/input/event0";
-    std::string dir = "/dev/input/by-path";
-    std::string missing = "/dev/input/event9";
-    EXPECT_EQ(touch.checkTouchDevice(file.data()), -1);
-    EXPECT_EQ(touch.checkTouchDevice(dir.data()), -1);
-    EXPECT_EQ(touch.checkTouchDevice(missing.data()), -1);
+    for (std::string path : {"/dev/input/event0", "/dev/input/by-path", "/dev/input/event9"}) {
+        EXPECT_EQ(touch.checkTouchDevice(path.data()), -1) << path;
+    }
 }
 
-TEST(TouchEvent, InvalidDescriptor_NoListener) {
+TEST(TouchEvent, AnInvalidDescriptorStartsNoListenerAndKeepsADeviceFoundLater) {
     TouchEvent touch{android::base::unique_fd()};
     TouchEventTestPeer peer(touch);
     EXPECT_FALSE(peer.running());
     EXPECT_FALSE(peer.hasListener());
-
-    // Without a listener a device found later is kept, and no listener starts for it.
     FakeTouchDevice device;
-    EXPECT_EQ(touch.searchTouchDevice(), 0);
+    ASSERT_EQ(touch.searchTouchDevice(), 0);
+    ASSERT_TRUE(peer.hasPollRecord());
     EXPECT_EQ(peer.polled().first->fd, peer.polled().second);
     EXPECT_FALSE(peer.hasListener());
 }
 
-// ---- Registrations (no listener needed) ----
-
-TEST(TouchEvent, Register_RefusesNullContextAndDuplicateIds) {
+TEST(TouchEvent, RegistrationsAreKeptInOrderAndMatchedById) {
     TouchEvent touch{android::base::unique_fd()};
+    TouchEventTestPeer peer(touch);
     CallLog log;
     Client a{&log, "A"};
-    Client b{&log, "B"};
     EXPECT_EQ(touch.touchEventRegister(recordTouch, nullptr, 1), nullptr);
-
-    Registration first(touch.touchEventRegister(recordTouch, &a, 1), free);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first->callback, &recordTouch);
-    EXPECT_EQ(first->id, 1);
-    EXPECT_EQ(first->context, &a);
-    EXPECT_EQ(first->enabled, 0);
-
-    EXPECT_EQ(touch.touchEventRegister(recordTouch, &b, 1), nullptr);
-    Registration second(touch.touchEventRegister(recordTouch, &b, 2), free);
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(TouchEventTestPeer(touch).registeredIds(), (std::vector<int>{1, 2}));
-}
-
-TEST(TouchEvent, Deregister_RemovesByIdKeepingOrder) {
-    TouchEvent touch{android::base::unique_fd()};
-    CallLog log;
-    Client client{&log, "A"};
     std::vector<Registration> owned;
     for (int id : {1, 2, 3, 4}) {
-        owned.emplace_back(touch.touchEventRegister(recordTouch, &client, id), free);
+        owned.emplace_back(touch.touchEventRegister(recordTouch, &a, id), free);
         ASSERT_NE(owned.back(), nullptr);
     }
-    TouchEventTestPeer peer(touch);
+    EXPECT_EQ(owned[0]->callback, &recordTouch);
+    EXPECT_EQ(owned[0]->context, &a);
+    EXPECT_EQ(owned[0]->enabled, 0);
+    EXPECT_EQ(touch.touchEventRegister(recordTouch, &a, 1), nullptr) << "a duplicate id";
 
     EXPECT_EQ(touch.touchEventDeregister(nullptr), 0);
     EXPECT_FALSE(touch.isTouchRegistered(nullptr));
-
     EXPECT_EQ(touch.touchEventDeregister(owned[1].get()), 1);
-    EXPECT_EQ(peer.registeredIds(), (std::vector<int>{1, 3, 4}));
     EXPECT_FALSE(touch.isTouchRegistered(owned[1].get()));
     EXPECT_TRUE(touch.isTouchRegistered(owned[0].get()));
-
-    // Matching is by id: another record carrying id 3 removes the registration of 3.
-    Touchevent_s sameId = {recordTouch, 3, &client, 0};
+    Touchevent_s sameId = {recordTouch, 3, &a, 0};  // another record carrying id 3
     EXPECT_TRUE(touch.isTouchRegistered(&sameId));
     EXPECT_EQ(touch.touchEventDeregister(&sameId), 1);
-    EXPECT_EQ(peer.registeredIds(), (std::vector<int>{1, 4}));
-
-    // Unknown ids are accepted and change nothing; a freed id can be registered again.
-    EXPECT_EQ(touch.touchEventDeregister(owned[1].get()), 1);
-    EXPECT_EQ(peer.registeredIds(), (std::vector<int>{1, 4}));
-    Registration again(touch.touchEventRegister(recordTouch, &client, 2), free);
+    EXPECT_EQ(touch.touchEventDeregister(owned[1].get()), 1) << "an unknown id is accepted";
+    Registration again(touch.touchEventRegister(recordTouch, &a, 2), free);
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(peer.registeredIds(), (std::vector<int>{1, 4, 2}));
 }
 
-TEST(TouchEvent, Notify_SummaryIsTakenBeforeTheChange) {
+// Each notify call, and the enabled summary it leaves (taken over the flags before the call's own
+// change; a null entry resets it), whether the listener was woken, and the two flags.
+TEST(TouchEvent, NotifyTakesTheSummaryBeforeItsChangeAndOnlyEnablingWakes) {
     TouchEvent touch{android::base::unique_fd()};
+    TouchEventTestPeer peer(touch);
     CallLog log;
     Client client{&log, "A"};
     Registration a(touch.touchEventRegister(recordTouch, &client, 1), free);
     Registration b(touch.touchEventRegister(recordTouch, &client, 2), free);
-    ASSERT_NE(a, nullptr);
-    ASSERT_NE(b, nullptr);
-    TouchEventTestPeer peer(touch);
-
-    // Disabling and a null entry never wake.
-    touch.touchEventNotify(a.get(), false);
-    touch.touchEventNotify(nullptr, false);
-    EXPECT_FALSE(peer.woken());
-
-    touch.touchEventNotify(a.get(), true);
-    EXPECT_EQ(a->enabled, 1);
-    EXPECT_EQ(peer.enabledSummary(), 0);
-    EXPECT_TRUE(peer.woken());
-
-    touch.touchEventNotify(b.get(), true);
-    EXPECT_EQ(peer.enabledSummary(), 1);
-    touch.touchEventNotify(a.get(), false);
-    touch.touchEventNotify(b.get(), false);
-    EXPECT_EQ(peer.enabledSummary(), 1);
-    EXPECT_EQ(a->enabled, 0);
-    EXPECT_EQ(b->enabled, 0);
-    touch.touchEventNotify(b.get(), false);
-    EXPECT_EQ(peer.enabledSummary(), 0);
-    // A null entry resets the summary and changes no flag.
-    touch.touchEventNotify(a.get(), true);
-    touch.touchEventNotify(b.get(), true);
-    EXPECT_EQ(peer.enabledSummary(), 1);
-    touch.touchEventNotify(nullptr, false);
-    EXPECT_EQ(peer.enabledSummary(), 0);
-    EXPECT_EQ(a->enabled, 1);
-    EXPECT_EQ(b->enabled, 1);
-}
-
-TEST(TouchEvent, NotifyWithNullEntryWakes) {
-    TouchEvent touch{android::base::unique_fd()};
-    touch.touchEventNotify(nullptr, true);
-    EXPECT_TRUE(TouchEventTestPeer(touch).woken());
-}
-
-TEST(TouchEvent, TouchNotifyWakes) {
-    TouchEvent touch{android::base::unique_fd()};
-    TouchEventTestPeer peer(touch);
-    EXPECT_FALSE(peer.woken());
-    touch.touchNotify();
-    EXPECT_TRUE(peer.woken());
+    ASSERT_TRUE(a && b);
+    const struct {
+        Touchevent_s* entry;
+        bool enable;
+        int summary;
+        bool woken;
+        int aEnabled;
+        int bEnabled;
+    } steps[] = {
+            {a.get(), false, 0, false, 0, 0}, {nullptr, false, 0, false, 0, 0},
+            {a.get(), true, 0, true, 1, 0},   {b.get(), true, 1, true, 1, 1},
+            {a.get(), false, 1, true, 0, 1},  {b.get(), false, 1, true, 0, 0},
+            {b.get(), false, 0, true, 0, 0},  {a.get(), true, 0, true, 1, 0},
+            {b.get(), true, 1, true, 1, 1},   {nullptr, false, 0, true, 1, 1},
+    };
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        touch.touchEventNotify(steps[i].entry, steps[i].enable);
+        EXPECT_EQ(peer.enabledSummary(), steps[i].summary) << "step " << i;
+        EXPECT_EQ(peer.woken(), steps[i].woken) << "step " << i;
+        EXPECT_EQ(a->enabled, steps[i].aEnabled) << "step " << i;
+        EXPECT_EQ(b->enabled, steps[i].bEnabled) << "step " << i;
+    }
+    TouchEvent other{android::base::unique_fd()};
+    other.touchEventNotify(nullptr, true);
+    EXPECT_TRUE(TouchEventTestPeer(other).woken());
 }
 
 // ---- The listener thread ----
 
-TEST_F(TouchListener, DownAndUpReachEnabledRegistrationsInOrder) {
+// Records written to the device, and the calls that reach clients A (enabled, id 10), B
+// (registered, never enabled, id 20) and C (enabled, id 30): only a tracking-id record of EV_ABS
+// is a touch, -1 ending the contact; a short record is skipped.
+struct RecordCase {
+    const char* name;
+    std::vector<input_event> records;
+    std::vector<std::string> calls;
+};
+
+input_event record(uint16_t type, uint16_t code, int32_t value) {
+    input_event event = {};
+    event.type = type;
+    event.code = code;
+    event.value = value;
+    return event;
+}
+
+class TouchRecords : public TouchListener, public ::testing::WithParamInterface<RecordCase> {};
+
+TEST_P(TouchRecords, ReachTheEnabledRegistrationsInOrder) {
     Touchevent_s* a = add("A", 10);
     Touchevent_s* b = add("B", 20);
     Touchevent_s* c = add("C", 30);
     ASSERT_TRUE(a && b && c);
     touch->touchEventNotify(c, true);
     touch->touchEventNotify(a, true);
-    device.down(0);  // tracking ids start at 0: still a new contact
-    device.up();
-    device.down(7);
-    ASSERT_TRUE(calls.waitForCount(6));
-    EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "C1", "A2", "C2", "A1", "C1"}));
-}
-
-TEST_F(TouchListener, OtherEventsCallNothing) {
-    Touchevent_s* a = add("A", 1);
-    ASSERT_NE(a, nullptr);
-    touch->touchEventNotify(a, true);
-    device.send(EV_ABS, ABS_MT_POSITION_X, 540);
-    device.send(EV_ABS, ABS_MT_POSITION_Y, 1200);
-    device.send(EV_ABS, ABS_MT_PRESSURE, 40);
-    device.send(EV_ABS, ABS_MT_SLOT, -1);
-    device.send(EV_KEY, BTN_TOUCH, 1);
-    device.send(EV_KEY, ABS_MT_TRACKING_ID, -1);  // the code of a contact, but not EV_ABS
-    device.send(EV_SYN, SYN_REPORT, 0);
-    device.up();  // marks the end: everything before it has been read
-    ASSERT_TRUE(calls.waitForCount(1));
-    EXPECT_EQ(calls.calls(), std::vector<std::string>{"A2"});
-}
-
-TEST_F(TouchListener, ShortRecordIsSkipped) {
-    Touchevent_s* a = add("A", 1);
-    ASSERT_NE(a, nullptr);
-    touch->touchEventNotify(a, true);
-    input_event event = {};
-    event.type = EV_ABS;
-    event.code = ABS_MT_TRACKING_ID;
-    event.value = 3;
-    device.sendBytes(&event, sizeof(event) - 4);
+    input_event shortRecord = record(EV_ABS, ABS_MT_TRACKING_ID, 3);
+    device.sendBytes(&shortRecord, sizeof(shortRecord) - 4);
     ASSERT_TRUE(waitUntil([&] { return device.pending() == 0; }));
-    device.down();
-    ASSERT_TRUE(calls.waitForCount(1));
-    EXPECT_EQ(calls.calls(), std::vector<std::string>{"A1"});
+    for (const input_event& event : GetParam().records)
+        device.send(event.type, event.code, event.value);
+    device.up();  // marks the end: everything before it has been read
+    const std::vector<std::string>& expected = GetParam().calls;
+    ASSERT_TRUE(calls.waitForCount(expected.size()));
+    EXPECT_EQ(calls.calls(), expected);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+        Records, TouchRecords,
+        ::testing::Values(RecordCase{"DownAndUp",
+                                     {record(EV_ABS, ABS_MT_TRACKING_ID, 0),
+                                      record(EV_ABS, ABS_MT_TRACKING_ID, -1),
+                                      record(EV_ABS, ABS_MT_TRACKING_ID, 7)},
+                                     {"A1", "C1", "A2", "C2", "A1", "C1", "A2", "C2"}},
+                          RecordCase{"OtherEventsCallNothing",
+                                     {record(EV_ABS, ABS_MT_POSITION_X, 540),
+                                      record(EV_ABS, ABS_MT_PRESSURE, 40),
+                                      record(EV_ABS, ABS_MT_SLOT, -1), record(EV_KEY, BTN_TOUCH, 1),
+                                      record(EV_KEY, ABS_MT_TRACKING_ID, -1),
+                                      record(EV_SYN, SYN_REPORT, 0)},
+                                     {"A2", "C2"}}),
+        [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(TouchListener, DeregistrationKeepsTheOrderOfOthers) {
     Touchevent_s* a = add("A", 1);
