@@ -107,7 +107,7 @@ store-first-row-wins @@ feature/StateStore.cpp @@         result = rows[i]->blob
 store-write-stays-cached @@ feature/StateStore.cpp @@     mPmDatabase->writeCachedDRToDisk();\n @@ 
 props-not-saved @@ feature/PropertyApplier.cpp @@         mStore.pmDbWrite(name, old[0]); @@ 
 props-unset-saved-as-empty @@ feature/PropertyApplier.cpp @@ result = property_get(name.c_str(), old, "0"); @@ result = property_get(name.c_str(), old, "");
-props-split-on-space-too @@ feature/PropertyApplier.cpp @@ strtok_r(copy.data(), ",", &rest) @@ strtok_r(copy.data(), ", ", &rest)
+props-split-on-space-too @@ feature/PropertyApplier.cpp @@ strtok_r(nullptr, ",", &rest) @@ strtok_r(nullptr, ", ", &rest)
 # --- Timer service
 timer-period-in-microseconds @@ platform/Timer.cpp @@ spec.it_value.tv_sec * 1000) * 1000000L; @@ spec.it_value.tv_sec * 1000) * 1000L;
 timer-single-in-milliseconds @@ platform/Timer.cpp @@ spec.it_value.tv_sec * 1000) * 1000L; @@ spec.it_value.tv_sec * 1000) * 1000000L;
@@ -134,7 +134,7 @@ usb-debug-property-inverted @@ platform/DisplayProbes.cpp @@ attached = atoi(val
 external-display-not-first @@ platform/DisplayProbes.cpp @@ if (isDisplayConnected() != 0) return 0; @@ 
 display-stream-not-rewound @@ platform/DisplayProbes.cpp @@         stream.seekg(0);\n        if (line == "enabled") { @@         if (line == "enabled") {
 panel-fps-scale @@ platform/DisplayProbes.cpp @@ static_cast<float>(1000000000 / vsyncPeriodNs) @@ static_cast<float>(1000000 / vsyncPeriodNs)
-fps-frames-from-first-field @@ platform/DisplayProbes.cpp @@ strtoul(line.c_str() + last + 1, nullptr, 10) @@ strtoul(line.c_str() + first + 1, nullptr, 10)
+fps-frames-skip-a-digit @@ platform/DisplayProbes.cpp @@ strtoul(line.c_str() + last + 1, nullptr, 10) @@ strtoul(line.c_str() + last + 2, nullptr, 10)
 helper-debug-property-ignored @@ platform/PowerHelper.cpp @@ if (property_get_bool("vendor.debug.trace.power", false)) debugEnabled = 1; @@ 
 helper-zero-duration-hint-refused @@ platform/PowerHelper.cpp @@ if (duration < 0 || perflock_hint == nullptr) return 0; @@ if (duration <= 0 || perflock_hint == nullptr) return 0;
 classifier-wrong-request @@ platform/PowerOptClassifier.cpp @@ return getFeedback(kAppTypeRequest, app.c_str()); @@ return getFeedback(kAppTypeRequest + 1, app.c_str());

@@ -417,15 +417,18 @@ TEST_F(EventDispatch, BatteryWatch_WithoutTheBatteryTimerAnEligibleStartLogs) {
 // --- Usable power mode hints: the word's type (bits 0-6) and action (bits 7-14).
 
 TEST_F(EventDispatch, Hint_AConfiguredPsmStateOwnsTheMode) {
-    build(Config::NoGpu, "2");
-    for (uint32_t type : {0x80u, 0x81u, 0x82u, 0x83u, 0x01u}) {
-        feature->sendEvents(event(codes::kUsablePowerModeHint, kGame, type));
+    for (const char* psmState : {"1", "2", "3", "-1"}) {
+        build(Config::NoGpu, psmState);
+        for (uint32_t type : {0x80u, 0x81u, 0x82u, 0x83u, 0x01u}) {
+            feature->sendEvents(event(codes::kUsablePowerModeHint, kGame, type));
+        }
+        EXPECT_EQ(log.messages(),
+                  std::vector<std::string>(
+                          5, line(site::kXmlOwnsMode, "Control PSM mode swiching by XML.")))
+                << psmState;
+        EXPECT_EQ(peer->psmMode(), std::stoi(psmState));
+        EXPECT_THAT(fakeperf::calls(), IsEmpty());
     }
-    EXPECT_EQ(log.messages(),
-              std::vector<std::string>(
-                      5, line(site::kXmlOwnsMode, "Control PSM mode swiching by XML.")));
-    EXPECT_EQ(peer->psmMode(), 2);
-    EXPECT_THAT(fakeperf::calls(), IsEmpty());
 }
 
 TEST_F(EventDispatch, Hint_TypesSwitchModeAndOnlyLightModeHoldsALock) {

@@ -50,7 +50,7 @@ TEST(PowerHelper, Release_SkipsMinusOne) {
     EXPECT_EQ(calls[0].handle, 0);
 }
 
-TEST(PowerHelper, Hint_PassesResultBackAndRefusesNegativeDuration) {
+TEST(PowerHelper, Hint_PassesResultBackAndRefusesOnlyANegativeDuration) {
     fakeperf::reset();
     PowerHelper helper;
     char app[] = "com.example.game";
@@ -58,13 +58,13 @@ TEST(PowerHelper, Hint_PassesResultBackAndRefusesNegativeDuration) {
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
 
     fakeperf::setAcquireFailure(true, -9);  // the fake answers hints like acquisitions
-    EXPECT_EQ(helper.perfhintEnable(0x1081, app, 30, 2), -9);
+    EXPECT_EQ(helper.perfhintEnable(0x1081, app, 0, 2), -9) << "a zero duration is passed on";
     const auto calls = fakeperf::calls();
     ASSERT_EQ(calls.size(), 1u);
     EXPECT_EQ(calls[0].kind, CallKind::Hint);
     EXPECT_EQ(calls[0].hintId, 0x1081);
     EXPECT_EQ(calls[0].app, "com.example.game");
-    EXPECT_EQ(calls[0].duration, 30);
+    EXPECT_EQ(calls[0].duration, 0);
     EXPECT_EQ(calls[0].hintType, 2);
 }
 
