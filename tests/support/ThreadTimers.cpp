@@ -1,7 +1,8 @@
-// POSIX timers for test programs, on std::thread (see ThreadTimers.h for why and what is kept).
+// POSIX timers for test programs (see ThreadTimers.h for why and what is kept).
 //
-// One scheduler thread per process sleeps until the earliest armed expiry and starts a detached
-// thread for each expiry that is due, as the C library's helper thread does for SIGEV_THREAD.
+// In real time one scheduler thread per process sleeps until the earliest armed expiry and starts
+// a detached thread for each expiry that is due, as the C library's helper thread does for
+// SIGEV_THREAD. In virtual time the scheduler waits and advance() delivers the expiries.
 
 #include "tests/support/ThreadTimers.h"
 #include "tests/support/TimerSyscalls.h"
@@ -12,7 +13,6 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <climits>
 #include <condition_variable>
 #include <deque>
 #include <memory>
@@ -32,22 +32,16 @@ using Notify = void (*)(sigval);
 constexpr long kNanosPerSecond = 1000000000L;
 
 struct ThreadTimer {
-    clockid_t clock;
     Notify notify;
     sigval value;
     bool armed = false;
     Clock::time_point due;
     Clock::duration period = Clock::duration::zero();
-    int overrun = 0;        // expiries skipped before the last one delivered
     uint64_t expiries = 0;  // expiries handed to the notify function
 };
 
 bool validTime(const timespec& t) {
     return t.tv_sec >= 0 && t.tv_nsec >= 0 && t.tv_nsec < kNanosPerSecond;
-}
-
-bool isZero(const timespec& t) {
-    return t.tv_sec == 0 && t.tv_nsec == 0;
 }
 
 Clock::duration toDuration(const timespec& t) {
@@ -57,15 +51,8 @@ Clock::duration toDuration(const timespec& t) {
 
 timespec toTimespec(Clock::duration d) {
     const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(d).count();
-    timespec t{};
-    t.tv_sec = static_cast<time_t>(ns / kNanosPerSecond);
-    t.tv_nsec = static_cast<long>(ns % kNanosPerSecond);
-    return t;
-}
-
-// Clocks whose timers this file runs: for all of them a relative time is a plain duration.
-bool ownClock(clockid_t clock) {
-    return clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC || clock == CLOCK_BOOTTIME;
+    return timespec{static_cast<time_t>(ns / kNanosPerSecond),
+                    static_cast<long>(ns % kNanosPerSecond)};
 }
 
 int fail(int error) {
@@ -86,9 +73,8 @@ class TimerService {
         return *service;
     }
 
-    int create(clockid_t clock, const sigevent& event, timer_t* id) {
+    int create(const sigevent& event, timer_t* id) {
         auto timer = std::make_unique<ThreadTimer>();
-        timer->clock = clock;
         timer->notify = event.sigev_notify_function;
         timer->value = event.sigev_value;
         std::lock_guard<std::mutex> lock(mMutex);
@@ -111,29 +97,17 @@ class TimerService {
         return find(id) != nullptr;
     }
 
-    int settime(timer_t id, int flags, const itimerspec& spec, itimerspec* old) {
+    int settime(timer_t id, const itimerspec& spec, itimerspec* old) {
         std::lock_guard<std::mutex> lock(mMutex);
         ThreadTimer* timer = find(id);
         if (timer == nullptr) return fail(EINVAL);
         if (old != nullptr) *old = current(*timer);
-        timer->overrun = 0;
-        if (isZero(spec.it_value)) {
+        if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) {
             timer->armed = false;
             return 0;
         }
-        Clock::duration delay = toDuration(spec.it_value);
-        if ((flags & TIMER_ABSTIME) != 0) {
-            timespec now{};
-            clock_gettime(timer->clock, &now);
-            const auto absolute = std::chrono::seconds(spec.it_value.tv_sec) +
-                                  std::chrono::nanoseconds(spec.it_value.tv_nsec);
-            const auto sinceEpoch =
-                    std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
-            delay = std::max(Clock::duration::zero(),
-                             std::chrono::duration_cast<Clock::duration>(absolute - sinceEpoch));
-        }
-        timer->due = now() + delay;
-        timer->period = toDuration(spec.it_interval);
+        timer->due = now() + scaled(toDuration(spec.it_value));
+        timer->period = scaled(toDuration(spec.it_interval));
         timer->armed = true;
         mWake.notify_one();
         return 0;
@@ -147,17 +121,9 @@ class TimerService {
         return 0;
     }
 
-    int getoverrun(timer_t id) {
-        std::lock_guard<std::mutex> lock(mMutex);
-        ThreadTimer* timer = find(id);
-        if (timer == nullptr) return fail(EINVAL);
-        return timer->overrun;
-    }
-
     int remove(timer_t id) {
         std::lock_guard<std::mutex> lock(mMutex);
-        if (mTimers.erase(reinterpret_cast<ThreadTimer*>(id)) == 0) return fail(EINVAL);
-        return 0;
+        return mTimers.erase(reinterpret_cast<ThreadTimer*>(id)) == 0 ? fail(EINVAL) : 0;
     }
 
     uint64_t expiries(timer_t id) {
@@ -166,16 +132,11 @@ class TimerService {
         return timer != nullptr ? timer->expiries : 0;
     }
 
-    int liveCount() {
+    int count(bool armedOnly) {
         std::lock_guard<std::mutex> lock(mMutex);
-        return static_cast<int>(mTimers.size());
-    }
-
-    int armedCount() {
-        std::lock_guard<std::mutex> lock(mMutex);
-        int n = 0;
-        for (const auto& entry : mTimers) n += entry.second->armed ? 1 : 0;
-        return n;
+        return static_cast<int>(std::count_if(mTimers.begin(), mTimers.end(), [&](const auto& e) {
+            return !armedOnly || e.second->armed;
+        }));
     }
 
     bool waitIdle(std::chrono::milliseconds timeout) {
@@ -183,19 +144,22 @@ class TimerService {
         return mIdle.wait_for(lock, timeout, [this] { return mRunning == 0; });
     }
 
-    // Virtual time: timers stop following the clock and expire only in advance().
     void setVirtual(bool on) {
         std::lock_guard<std::mutex> lock(mMutex);
-        const Clock::time_point real = Clock::now();
         if (on == mVirtual) return;
+        const Clock::time_point real = Clock::now();
         // Armed timers keep the time they had left.
         for (auto& entry : mTimers) {
-            ThreadTimer& timer = *entry.second;
-            timer.due = on ? timer.due : real + (timer.due - mVirtualNow);
+            if (!on) entry.second->due = real + (entry.second->due - mVirtualNow);
         }
         mVirtualNow = real;
         mVirtual = on;
         mWake.notify_one();
+    }
+
+    void setScale(int divisor) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mScale = divisor;
     }
 
     // Delivers, on the calling thread and in due order, every expiry up to `by` from now.
@@ -213,18 +177,10 @@ class TimerService {
             }
             if (next == nullptr) break;
             mVirtualNow = std::max(mVirtualNow, next->due);
-            ++next->expiries;
-            next->overrun = 0;
-            if (next->period > Clock::duration::zero()) {
-                next->due += next->period;
-            } else {
-                next->armed = false;
-            }
-            const Notify notify = next->notify;
-            const sigval value = next->value;
+            const std::pair<Notify, sigval> call = expire(*next, mVirtualNow);
             ++mRunning;
             lock.unlock();
-            if (notify != nullptr) notify(value);
+            if (call.first != nullptr) call.first(call.second);
             lock.lock();
             if (--mRunning == 0) mIdle.notify_all();
         }
@@ -236,23 +192,27 @@ class TimerService {
         // A child of fork has none of its parent's timers and none of its threads. The mutex is
         // held across fork so that the child's copy is in a known (unlocked) state.
         pthread_atfork([] { instance().mMutex.lock(); }, [] { instance().mMutex.unlock(); },
-                       [] { instance().resetInChild(); });
+                       [] {
+                           TimerService& s = instance();
+                           s.mTimers.clear();
+                           s.mRunning = 0;
+                           s.mSchedulerStarted = false;
+                           s.mMutex.unlock();
+                       });
     }
 
-    void resetInChild() {
-        mTimers.clear();
-        mRunning = 0;
-        mSchedulerStarted = false;
-        mMutex.unlock();
-    }
-
-    // Caller holds mMutex.
+    // Caller holds mMutex for all of these.
     ThreadTimer* find(timer_t id) {
         auto it = mTimers.find(reinterpret_cast<ThreadTimer*>(id));
         return it != mTimers.end() ? it->second.get() : nullptr;
     }
-
-    // Caller holds mMutex.
+    Clock::time_point now() const { return mVirtual ? mVirtualNow : Clock::now(); }
+    // Durations of 100 ms and more run `mScale` times faster, never below 2 ms.
+    Clock::duration scaled(Clock::duration d) const {
+        constexpr auto kLong = std::chrono::milliseconds(100);
+        if (mScale <= 1 || d < kLong) return d;
+        return std::max<Clock::duration>(d / mScale, std::chrono::milliseconds(2));
+    }
     itimerspec current(const ThreadTimer& timer) const {
         itimerspec spec{};
         if (!timer.armed) return spec;
@@ -262,9 +222,16 @@ class TimerService {
         spec.it_interval = toTimespec(timer.period);
         return spec;
     }
-
-    // Caller holds mMutex.
-    Clock::time_point now() const { return mVirtual ? mVirtualNow : Clock::now(); }
+    // Counts one expiry at `at` and sets the next (a late timer skips what it missed).
+    static std::pair<Notify, sigval> expire(ThreadTimer& timer, Clock::time_point at) {
+        ++timer.expiries;
+        if (timer.period > Clock::duration::zero()) {
+            timer.due += ((at - timer.due) / timer.period + 1) * timer.period;
+        } else {
+            timer.armed = false;
+        }
+        return {timer.notify, timer.value};
+    }
 
     void run() {
         std::unique_lock<std::mutex> lock(mMutex);
@@ -278,20 +245,7 @@ class TimerService {
             std::vector<std::pair<Notify, sigval>> due;
             for (auto& entry : mTimers) {
                 ThreadTimer& timer = *entry.second;
-                if (!timer.armed) continue;
-                if (timer.due <= now) {
-                    due.emplace_back(timer.notify, timer.value);
-                    ++timer.expiries;
-                    if (timer.period > Clock::duration::zero()) {
-                        // A late timer delivers once and counts what it skipped.
-                        const auto missed = (now - timer.due) / timer.period;
-                        timer.overrun = static_cast<int>(std::min<int64_t>(missed, INT_MAX));
-                        timer.due += (missed + 1) * timer.period;
-                    } else {
-                        timer.overrun = 0;
-                        timer.armed = false;
-                    }
-                }
+                if (timer.armed && timer.due <= now) due.push_back(expire(timer, now));
                 if (timer.armed) next = std::min(next, timer.due);
             }
             if (!due.empty()) {
@@ -323,8 +277,7 @@ class TimerService {
 
     void finished() {
         std::lock_guard<std::mutex> lock(mMutex);
-        --mRunning;
-        if (mRunning == 0) mIdle.notify_all();
+        if (--mRunning == 0) mIdle.notify_all();
     }
 
     std::mutex mMutex;
@@ -336,65 +289,11 @@ class TimerService {
     bool mSchedulerStarted = false;
     bool mVirtual = false;
     Clock::time_point mVirtualNow;
+    int mScale = 1;
 };
 
-// The timer calls, each answered by this file's timers or, for any other timer, by the C
-// library's.
-
-int createTimer(clockid_t clock, sigevent* event, timer_t* id) {
-    if (event == nullptr || event->sigev_notify != SIGEV_THREAD || !ownClock(clock)) {
-        static const auto libc =
-                libcFunction<int (*)(clockid_t, sigevent*, timer_t*)>("timer_create");
-        return libc != nullptr ? libc(clock, event, id) : fail(ENOSYS);
-    }
-    if (id == nullptr) return fail(EINVAL);
-    try {
-        return TimerService::instance().create(clock, *event, id);
-    } catch (const std::bad_alloc&) {
-        return fail(EAGAIN);
-    }
-}
-
-int setTimer(timer_t id, int flags, const itimerspec* spec, itimerspec* old) {
-    if (!TimerService::instance().owns(id)) {
-        static const auto libc =
-                libcFunction<int (*)(timer_t, int, const itimerspec*, itimerspec*)>(
-                        "timer_settime");
-        return libc != nullptr ? libc(id, flags, spec, old) : fail(ENOSYS);
-    }
-    if (spec == nullptr) return fail(EFAULT);
-    if (!validTime(spec->it_value) || !validTime(spec->it_interval)) return fail(EINVAL);
-    return TimerService::instance().settime(id, flags, *spec, old);
-}
-
-int getTimer(timer_t id, itimerspec* out) {
-    if (!TimerService::instance().owns(id)) {
-        static const auto libc = libcFunction<int (*)(timer_t, itimerspec*)>("timer_gettime");
-        return libc != nullptr ? libc(id, out) : fail(ENOSYS);
-    }
-    if (out == nullptr) return fail(EFAULT);
-    return TimerService::instance().gettime(id, out);
-}
-
-int overrunOf(timer_t id) {
-    if (!TimerService::instance().owns(id)) {
-        static const auto libc = libcFunction<int (*)(timer_t)>("timer_getoverrun");
-        return libc != nullptr ? libc(id) : fail(ENOSYS);
-    }
-    return TimerService::instance().getoverrun(id);
-}
-
-int deleteTimer(timer_t id) {
-    if (!TimerService::instance().owns(id)) {
-        static const auto libc = libcFunction<int (*)(timer_t)>("timer_delete");
-        return libc != nullptr ? libc(id) : fail(ENOSYS);
-    }
-    return TimerService::instance().remove(id);
-}
-
-// What pwr::test::TimerSyscalls reads back: the creations, arming calls and deletions made, the
-// latest kMaxRecorded of each, so that a long test (a stress run arms timers millions of times)
-// does not grow without bound.
+// What pwr::test::TimerSyscalls reads back: the latest kMaxRecorded creations, arming calls and
+// deletions, so that a long test (a stress run arms timers millions of times) stays bounded.
 constexpr size_t kMaxRecorded = 1 << 16;
 
 struct CallRecord {
@@ -405,9 +304,15 @@ struct CallRecord {
     std::deque<pwr::test::SettimeCall> settimes;
 
     template <typename T>
-    static void add(std::deque<T>& list, const T& entry) {
+    void add(std::deque<T>& list, const T& entry) {
+        std::lock_guard<std::mutex> lock(mutex);
         if (list.size() == kMaxRecorded) list.pop_front();
         list.push_back(entry);
+    }
+    template <typename T>
+    std::vector<T> get(const std::deque<T>& list) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return {list.begin(), list.end()};
     }
 };
 
@@ -418,15 +323,28 @@ CallRecord& callRecord() {
 
 }  // namespace
 
-// The C entry points: the call, then its record.
+// The C entry points: SIGEV_THREAD timers on the clocks the plug-in may use are answered here,
+// anything else by the C library. Arming takes relative times only (flags 0), as the plug-in's
+// timer service arms them.
 
 extern "C" __attribute__((visibility("default"))) int timer_create(clockid_t clock, sigevent* event,
                                                                    timer_t* id) noexcept {
-    const int result = createTimer(clock, event, id);
-    if (result == 0) {
-        std::lock_guard<std::mutex> lock(callRecord().mutex);
-        CallRecord::add(callRecord().created, *id);
+    int result;
+    if (event == nullptr || event->sigev_notify != SIGEV_THREAD ||
+        (clock != CLOCK_REALTIME && clock != CLOCK_MONOTONIC && clock != CLOCK_BOOTTIME)) {
+        static const auto libc =
+                libcFunction<int (*)(clockid_t, sigevent*, timer_t*)>("timer_create");
+        result = libc != nullptr ? libc(clock, event, id) : fail(ENOSYS);
+    } else if (id == nullptr) {
+        result = fail(EINVAL);
+    } else {
+        try {
+            result = TimerService::instance().create(*event, id);
+        } catch (const std::bad_alloc&) {
+            result = fail(EAGAIN);
+        }
     }
+    if (result == 0) callRecord().add(callRecord().created, *id);
     return result;
 }
 
@@ -434,33 +352,43 @@ extern "C" __attribute__((visibility("default"))) int timer_settime(timer_t id, 
                                                                     const itimerspec* spec,
                                                                     itimerspec* old) noexcept {
     const int saved = errno;
-    const int result = setTimer(id, flags, spec, old);
-    const int error = result == 0 ? saved : errno;
-    {
-        std::lock_guard<std::mutex> lock(callRecord().mutex);
-        CallRecord::add(
-                callRecord().settimes,
-                pwr::test::SettimeCall{id, flags, spec != nullptr ? *spec : itimerspec{}, result});
+    int result;
+    if (!TimerService::instance().owns(id)) {
+        static const auto libc =
+                libcFunction<int (*)(timer_t, int, const itimerspec*, itimerspec*)>(
+                        "timer_settime");
+        result = libc != nullptr ? libc(id, flags, spec, old) : fail(ENOSYS);
+    } else if (spec == nullptr) {
+        result = fail(EFAULT);
+    } else if (flags != 0 || !validTime(spec->it_value) || !validTime(spec->it_interval)) {
+        result = fail(EINVAL);
+    } else {
+        result = TimerService::instance().settime(id, *spec, old);
     }
+    const int error = result == 0 ? saved : errno;
+    callRecord().add(
+            callRecord().settimes,
+            pwr::test::SettimeCall{id, flags, spec != nullptr ? *spec : itimerspec{}, result});
     errno = error;
     return result;
 }
 
 extern "C" __attribute__((visibility("default"))) int timer_gettime(timer_t id,
                                                                     itimerspec* out) noexcept {
-    return getTimer(id, out);
-}
-
-extern "C" __attribute__((visibility("default"))) int timer_getoverrun(timer_t id) noexcept {
-    return overrunOf(id);
+    if (!TimerService::instance().owns(id)) {
+        static const auto libc = libcFunction<int (*)(timer_t, itimerspec*)>("timer_gettime");
+        return libc != nullptr ? libc(id, out) : fail(ENOSYS);
+    }
+    return out == nullptr ? fail(EFAULT) : TimerService::instance().gettime(id, out);
 }
 
 extern "C" __attribute__((visibility("default"))) int timer_delete(timer_t id) noexcept {
-    {
-        std::lock_guard<std::mutex> lock(callRecord().mutex);
-        CallRecord::add(callRecord().deleted, id);
+    callRecord().add(callRecord().deleted, id);
+    if (!TimerService::instance().owns(id)) {
+        static const auto libc = libcFunction<int (*)(timer_t)>("timer_delete");
+        return libc != nullptr ? libc(id) : fail(ENOSYS);
     }
-    return deleteTimer(id);
+    return TimerService::instance().remove(id);
 }
 
 namespace pwr::test {
@@ -470,11 +398,11 @@ uint64_t timerExpiries(timer_t timer) {
 }
 
 int liveTimers() {
-    return TimerService::instance().liveCount();
+    return TimerService::instance().count(false);
 }
 
 int armedTimers() {
-    return TimerService::instance().armedCount();
+    return TimerService::instance().count(true);
 }
 
 bool waitForTimerCallbacks(std::chrono::milliseconds timeout) {
@@ -493,26 +421,32 @@ void VirtualTime::advance(std::chrono::milliseconds by) {
     TimerService::instance().advance(by);
 }
 
+ScaledTime::ScaledTime(int divisor) {
+    TimerService::instance().setScale(divisor);
+}
+
+ScaledTime::~ScaledTime() {
+    TimerService::instance().setScale(1);
+}
+
 void TimerSyscalls::reset() {
-    std::lock_guard<std::mutex> lock(callRecord().mutex);
-    callRecord().created.clear();
-    callRecord().deleted.clear();
-    callRecord().settimes.clear();
+    CallRecord& r = callRecord();
+    std::lock_guard<std::mutex> lock(r.mutex);
+    r.created.clear();
+    r.deleted.clear();
+    r.settimes.clear();
 }
 
 std::vector<timer_t> TimerSyscalls::created() {
-    std::lock_guard<std::mutex> lock(callRecord().mutex);
-    return {callRecord().created.begin(), callRecord().created.end()};
+    return callRecord().get(callRecord().created);
 }
 
 std::vector<timer_t> TimerSyscalls::deleted() {
-    std::lock_guard<std::mutex> lock(callRecord().mutex);
-    return {callRecord().deleted.begin(), callRecord().deleted.end()};
+    return callRecord().get(callRecord().deleted);
 }
 
 std::vector<SettimeCall> TimerSyscalls::settimes() {
-    std::lock_guard<std::mutex> lock(callRecord().mutex);
-    return {callRecord().settimes.begin(), callRecord().settimes.end()};
+    return callRecord().get(callRecord().settimes);
 }
 
 std::vector<SettimeCall> TimerSyscalls::settimesOf(timer_t id) {
