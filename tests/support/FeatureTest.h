@@ -26,6 +26,12 @@ inline std::string line(const LogSite& site, const std::string& message) {
     return linePrefix(site) + message;
 }
 
+// Lines for a row of a table (a function call, which keeps a row on as few lines as it needs).
+template <typename... Texts>
+std::vector<std::string> lines(const Texts&... texts) {
+    return {std::string(texts)...};
+}
+
 // The opcode/value lists of every lock acquisition the performance library saw, in order.
 inline std::vector<std::vector<int>> acquiredLists() {
     std::vector<std::vector<int>> lists;
