@@ -2,9 +2,6 @@
 // with SIGKILL at random moments. Whatever the moment, the database must be intact and every
 // property already changed must have its previous first character saved, so that it can be put
 // back after the restart.
-//
-// Property application belongs to PSMPowerOptFeature::applyProp. While that is still the
-// placeholder (it returns -1 even for a full name/value pair), the test is skipped.
 
 #include <poll.h>
 #include <signal.h>
@@ -52,9 +49,8 @@ constexpr char kStoreFile[] = "/data/vendor/pwr/InputPMDB.db";
 constexpr char kUnset[] = "<unset>";
 
 // Child to parent, one byte each.
-constexpr char kReady = 'R';        // about to apply the list
-constexpr char kDone = 'D';         // the list is applied; the child's own timing follows
-constexpr char kPlaceholder = 'P';  // applyProp does not apply anything yet
+constexpr char kReady = 'R';  // about to apply the list
+constexpr char kDone = 'D';   // the list is applied; the child's own timing follows
 
 struct PropertyCase {
     std::string name;
@@ -115,7 +111,6 @@ bool armKillTimer(std::chrono::microseconds delay) {
 // timer `killAfter` into the list (or timed, for a calibration run). Never returns.
 [[noreturn]] void applyInChild(int fd, const std::vector<PropertyCase>& cases,
                                std::optional<std::chrono::microseconds> killAfter) {
-    const bool probe = !killAfter.has_value();
     pwr::test::installNullLogger();
     std::string error;
     auto feature =
@@ -124,14 +119,6 @@ bool armKillTimer(std::chrono::microseconds delay) {
     auto& psm = static_cast<PSMPowerOptFeature&>(*feature);
     psm.pmDbInit();
     if (PSMPowerOptFeatureTestPeer(psm).store().database() == nullptr) _exit(3);
-    if (probe) {
-        std::vector<std::string> pair = {"vendor.pwr.deep.probe", "1"};
-        if (psm.applyProp(pair.data(), static_cast<int>(pair.size()), 0) == -1) {
-            (void)!write(fd, &kPlaceholder, 1);
-            _exit(0);
-        }
-        psm.pmDbRead("vendor.pwr.deep.probe");
-    }
     std::vector<std::string> list;
     for (const PropertyCase& c : cases) {
         list.push_back(c.name);
@@ -150,7 +137,6 @@ bool armKillTimer(std::chrono::microseconds delay) {
 }
 
 struct RunResult {
-    bool placeholder = false;
     bool childFailed = false;
     bool finished = false;  // the list was fully applied before the kill
     std::chrono::microseconds applyTime{0};
@@ -201,10 +187,6 @@ RunResult runOnce(const std::vector<PropertyCase>& cases,
     kill(pid, SIGKILL);
     int status = 0;
     waitpid(pid, &status, 0);
-    if (first == kPlaceholder) {
-        result.placeholder = true;
-        return result;
-    }
     if (first != kReady || !WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL) {
         result.childFailed = true;
         result.faults.push_back("child did not reach the list (status " + std::to_string(status) +
@@ -258,10 +240,6 @@ TEST(PropertyCrash, KilledWhileApplyingDeepModeListLosesNoOldValue) {
 
     // Calibration: one uninterrupted run gives the span over which the kills are spread.
     const RunResult calibration = runOnce(cases, std::nullopt);
-    if (calibration.placeholder) {
-        GTEST_SKIP() << "applyProp is still the placeholder (-1 for a name/value pair); this "
-                        "test runs once property application is in place";
-    }
     ASSERT_TRUE(calibration.faults.empty()) << ::testing::PrintToString(calibration.faults);
     ASSERT_TRUE(calibration.finished);
     ASSERT_EQ(calibration.changed, kProperties);
