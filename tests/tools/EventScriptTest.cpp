@@ -94,12 +94,26 @@ TEST(EventScript, ParseText_ErrorsNameTheLine) {
     EXPECT_EQ(errorOf("10 start a\n5 stop a\n"),
               "ev:2: time 5 ms is before the previous event's 10 ms (line 1); times must not "
               "decrease");
+    EXPECT_EQ(errorOf("10 start a\n9 stop a\n"),
+              "ev:2: time 9 ms is before the previous event's 10 ms (line 1); times must not "
+              "decrease");
     EXPECT_EQ(errorOf("10 end\n20 start a\n"), "ev:2: an event after \"end\" (line 1)");
     EXPECT_EQ(errorOf("0 end now\n"), "ev:1: end takes nothing after it");
     EXPECT_EQ(errorOf("app a\n"), "ev:1: app takes <package> <type>");
     EXPECT_EQ(errorOf("app a game\n"), "ev:1: app type \"game\" is not a number");
     EXPECT_EQ(errorOf("app a 2\n\napp a 3\n"),
               "ev:3: app a is listed twice; the first is on line 1");
+}
+
+// A '#' opens a comment only at the start of a line or after a blank.
+TEST(EventScript, ParseText_AHashInsideAWordIsPartOfIt) {
+    EventScript script;
+    std::string error;
+    ASSERT_TRUE(EventScript::parseText("0 start a#b #c\n1 stop a\t# d\n", "ev", &script, &error))
+            << error;
+    ASSERT_EQ(script.events.size(), 2u);
+    EXPECT_EQ(script.events[0].payload.appName, "a#b");
+    EXPECT_EQ(script.events[1].payload.appName, "a");
 }
 
 TEST(EventScript, ParseFile_NamesAnUnreadableFile) {

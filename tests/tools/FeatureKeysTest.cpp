@@ -197,10 +197,13 @@ TEST(FeatureKeys, Check_ValuesTheMonitorsCannotWorkWith) {
     EXPECT_THAT(keysOf(FeatureKeys::check(info)),
                 ::testing::ElementsAre("DYN_1", "GAME_TIMER", "GPU_SAMPLE_COUNT",
                                        "GPU_Freq_THRESHOLD_LOW"));
+    PowerOptFeatureInfo equal = gpuConfig();
+    equal.configs["GPU_Freq_THRESHOLD_LOW"] = "600";  // the balanced profile covers 600 MHz
+    EXPECT_TRUE(FeatureKeys::check(equal).empty());
 
     PowerOptFeatureInfo deep = deepConfig();
     deep.configs["MAX_SAMPLE_NUM"] = "0";
-    deep.configs["SCALING_DOWN_TASK_LOAD_BOOST"] = "20";
+    deep.configs["SCALING_DOWN_TASK_LOAD_BOOST"] = "0";
     deep.configs["VIDEO_SCALING_UP"] = "0";
     std::vector<std::string> keys;
     for (const KeyProblem& p : FeatureKeys::check(deep)) {
@@ -211,6 +214,19 @@ TEST(FeatureKeys, Check_ValuesTheMonitorsCannotWorkWith) {
     }
     EXPECT_THAT(keys, ::testing::ElementsAre("MAX_SAMPLE_NUM", "SCALING_DOWN_TASK_LOAD_BOOST",
                                              "VIDEO_SCALING_UP"));
+}
+
+// A property name takes at most 91 characters.
+TEST(FeatureKeys, Check_DeepModePropertyNamesMustFit) {
+    for (const size_t length : {91u, 92u}) {
+        PowerOptFeatureInfo info = deepConfig();
+        info.configs["DEEP_PROPS"] = std::string(length, 'p') + ",1";
+        int invalid = 0;
+        for (const KeyProblem& p : FeatureKeys::check(info)) {
+            invalid += p.message.find("not a valid property name") != std::string::npos ? 1 : 0;
+        }
+        EXPECT_EQ(invalid, length == 92u ? 1 : 0) << length;
+    }
 }
 
 }  // namespace
