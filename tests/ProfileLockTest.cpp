@@ -1,198 +1,147 @@
-// Profile application: the plain apply/release pair and the one held profile lock.
+// The one held profile lock, and the plain apply and release of a resource list.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <map>
 #include <thread>
 
-#include "feature/LogSites.h"
-#include "feature/PSMPowerOptFeature.h"
-#include "host/fakeperf/FakePerf.h"
-#include "tests/support/FeaturePeer.h"
-#include "tests/support/FeatureSetup.h"
-#include "tests/support/LogCapture.h"
-#include "tests/support/TestConfig.h"
+#include "tests/support/FeatureTest.h"
 
 namespace {
 
 using fakeperf::CallKind;
-using pwr::test::LogCapture;
+using pwr::test::line;
+using pwr::test::lines;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+namespace site = pwr::site;
 
-const std::string kTrying =
-        pwr::linePrefix(pwr::site::kTryingProfileLock) + "Trying to applyProfileLock.";
+const std::string kTrying = line(site::kTryingProfileLock, "Trying to applyProfileLock.");
+std::string size(int n) {
+    return line(site::kProfileSize, "Profile size " + std::to_string(n));
+}
+std::string arraySize(int n) {
+    return line(site::kProfileArraySize, " Array size " + std::to_string(n));
+}
 
-class ProfileLockTest : public ::testing::Test {
+class ProfileLockTest : public pwr::test::FeatureTest {
   protected:
     void SetUp() override {
-        fakeperf::reset();
         feature = pwr::test::createFeature(pwr::test::minimalConfig());
-        peer = std::make_unique<PSMPowerOptFeatureTestPeer>(*feature);
+        log.clear();
     }
+    int held() { return PSMPowerOptFeatureTestPeer(*feature).profileLock().held(); }
 
     std::unique_ptr<PSMPowerOptFeature> feature;
-    std::unique_ptr<PSMPowerOptFeatureTestPeer> peer;
 };
 
-TEST_F(ProfileLockTest, Apply_TakesFirstListOnlyForever) {
-    Profile profile{{1, 2, 3, 4}, {5, 6}, {7, 8}};
-    LogCapture log;
-    feature->applyProfileLock(profile);
-    EXPECT_THAT(log.messages(),
-                ElementsAre(kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 3",
-                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 4"));
-    const auto calls = fakeperf::calls();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].kind, CallKind::LockAcquire);
-    EXPECT_EQ(calls[0].handle, 0);
-    EXPECT_EQ(calls[0].duration, INT_MAX);
-    EXPECT_EQ(calls[0].list, (std::vector<int>{1, 2, 3, 4}));
-    EXPECT_EQ(peer->profileLock().held(), calls[0].result);
-}
-
-TEST_F(ProfileLockTest, Apply_TwiceTakesOneLock) {
-    Profile first{{1, 2}};
-    Profile second{{3, 4}};
-    feature->applyProfileLock(first);
-    const int handle = peer->profileLock().held();
-    LogCapture log;
-    feature->applyProfileLock(second);
-    EXPECT_THAT(log.messages(), ElementsAre(kTrying));
-    EXPECT_EQ(peer->profileLock().held(), handle);
-    EXPECT_EQ(fakeperf::heldLocks(), (std::map<int, std::vector<int>>{{handle, {1, 2}}}));
-}
-
-TEST_F(ProfileLockTest, Apply_EmptyProfileOrEmptyFirstListTakesNothing) {
-    Profile none;
-    Profile emptyFirst{{}, {1, 2}};
-    LogCapture log;
-    feature->applyProfileLock(none);
-    feature->applyProfileLock(emptyFirst);
-    EXPECT_EQ(feature->readAndApplyProfile(emptyFirst, 100), -1);
-    EXPECT_THAT(log.messages(),
-                ElementsAre(kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 0",
-                            kTrying, pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 2",
-                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 0",
-                            pwr::linePrefix(pwr::site::kProfileSize) + "Profile size 2",
-                            pwr::linePrefix(pwr::site::kProfileArraySize) + " Array size 0"));
-    EXPECT_EQ(peer->profileLock().held(), -1);
-    EXPECT_THAT(fakeperf::calls(), IsEmpty());
-}
-
-TEST_F(ProfileLockTest, Apply_RefusedLockLoggedAndRetriedNextTime) {
-    Profile profile{{1, 2}};
-    fakeperf::setAcquireFailure(true, 0);
-    LogCapture log;
-    feature->applyProfileLock(profile);
-    EXPECT_TRUE(log.contains(pwr::linePrefix(pwr::site::kProfileApplyFailed) +
-                             "Failed to apply resource, handle = 0"));
-    EXPECT_EQ(peer->profileLock().held(), -1);
-
-    fakeperf::setAcquireFailure(false);
-    feature->applyProfileLock(profile);
-    EXPECT_GE(peer->profileLock().held(), 1);
-}
-
-TEST_F(ProfileLockTest, Release_GivesBackHeldLockOnce) {
-    Profile profile{{1, 2}};
-    feature->applyProfileLock(profile);
-    const int handle = peer->profileLock().held();
-    LogCapture log;
+// Profiles applied in turn: only the first list of a profile is acquired, for ever, and only
+// while no lock is held; an empty profile or first list acquires nothing, a refused lock is
+// logged and tried again next time.
+TEST_F(ProfileLockTest, ApplyHoldsAtMostTheFirstListOfOneProfile) {
+    const struct {
+        Profile profile;
+        int refuseWith;  // 1: granted
+        std::vector<std::string> lines;
+        std::vector<int> acquired;  // the list acquired, if any
+    } cases[] = {
+            {Profile{}, 1, lines(kTrying, size(0)), {}},
+            {Profile{{}, {1, 2}}, 1, lines(kTrying, size(2), arraySize(0)), {}},
+            {Profile{{1, 2}},
+             0,
+             lines(kTrying, size(1), arraySize(2),
+                   line(site::kProfileApplyFailed, "Failed to apply resource, handle = 0")),
+             {1, 2}},
+            {Profile{{1, 2, 3, 4}, {5, 6}}, 1, lines(kTrying, size(2), arraySize(4)), {1, 2, 3, 4}},
+            {Profile{{7, 8}}, 1, lines(kTrying), {}},  // a lock is held already
+    };
+    for (const auto& c : cases) {
+        log.clear();
+        fakeperf::setAcquireFailure(c.refuseWith != 1, c.refuseWith);
+        const size_t before = fakeperf::calls().size();
+        Profile profile = c.profile;
+        feature->applyProfileLock(profile);
+        EXPECT_EQ(log.messages(), c.lines);
+        const auto calls = fakeperf::calls();
+        ASSERT_EQ(calls.size(), before + (c.acquired.empty() ? 0 : 1));
+        if (c.acquired.empty()) continue;
+        EXPECT_EQ(calls.back().kind, CallKind::LockAcquire);
+        EXPECT_EQ(calls.back().handle, 0);
+        EXPECT_EQ(calls.back().duration, INT_MAX);
+        EXPECT_EQ(calls.back().list, c.acquired);
+        EXPECT_EQ(held(), c.refuseWith == 1 ? calls.back().result : -1);
+    }
+    const int handle = held();
+    EXPECT_EQ(fakeperf::heldLocks(), (std::map<int, std::vector<int>>{{handle, {1, 2, 3, 4}}}));
+    log.clear();
     feature->releaseProfileLock();
     feature->releaseProfileLock();  // none held: silent
-    EXPECT_THAT(log.messages(), ElementsAre(pwr::linePrefix(pwr::site::kReleasingProfile) +
-                                            "Releasing "
-                                            "profile, handle = " +
-                                            std::to_string(handle)));
-    EXPECT_EQ(peer->profileLock().held(), -1);
+    EXPECT_THAT(log.messages(),
+                ElementsAre(line(site::kReleasingProfile,
+                                 "Releasing profile, handle = " + std::to_string(handle))));
+    EXPECT_EQ(held(), -1);
     EXPECT_THAT(fakeperf::heldLocks(), IsEmpty());
-    const auto calls = fakeperf::calls();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[1].kind, CallKind::LockRelease);
-    EXPECT_EQ(calls[1].handle, handle);
+    EXPECT_EQ(pwr::test::callsOf(CallKind::LockRelease).size(), 1u);
 }
 
-TEST_F(ProfileLockTest, PlainPair_AppliesAndReleasesGivenHandles) {
+// The plain pair takes the list and duration given and releases any handle but -1 (0
+// included); it leaves the held profile lock alone and speaks only when debugging.
+TEST_F(ProfileLockTest, ThePlainPairAppliesAndReleasesGivenHandles) {
     int list[] = {9, 8, 7, 6};
     const int handle = feature->applyProfile(list, 2, 500);
     EXPECT_GE(handle, 1);
-    feature->releaseProfile(0);   // 0 is released like any other handle
-    feature->releaseProfile(-1);  // nothing
+    feature->releaseProfile(0);
+    feature->releaseProfile(-1);
     feature->releaseProfile(handle);
     const auto calls = fakeperf::calls();
     ASSERT_EQ(calls.size(), 3u);
     EXPECT_EQ(calls[0].duration, 500);
     EXPECT_EQ(calls[0].list, (std::vector<int>{9, 8}));
-    EXPECT_EQ(calls[1].kind, CallKind::LockRelease);
     EXPECT_EQ(calls[1].handle, 0);
     EXPECT_EQ(calls[2].handle, handle);
-    // The held profile lock is not the plain pair's business.
-    EXPECT_EQ(peer->profileLock().held(), -1);
-}
-
-TEST_F(ProfileLockTest, PlainPair_DiagnosticsOnlyWhenDebugging) {
-    int list[] = {1, 2};
-    fakeperf::setAcquireFailure(true, -3);
-    LogCapture log;
-    EXPECT_EQ(feature->applyProfile(list, 2, 10), -3);
-    feature->releaseProfile(4);
+    EXPECT_EQ(held(), -1);
     EXPECT_THAT(log.messages(), IsEmpty());
 
-    peer->setDebugEnabled(true);
+    fakeperf::setAcquireFailure(true, -3);
+    PSMPowerOptFeatureTestPeer(*feature).setDebugEnabled(true);
     EXPECT_EQ(feature->applyProfile(list, 2, 10), -3);
     feature->releaseProfile(4);
     EXPECT_THAT(log.messages(),
-                ElementsAre(pwr::linePrefix(pwr::site::kApplyFailed) +
-                                    "Failed to apply resource, handle = -3",
-                            pwr::linePrefix(pwr::site::kReleasingHandle) + "Releasing handle:4"));
+                ElementsAre(line(site::kApplyFailed, "Failed to apply resource, handle = -3"),
+                            line(site::kReleasingHandle, "Releasing handle:4")));
 }
 
 // Event and timer threads apply and release concurrently: at most one lock is ever held, every
 // granted lock is released exactly once, and the feature's handle matches the library's state.
-TEST_F(ProfileLockTest, ConcurrentApplyRelease_OneLockNoLostRelease) {
+TEST_F(ProfileLockTest, ConcurrentApplyAndReleaseHoldOneLockAndLoseNoRelease) {
     pwr::test::installNullLogger();
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 300;
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 4; ++t) {
         threads.emplace_back([this, t] {
             Profile profile{{t, t + 100}};
-            for (int i = 0; i < kRounds; ++i) {
+            for (int i = 0; i < 300; ++i) {
                 feature->applyProfileLock(profile);
                 if ((i + t) % 3 != 0) feature->releaseProfileLock();
             }
         });
     }
     for (std::thread& thread : threads) thread.join();
-
-    // Replay the library's call order: it records each call under its own lock, and the feature
-    // calls it under profileMutex, so this is the order in which the lock changed hands.
-    int held = -1;
-    int acquired = 0;
-    int released = 0;
+    // The library records each call under its own lock, and the feature calls it under its
+    // profile mutex, so this is the order in which the lock changed hands.
+    int holder = -1;
     for (const fakeperf::Call& call : fakeperf::calls()) {
         if (call.kind == CallKind::LockAcquire) {
-            ASSERT_EQ(held, -1) << "second lock taken while " << held << " was held";
-            held = call.result;
-            ++acquired;
+            ASSERT_EQ(holder, -1) << "second lock taken while " << holder << " was held";
+            holder = call.result;
         } else if (call.kind == CallKind::LockRelease) {
-            ASSERT_EQ(call.handle, held) << "release of a lock that is not held";
-            held = -1;
-            ++released;
+            ASSERT_EQ(call.handle, holder) << "release of a lock that is not held";
+            holder = -1;
         }
     }
-    EXPECT_GE(acquired, 1);
-    EXPECT_EQ(acquired - released, held == -1 ? 0 : 1);
-    EXPECT_EQ(peer->profileLock().held(), held);
-    const auto locks = fakeperf::heldLocks();
-    if (held == -1) {
-        EXPECT_THAT(locks, IsEmpty());
-    } else {
-        ASSERT_EQ(locks.size(), 1u);
-        EXPECT_EQ(locks.begin()->first, held);
-    }
+    EXPECT_EQ(held(), holder);
+    EXPECT_EQ(fakeperf::heldLocks().size(), holder == -1 ? 0u : 1u);
 }
 
 }  // namespace
