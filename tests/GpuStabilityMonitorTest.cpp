@@ -108,22 +108,6 @@ class GpuMonitor : public pwr::test::FeatureTest {
 
 // --- Configuration
 
-TEST_F(GpuMonitor, Config_ReadsEverySettingTruncatedTowardZero) {
-    PowerOptFeatureInfo info = gpuConfig();
-    info.configs["GAME_TIMER"] = "1000.9";
-    info.configs["GPU_SAMPLE_COUNT"] = "5.99";
-    info.configs["GPU_BUSY_STABILITY_THRESHOLD"] = "-0.5";
-    PSMPowerOptFeature f(info);
-    const PSMFeatureSnapshot s = PSMPowerOptFeatureTestPeer(f).snapshot();
-    ASSERT_TRUE(s.ready);
-    EXPECT_EQ(s.gameTimerExists, 1);
-    EXPECT_EQ((std::vector<int>{s.gameTimerMs, s.gpuSampleCount, s.stabilitySampleCount,
-                                s.gpuBusyStabilityThreshold, s.gpuFreqThresholdLow,
-                                s.gpuFreqThresholdHigh}),
-              (std::vector<int>{1000, 5, 3, 0, 300, 600}));
-    EXPECT_EQ(PSMPowerOptFeatureTestPeer(f).gpu().graxInfo(), GraxInfo::getInstance());
-}
-
 TEST_F(GpuMonitor, Config_EachMissingSettingIsNamedAndStopsConfiguration) {
     const struct {
         const char* key;
@@ -172,16 +156,6 @@ TEST_F(GpuMonitor, Config_DynamicProfilesAreEveryKeyContainingTheMarkInKeyOrder)
     ASSERT_TRUE(PSMPowerOptFeatureTestPeer(f).ready());
     EXPECT_EQ(PSMPowerOptFeatureTestPeer(f).settings().mDynamicGpuProfiles,
               (std::vector<Profile>{{{1}, {9}}, {{2}}, {{3}}}));
-}
-
-TEST_F(GpuMonitor, Config_UnparsableOrOutOfRangeSettingThrows) {
-    PowerOptFeatureInfo info = gpuConfig();
-    info.configs["GAME_TIMER"] = "fast";
-    EXPECT_THROW(PSMPowerOptFeature{info}, std::invalid_argument);
-    for (const char* value : {"3e9", "nan"}) {
-        info.configs["GAME_TIMER"] = value;
-        EXPECT_THROW(PSMPowerOptFeature{info}, std::out_of_range) << value;
-    }
 }
 
 TEST_F(GpuMonitor, Config_GpuModeZeroReadsNoGpuSettingAndTicksDoNothing) {
@@ -348,13 +322,6 @@ TEST_F(GpuMonitor, Phases_EvaluationAveragesAFullListOnly) {
                                 line(site::kAveragedFreq, "Averaged freq:1"),
                                 line(site::kGpuUnderutilized,
                                      "GPU is underutilized. Remaining power profile.")}));
-}
-
-TEST_F(GpuMonitor, Phases_WithNeitherPhaseATickOnlyRecords) {
-    peer().gpu().setPhase(false, false);
-    for (int i = 0; i < 6; ++i) tick(300, 50);
-    EXPECT_EQ(peer().gpu().samples().size(), 5u);
-    EXPECT_EQ(log.countContaining("isGpuStable()") + log.countContaining("applyGpuProfile()"), 0);
 }
 
 TEST_F(GpuMonitor, InitGpuSamples_ResetsTheMonitorButNotTheChangeCount) {

@@ -47,12 +47,12 @@ const char* volatile gNullText = nullptr;
 
 TEST(Log, Line_PrefixTagAndPriority) {
     LogCapture log;
-    PWR_LOG(pwr::kModFeature, "sendEvents", 398, "Triggering Gaming Usable Mode.");
+    PWR_LOG("MOD", "fn", 7, "text");
     const auto lines = log.lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].priority, ANDROID_LOG_ERROR);
     EXPECT_EQ(lines[0].tag, "ANDR-PWR-OPT");
-    EXPECT_EQ(lines[0].message, "PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.");
+    EXPECT_EQ(lines[0].message, "MOD: fn() 7: text");
 }
 
 // Each message compared with printf's rendering, the fast conversions and the fallback alike.

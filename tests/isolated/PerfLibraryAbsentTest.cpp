@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
+#include "platform/PlatformLogSites.h"
+
 #include <dlfcn.h>
 #include <link.h>
 
@@ -23,8 +26,10 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-constexpr char kHelperOpen[] = "PowerHelper: getPerfhandle() 269: Unable to open perf lib: ";
-constexpr char kClassifierOpen[] = "PowerAppClassifier: Create() 32: Unable to open perf lib: ";
+const std::string kHelperOpen =
+        pwr::linePrefix(pwr::site::kPerfLibMissing) + "Unable to open perf lib: ";
+const std::string kClassifierOpen =
+        pwr::linePrefix(pwr::site::kClassifierLibMissing) + "Unable to open perf lib: ";
 
 // Where the loader found the library after all, to explain a failure.
 std::string loadedFrom(void* handle) {
@@ -75,7 +80,7 @@ TEST(PerfLibraryAbsent, Feature_NotReadyAndQuiet) {
     EXPECT_THAT(messages[0], StartsWith(kHelperOpen));
     EXPECT_THAT(messages[1], StartsWith(kClassifierOpen));
     EXPECT_EQ(messages[2],
-              "PSMPOWEROPT: PSMPowerOptFeature() 62: mPowerOptClassifier is nullptr !!");
+              pwr::linePrefix(pwr::site::kClassifierMissing) + "mPowerOptClassifier is nullptr !!");
 
     // Without a classifier every question answers no, silently, even when debugging.
     log.clear();
@@ -95,8 +100,8 @@ TEST(PerfLibraryAbsent, ProfileLock_FailureLoggedEveryTime) {
     LogCapture log;
     feature->applyProfileLock(profile);
     feature->applyProfileLock(profile);
-    EXPECT_EQ(log.count("PSMPOWEROPT: readAndApplyProfile() 918: Failed to apply resource, "
-                        "handle = -1"),
+    EXPECT_EQ(log.count(pwr::linePrefix(pwr::site::kProfileApplyFailed) +
+                        "Failed to apply resource, handle = -1"),
               2);
     EXPECT_EQ(peer.profileLock().held(), -1);
     int list[] = {1, 2};

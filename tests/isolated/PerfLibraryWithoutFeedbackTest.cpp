@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
+#include "platform/PlatformLogSites.h"
+
 #include "feature/PSMPowerOptFeature.h"
 #include "platform/PowerHelper.h"
 #include "platform/PowerOptClassifier.h"
@@ -26,7 +29,8 @@ class PreloadVariant : public ::testing::Environment {
 };
 const auto* const gPreload = ::testing::AddGlobalTestEnvironment(new PreloadVariant());
 
-constexpr char kNoFeedback[] = "PowerAppClassifier: Create() 39: Unable to get perf_get_feedback: ";
+const std::string kNoFeedback =
+        pwr::linePrefix(pwr::site::kClassifierEntryMissing) + "Unable to get perf_get_feedback: ";
 
 TEST(PerfLibraryWithoutFeedback, Classifier_CreateFailsWithLoaderReason) {
     LogCapture log;
@@ -46,7 +50,7 @@ TEST(PerfLibraryWithoutFeedback, Feature_NotReadyButLocksBound) {
     ASSERT_EQ(messages.size(), 2u);
     EXPECT_THAT(messages[0], StartsWith(kNoFeedback));
     EXPECT_EQ(messages[1],
-              "PSMPOWEROPT: PSMPowerOptFeature() 62: mPowerOptClassifier is nullptr !!");
+              pwr::linePrefix(pwr::site::kClassifierMissing) + "mPowerOptClassifier is nullptr !!");
     // The helper's own binding is complete.
     EXPECT_NE(PowerHelper::perflock_acq, nullptr);
     EXPECT_NE(PowerHelper::perflock_rel, nullptr);

@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
+#include "platform/PlatformLogSites.h"
+
 #include "feature/PSMPowerOptFeature.h"
 #include "platform/PowerHelper.h"
 #include "tests/support/FeaturePeer.h"
@@ -28,9 +31,8 @@ const auto* const gPreload = ::testing::AddGlobalTestEnvironment(new PreloadVari
 TEST(PerfLibraryWithoutHint, PowerHelper_OnlyHintMissing) {
     LogCapture log;
     PowerHelper helper;
-    EXPECT_THAT(
-            log.messages(),
-            ElementsAre("PowerHelper: getPerfhandle() 285: Unable to get perflock_hint handle"));
+    EXPECT_THAT(log.messages(), ElementsAre(pwr::linePrefix(pwr::site::kPerfHintMissing) +
+                                            "Unable to get perflock_hint handle"));
     EXPECT_EQ(PowerHelper::perflock_hint, nullptr);
     char app[] = "com.example.game";
     EXPECT_EQ(helper.perfhintEnable(0x1081, app, 10, 1), 0);

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "feature/LogSites.h"
 #include "host/tools/EventScript.h"
 #include "host/tools/FeatureConfigXml.h"
 #include "host/tools/FeatureKeys.h"
@@ -17,6 +18,7 @@ namespace {
 using pwr::tools::ReplayOptions;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
+namespace site = pwr::site;
 
 // A configuration with the GPU monitor on, so that game starts are classified. Line 4 holds
 // PSM_STATE, line 5 DEEP_MODE.
@@ -54,6 +56,11 @@ constexpr char kEvents[] = R"(app com.example.game 2
 )";
 
 const char kLightList[] = "{0x40C00000: 1, 0x40804000: 1500}";
+
+// A plug-in log line as the replay prints it.
+std::string logLine(const pwr::LogSite& at, const std::string& message) {
+    return "log      " + pwr::linePrefix(at) + message;
+}
 
 class ReplayTest : public ::testing::Test {
   protected:
@@ -112,25 +119,25 @@ TEST_F(ReplayTest, PrintsEventsQueriesLocksAndLogLinesInOrder) {
     EXPECT_THAT(mErr, IsEmpty());
     const std::vector<std::string> expected = {
             std::string("load     ") + PWR_PLUGIN_PATH,
-            "log      PSMPOWEROPT: PSMPowerOptFeature() 75: Constructor PSMPowerOptFeature",
+            logLine(site::kConstructor, "Constructor PSMPowerOptFeature"),
             "event    hint type 1 action 1 (0x15E0, hintType 0x81)",
-            "log      PSMPOWEROPT: applyProfileLock() 936: Trying to applyProfileLock.",
+            logLine(site::kTryingProfileLock, "Trying to applyProfileLock."),
             std::string("lock     acquired #1 ") + kLightList + " for INT_MAX",
             "event    hint type 2 action 1 (0x15E0, hintType 0x82)",
-            "log      PSMPOWEROPT: releaseProfileLock() 929: Releasing profile, handle = 1",
+            logLine(site::kReleasingProfile, "Releasing profile, handle = 1"),
             std::string("lock     released #1 ") + kLightList,
             "event    start com.example.game/.Main (0x1001)",
             "query    perf_get_feedback(0x1601, \"com.example.game\") -> 2",
-            "log      PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.",
+            logLine(site::kGamingOn, "Triggering Gaming Usable Mode."),
             "event    stop com.example.game/.Main (0x1002)",
-            "log      PSMPOWEROPT: sendEvents() 449: Stop hint 4098 for: com.example.game/.Main",
+            logLine(site::kStopHint, "Stop hint 4098 for: com.example.game/.Main"),
             "event    start com.example.other (0x1001)",
             "query    perf_get_feedback(0x1601, \"com.example.other\") -> 0",
             "event    hint type 1 action 1 (0x15E0, hintType 0x81)",
             std::string("lock     acquired #2 ") + kLightList + " for INT_MAX",
             "end",
             "delete   PSMPowerOptFeature",
-            "log      PSMPOWEROPT: ~PSMPowerOptFeature() 292: Destructor PSMPowerOptFeature",
+            logLine(site::kDestructor, "Destructor PSMPowerOptFeature"),
             // The destructor leaves the profile lock held.
             std::string("held     #2 ") + kLightList,
     };
@@ -139,7 +146,7 @@ TEST_F(ReplayTest, PrintsEventsQueriesLocksAndLogLinesInOrder) {
     EXPECT_EQ(countStarting("query "), 2) << output();
     EXPECT_EQ(countStarting("event "), 6) << output();
     // Diagnostic lines stay off without --debug.
-    EXPECT_EQ(countStarting("log      PSMPOWEROPT: isGame()"), 0) << output();
+    EXPECT_EQ(countStarting(logLine(site::kIsGame, "")), 0) << output();
     // The temporary device tree is gone and the process's root is back.
     EXPECT_EQ(pwr::host::deviceRoot(), rootBefore);
 }
@@ -169,12 +176,12 @@ TEST_F(ReplayTest, DebugTurnsOnTheFeaturesDiagnosticLines) {
     EXPECT_EQ(missingInOrder({
                       "event    start com.example.game/.Main (0x1001)",
                       "query    perf_get_feedback(0x1601, \"com.example.game\") -> 2",
-                      "log      PSMPOWEROPT: isGame() 610: com.example.game isPSMType = 2",
-                      "log      PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.",
+                      logLine(site::kIsGame, "com.example.game isPSMType = 2"),
+                      logLine(site::kGamingOn, "Triggering Gaming Usable Mode."),
               }),
               "")
             << output();
-    EXPECT_EQ(countStarting("log      PSMPOWEROPT: sendEvents() 362: Usable power mode hint"), 3)
+    EXPECT_EQ(countStarting(logLine(site::kPowerModeHint, "Usable power mode hint")), 3)
             << output();
     // The property went into the given tree, which is kept.
     std::string value;
@@ -204,11 +211,9 @@ TEST_F(ReplayTest, NotReadyFeatureIsReportedAndNoEventReplayed) {
     write(gameConfig("0", ""), kEvents);
     EXPECT_EQ(run(), 1);
     EXPECT_EQ(missingInOrder({
-                      "log      PSMPOWEROPT: PSMPowerOptFeature() 70: Missing feature configs, "
-                      "return !!",
+                      logLine(site::kMissingConfigs, "Missing feature configs, return !!"),
                       "delete   PSMPowerOptFeature",
-                      "log      PSMPOWEROPT: ~PSMPowerOptFeature() 292: Destructor "
-                      "PSMPowerOptFeature",
+                      logLine(site::kDestructor, "Destructor PSMPowerOptFeature"),
               }),
               "")
             << output();
@@ -225,8 +230,7 @@ TEST_F(ReplayTest, NotReadyFeatureIsReportedAndNoEventReplayed) {
                    std::string("<Config name=\"PSM_STATE\" value=\"0\"/>").size(), "");
     write(config, kEvents);
     EXPECT_EQ(run(), 1);
-    EXPECT_EQ(missingInOrder({"log      PSMPOWEROPT: initAnalyzeConfigs() 84: miss PSM_STATE"}), "")
-            << output();
+    EXPECT_EQ(missingInOrder({logLine(site::kMissPsmState, "miss PSM_STATE")}), "") << output();
     EXPECT_THAT(mErr, HasSubstr("note: " + mOptions.configPath +
                                 ": config \"PSM_STATE\" is "
                                 "missing"));
@@ -276,15 +280,15 @@ TEST_F(ReplayTest, BundledGameFilesReplayCleanly) {
     mOptions.eventsPath = events;
     ASSERT_EQ(run(), 0) << mErr;
     EXPECT_THAT(mErr, IsEmpty());
-    EXPECT_EQ(missingInOrder({
-                      "log      PSMPOWEROPT: sendEvents() 398: Triggering Gaming Usable Mode.",
-                      "log      PSMPOWEROPT: sendEvents() 449: Stop hint 4098 for: "
-                      "com.example.game/.MainActivity",
-                      std::string("lock     acquired #1 ") + kLightList + " for INT_MAX",
-                      std::string("lock     released #1 ") + kLightList,
-                      "delete   PSMPowerOptFeature",
-              }),
-              "")
+    EXPECT_EQ(
+            missingInOrder({
+                    logLine(site::kGamingOn, "Triggering Gaming Usable Mode."),
+                    logLine(site::kStopHint, "Stop hint 4098 for: com.example.game/.MainActivity"),
+                    std::string("lock     acquired #1 ") + kLightList + " for INT_MAX",
+                    std::string("lock     released #1 ") + kLightList,
+                    "delete   PSMPowerOptFeature",
+            }),
+            "")
             << output();
 }
 
