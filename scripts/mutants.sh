@@ -160,7 +160,9 @@ keys-equal-thresholds-refused @@ host/tools/FeatureKeys.cpp @@             low >
 keys-zero-boost-scale-accepted @@ host/tools/FeatureKeys.cpp @@ if (parsed(&S::taskLoadBoostScale, &v) && v >= 0) { @@ if (parsed(&S::taskLoadBoostScale, &v) && v > 0) {
 keys-long-property-name @@ host/tools/FeatureKeys.cpp @@ name.size() >= 92) { @@ name.size() > 92) {
 xml-line-of-value-off @@ host/tools/FeatureConfigXml.cpp @@ + linesBefore(value, offset) - linesBefore(value, first); @@ + linesBefore(value, offset);
-replay-refusal-as-lock @@ host/tools/Replay.cpp @@ if (call.result >= 1) { @@ if (call.result >= 0) {
+# Equivalent: the replay resets the fake library before it loads the feature, and the fake then
+# grants every lock with handles counted from 1; a result of 0 never reaches the timeline.
+=replay-refusal-as-lock @@ host/tools/Replay.cpp @@ if (call.result >= 1) { @@ if (call.result >= 0) {
 clock-time-not-advanced @@ host/tools/VirtualClock.cpp @@ if (due->expiryNs > mNowNs) mNowNs = due->expiryNs; @@ 
 clock-nanoseconds-overflow-accepted @@ host/tools/VirtualClock.cpp @@ ts.tv_nsec >= kNsPerSecond) return false; @@ ts.tv_nsec > kNsPerSecond) return false;
 clock-zero-value-arms @@ host/tools/VirtualClock.cpp @@ entry->armed = false;  // a zero first expiry disarms @@ entry->armed = true;
