@@ -2,7 +2,6 @@
 
 #include <android/log.h>
 
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <utility>
@@ -12,7 +11,6 @@ namespace {
 
 struct Sink {
     std::mutex mutex;
-    std::condition_variable changed;
     std::vector<LogLine> lines;                    // guarded by mutex
     std::function<void(const LogLine&)> observer;  // guarded by mutex
 };
@@ -37,7 +35,6 @@ void captureLogger(const __android_logger_data* data, const char* message) {
         std::lock_guard<std::mutex> lock(s.mutex);
         s.lines.push_back(std::move(line));
     }
-    s.changed.notify_all();
 }
 
 void nullLogger(const __android_logger_data*, const char*) {}
@@ -81,19 +78,6 @@ int LogCapture::countContaining(const std::string& part) const {
     int n = 0;
     for (const LogLine& line : lines()) n += line.message.find(part) != std::string::npos ? 1 : 0;
     return n;
-}
-
-bool LogCapture::waitFor(const std::string& part, int times,
-                         std::chrono::milliseconds timeout) const {
-    Sink& s = sink();
-    std::unique_lock<std::mutex> lock(s.mutex);
-    return s.changed.wait_for(lock, timeout, [&] {
-        int n = 0;
-        for (const LogLine& line : s.lines) {
-            n += line.message.find(part) != std::string::npos ? 1 : 0;
-        }
-        return n >= times;
-    });
 }
 
 void LogCapture::clear() {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -30,9 +29,6 @@ class LogCapture {
     // Number of captured messages that contain `part`.
     int countContaining(const std::string& part) const;
     bool contains(const std::string& message) const { return count(message) > 0; }
-    // Waits until a message containing `part` has been captured `times` times.
-    bool waitFor(const std::string& part, int times = 1,
-                 std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
     void clear();
     // Calls `observer` on the logging thread with every line, before the line is captured and
     // before the logging call returns: a test can look at the world as it was at that moment.
