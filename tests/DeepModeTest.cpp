@@ -95,57 +95,6 @@ TEST_F(DeepMode, Configure_ReadsEverySettingProfilesInNameOrderAndEveryValueButP
             << ::testing::PrintToString(messages);
 }
 
-TEST_F(DeepMode, Configure_AMissingNumberOrCpuSettingFailsSilently) {
-    for (const char* key :
-         {"VIDEO_SCALING_UP", "BROWSER_SCALING_UP", "GAME_SCALING_UP", "VIDEO_SCALING_DOWN",
-          "BROWSER_SCALING_DOWN", "GAME_SCALING_DOWN", "MAX_SAMPLE_NUM",
-          "SCALING_DOWN_TASK_LOAD_BOOST", "CPUNODE", "CPUPOLICY"}) {
-        SCOPED_TRACE(key);
-        log.clear();
-        PowerOptFeatureInfo info = deepModeConfig();
-        info.configs.erase(key);
-        build(info);
-        EXPECT_FALSE(peer->ready());
-        EXPECT_EQ(log.countContaining("initDeepMode()"), 0);
-        EXPECT_EQ(log.count(line(site::kMissingConfigs, "Missing feature configs, return !!")), 1);
-    }
-    PowerOptFeatureInfo info = deepModeConfig();
-    info.configs["MAX_SAMPLE_NUM"] = "many";
-    std::string error;
-    EXPECT_THROW(pwr::host::PluginHost::create("PSMPowerOptFeature", info, &error),
-                 std::invalid_argument);
-}
-
-TEST_F(DeepMode, Configure_AMissingOrEmptyProfileIsNamed) {
-    const struct {
-        const char* profile;
-        std::optional<Profile> value;  // none: the profile is absent
-        const pwr::LogSite* site;      // the refusal's line; null: accepted
-        const char* message;
-    } cases[] = {
-            {"DEFAULT", std::nullopt, &site::kNoDeepProfile, "No Deep Profile specified\n"},
-            {"DEFAULT", Profile{}, &site::kNoDeepProfile, "No Deep Profile specified\n"},
-            {"PSM_OPT_RESOURCE", std::nullopt, &site::kNoBoostOpcode,
-             "No TASK_LOAD_BOOST opcode specified\n"},
-            // An empty first list is accepted: the boost then acquires nothing.
-            {"PSM_OPT_RESOURCE", Profile{{}}, nullptr, nullptr},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.profile);
-        log.clear();
-        PowerOptFeatureInfo info = deepModeConfig();
-        info.profiles.erase(c.profile);
-        if (c.value) info.profiles[c.profile] = *c.value;
-        build(info);
-        EXPECT_EQ(peer->ready(), c.site == nullptr);
-        EXPECT_EQ(log.countContaining("specified\n"), c.site == nullptr ? 0 : 1);
-        if (c.site != nullptr) {
-            EXPECT_TRUE(log.contains(line(*c.site, c.message)));
-        }
-        EXPECT_EQ(log.countContaining("ProfileList") != 0, c.site == nullptr);
-    }
-}
-
 TEST_F(DeepMode, DeepTimer_AppliesThePropertiesOnlyOnceTheDeepLockIsHeld) {
     build();
     const auto pairs = pairsOf(peer->deep().propList());

@@ -108,41 +108,6 @@ class GpuMonitor : public pwr::test::FeatureTest {
 
 // --- Configuration
 
-TEST_F(GpuMonitor, Config_EachMissingSettingIsNamedAndStopsConfiguration) {
-    const struct {
-        const char* key;
-        const pwr::LogSite& site;
-        const char* message;
-    } settings[] = {
-            {"GAME_TIMER", site::kMissGameTimer, "miss GAME_TIMER"},
-            {"GPU_SAMPLE_COUNT", site::kMissGpuSampleCount, "miss GPU_SAMPLE_COUNT"},
-            {"STABILITY_SAMPLE_COUNT", site::kMissStabilitySampleCount,
-             "miss STABILITY_SAMPLE_COUNT"},
-            {"GPU_BUSY_STABILITY_THRESHOLD", site::kMissBusyThreshold,
-             "miss GPU_BUSY_STABILITY_THRESHOLD"},
-            {"GPU_Freq_THRESHOLD_LOW", site::kMissFreqThresholdLow, "miss GPU_Freq_THRESHOLD_LOW"},
-            {"GPU_Freq_THRESHOLD_HIGH", site::kMissFreqThresholdHigh,
-             "miss GPU_Freq_THRESHOLD_HIGH"},
-            {"DYN_0_HIGH", site::kMissDynamicProfile, "miss Dynamic GPU profile"},
-    };
-    for (size_t i = 0; i < std::size(settings); ++i) {
-        SCOPED_TRACE(settings[i].key);
-        PowerOptFeatureInfo info = gpuConfig();
-        // Settings after the missing one are not looked at: their absence is not reported.
-        for (size_t j = i; j < std::size(settings); ++j) info.configs.erase(settings[j].key);
-        info.profiles.erase("DYN_0_HIGH");
-        info.profiles.erase("DYN_1_BALANCED");
-        info.profiles.erase("DYN_2_LOW");
-        log.clear();
-        PSMPowerOptFeature f(info);
-        EXPECT_FALSE(PSMPowerOptFeatureTestPeer(f).ready());
-        EXPECT_EQ(log.messages(),
-                  (std::vector<std::string>{
-                          line(settings[i].site, settings[i].message),
-                          line(site::kMissingConfigs, "Missing feature configs, return !!")}));
-    }
-}
-
 TEST_F(GpuMonitor, Config_DynamicProfilesAreEveryKeyContainingTheMarkInKeyOrder) {
     PowerOptFeatureInfo info = gpuConfig();
     info.profiles.clear();

@@ -32,76 +32,110 @@ class PSMPowerOptFeatureTest : public pwr::test::FeatureTest {
     void SetUp() override { tree.mkdirs(pwr::test::kStoreDirectory); }
 };
 
-// A change to the smallest configuration, whether the feature ends ready, and what it logs.
-// Settings are read in order and the first one missing stops the reading.
-TEST_F(PSMPowerOptFeatureTest, Configuration_ReadyOnlyWithEveryRequiredSetting) {
-    using Edit = std::function<void(PowerOptFeatureInfo&)>;
-    const struct {
-        const char* name;
-        Edit edit;
-        bool ready;
-        std::vector<std::string> lines;
-    } cases[] = {
-            {"Minimal",
-             [](auto&) {},
-             true,
-             {line(site::kConstructor, "Constructor PSMPowerOptFeature")}},
-            {"NoPsmState",
-             [](auto& i) { i.configs.erase("PSM_STATE"); },
-             false,
-             {line(site::kMissPsmState, "miss PSM_STATE"), kMissingConfigs}},
-            {"NoLightProfile",
-             [](auto& i) { i.profiles.erase("PROFILE_LIGHT_MODE"); },
-             false,
-             {line(site::kNoLightProfile, "No  Default Profile specified\n"), kMissingConfigs}},
-            {"EmptyLightProfile",
-             [](auto& i) { i.profiles["PROFILE_LIGHT_MODE"] = {}; },
-             false,
-             {line(site::kNoLightProfile, "No  Default Profile specified\n"), kMissingConfigs}},
-            {"NoDeepMode", [](auto& i) { i.configs.erase("DEEP_MODE"); }, false, {kMissingConfigs}},
-            {"NoGpuMode",
-             [](auto& i) { i.configs.erase("GPUMode"); },
-             false,
-             {line(site::kMissGpuMode, "miss GPUMode"), kMissingConfigs}},
-            // GPUMode 0 reads none of the monitor's settings: unparsable ones would throw.
-            {"GpuModeZeroSkipsTheMonitor",
-             [](auto& i) {
-                 for (const char* key : {"GAME_TIMER", "GPU_SAMPLE_COUNT", "STABILITY_SAMPLE_COUNT",
-                                         "GPU_BUSY_STABILITY_THRESHOLD", "GPU_Freq_THRESHOLD_LOW",
-                                         "GPU_Freq_THRESHOLD_HIGH"}) {
-                     i.configs[key] = "not-a-number";
-                 }
-             },
-             true,
-             {line(site::kConstructor, "Constructor PSMPowerOptFeature")}},
-    };
-    fakeperf::setDefaultAppType(2);
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        PowerOptFeatureInfo info = minimalConfig("2");
-        c.edit(info);
-        log.clear();
-        auto feature = createFeature(info);
-        PSMPowerOptFeatureTestPeer peer(*feature);
-        EXPECT_EQ(peer.ready(), c.ready);
-        EXPECT_EQ(log.messages(), c.lines);
-        EXPECT_EQ(feature->name, "PSMPowerOptFeature");
-        const PSMFeatureSnapshot s = peer.snapshot();
-        EXPECT_EQ((std::vector<int>{s.gameState, s.heldProfileHandle, s.gameTimerExists,
-                                    s.batteryTimerExists}),
-                  (std::vector<int>{0, -1, 0, 0}));
-        if (c.ready) continue;
-        // A feature that is not ready ignores every event.
-        log.clear();
-        fakeperf::reset();
-        for (int32_t code : {0x1001, 0x1003, 0x1002, 0x1004, 0x1093, 0x1040}) {
-            feature->sendEvents(event(code, "com.example.game/.Main"));
-        }
-        feature->sendEvents(event(0x15E0, "com.example.game", 0x81));
-        EXPECT_THAT(log.messages(), IsEmpty());
-        EXPECT_THAT(fakeperf::calls(), IsEmpty());
-    }
+// One setting taken out of a configuration with deep mode and the GPU monitor on (or an edit), and
+// what the feature logs (its deep-mode list lines aside): settings are read in order, the first one
+// missing stops the reading and leaves the feature not ready.
+struct ConfigCase {
+    const char* name;
+    std::function<void(PowerOptFeatureInfo&)> edit;
+    std::vector<std::string> lines;  // empty: ready
+};
+
+ConfigCase without(const char* key, std::vector<std::string> lines) {
+    return {key,
+            [key](PowerOptFeatureInfo& i) {
+                i.configs.erase(key);
+                i.profiles.erase(key);
+            },
+            std::move(lines)};
 }
+ConfigCase missing(const char* key, const pwr::LogSite& at, const std::string& message) {
+    return without(key, {line(at, message), kMissingConfigs});
+}
+
+class Configuration : public PSMPowerOptFeatureTest,
+                      public ::testing::WithParamInterface<ConfigCase> {};
+
+TEST_P(Configuration, ReadyOnlyWithEveryRequiredSetting) {
+    PowerOptFeatureInfo info = pwr::test::deepModeConfig("2");
+    pwr::test::addGpuMonitorSettings(info);
+    info.configs["GPUMode"] = "1";
+    GetParam().edit(info);
+    fakeperf::setDefaultAppType(2);
+    auto feature = createFeature(info);
+    PSMPowerOptFeatureTestPeer peer(*feature);
+    std::vector<std::string> lines;
+    for (const std::string& m : log.messages()) {
+        if (m.find("List ") == std::string::npos) lines.push_back(m);
+    }
+    const bool ready = GetParam().lines.empty();
+    EXPECT_EQ(lines,
+              ready ? pwr::test::lines(line(site::kConstructor, "Constructor PSMPowerOptFeature"))
+                    : GetParam().lines);
+    ASSERT_EQ(peer.ready(), ready);
+    EXPECT_EQ(feature->name, "PSMPowerOptFeature");
+    if (ready) return;
+    // A feature that is not ready ignores every event.
+    log.clear();
+    fakeperf::reset();
+    for (int32_t code : {0x1001, 0x1003, 0x1002, 0x1004, 0x1093, 0x1040}) {
+        feature->sendEvents(event(code, "com.example.game/.Main"));
+    }
+    feature->sendEvents(event(0x15E0, "com.example.game", 0x81));
+    EXPECT_THAT(log.messages(), IsEmpty());
+    EXPECT_THAT(fakeperf::calls(), IsEmpty());
+}
+
+const ConfigCase kConfigCases[] = {
+        {"Complete", [](auto&) {}, {}},
+        // The GPU monitor's settings are not read with GPUMode 0: unparsable ones would throw.
+        {"GpuModeZero",
+         [](auto& i) {
+             i.configs["GPUMode"] = "0";
+             i.configs["GAME_TIMER"] = "not-a-number";
+         },
+         {}},
+        // An empty first list of the boost resource is accepted: the boost acquires nothing.
+        {"EmptyBoostList", [](auto& i) { i.profiles["PSM_OPT_RESOURCE"] = {{}}; }, {}},
+        missing("PSM_STATE", site::kMissPsmState, "miss PSM_STATE"),
+        missing("PROFILE_LIGHT_MODE", site::kNoLightProfile, "No  Default Profile specified\n"),
+        {"EmptyLightProfile",
+         [](auto& i) { i.profiles["PROFILE_LIGHT_MODE"] = {}; },
+         {line(site::kNoLightProfile, "No  Default Profile specified\n"), kMissingConfigs}},
+        without("DEEP_MODE", {kMissingConfigs}),
+        without("VIDEO_SCALING_UP", {kMissingConfigs}),
+        without("GAME_SCALING_DOWN", {kMissingConfigs}),
+        without("MAX_SAMPLE_NUM", {kMissingConfigs}),
+        without("SCALING_DOWN_TASK_LOAD_BOOST", {kMissingConfigs}),
+        without("CPUNODE", {kMissingConfigs}),
+        without("CPUPOLICY", {kMissingConfigs}),
+        missing("DEFAULT", site::kNoDeepProfile, "No Deep Profile specified\n"),
+        {"EmptyDeepProfile",
+         [](auto& i) { i.profiles["DEFAULT"] = {}; },
+         {line(site::kNoDeepProfile, "No Deep Profile specified\n"), kMissingConfigs}},
+        missing("PSM_OPT_RESOURCE", site::kNoBoostOpcode, "No TASK_LOAD_BOOST opcode specified\n"),
+        missing("GPUMode", site::kMissGpuMode, "miss GPUMode"),
+        missing("GAME_TIMER", site::kMissGameTimer, "miss GAME_TIMER"),
+        missing("GPU_SAMPLE_COUNT", site::kMissGpuSampleCount, "miss GPU_SAMPLE_COUNT"),
+        missing("STABILITY_SAMPLE_COUNT", site::kMissStabilitySampleCount,
+                "miss STABILITY_SAMPLE_COUNT"),
+        missing("GPU_BUSY_STABILITY_THRESHOLD", site::kMissBusyThreshold,
+                "miss GPU_BUSY_STABILITY_THRESHOLD"),
+        missing("GPU_Freq_THRESHOLD_LOW", site::kMissFreqThresholdLow,
+                "miss GPU_Freq_THRESHOLD_LOW"),
+        missing("GPU_Freq_THRESHOLD_HIGH", site::kMissFreqThresholdHigh,
+                "miss GPU_Freq_THRESHOLD_HIGH"),
+        {"NoDynamicProfile",
+         [](auto& i) {
+             for (const char* name : {"DYN_GPU_0_HIGH", "DYN_GPU_1_MID", "DYN_GPU_2_LOW"}) {
+                 i.profiles.erase(name);
+             }
+         },
+         {line(site::kMissDynamicProfile, "miss Dynamic GPU profile"), kMissingConfigs}},
+};
+
+INSTANTIATE_TEST_SUITE_P(Settings, Configuration, ::testing::ValuesIn(kConfigCases),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 // PSM_STATE is read with std::stod and truncated toward zero; what no int holds, or no number
 // is, throws out of the factory, as DEEP_MODE and GPUMode (read with std::stoi) do.
