@@ -11,7 +11,6 @@
 #include "platform/PowerHelper.h"
 #include "platform/PowerOptClassifier.h"
 #include "tests/support/FeaturePeer.h"
-#include "tests/support/FeatureSetup.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/PerfVariant.h"
 #include "tests/support/TestConfig.h"

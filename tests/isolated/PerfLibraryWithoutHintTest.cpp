@@ -10,7 +10,6 @@
 #include "feature/PSMPowerOptFeature.h"
 #include "platform/PowerHelper.h"
 #include "tests/support/FeaturePeer.h"
-#include "tests/support/FeatureSetup.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/PerfVariant.h"
 #include "tests/support/TestConfig.h"

@@ -11,12 +11,10 @@
 #include "feature/LogSites.h"
 #include "host/fakeperf/FakePerf.h"
 #include "platform/PlatformLogSites.h"
-#include "tests/support/DeepModeConfig.h"
 #include "tests/support/DeviceTree.h"
-#include "tests/support/FeatureFactory.h"
 #include "tests/support/FeaturePeer.h"
-#include "tests/support/FeatureSetup.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TestConfig.h"
 #include "tests/support/ThreadTimers.h"
 
 namespace pwr::test {
