@@ -304,30 +304,6 @@ TEST_F(GpuMonitor, InitGpuSamples_ResetsTheMonitorButNotTheChangeCount) {
     EXPECT_EQ(gGpuProfileChangeCount, 2);
 }
 
-TEST_F(GpuMonitor, IsGpuStable_ARangeUpToTheThresholdOfAFullListIsStable) {
-    PowerOptFeatureInfo info = gpuConfig();
-    info.configs["GPU_SAMPLE_COUNT"] = "3";
-    auto three = makeFeature(info);
-    const struct {
-        std::vector<GPUSample> samples;
-        bool stable;
-        const char* logged;
-    } cases[] = {
-            {{{300, 40}, {300, 45}, {300, 50}}, true, "GPU is stable. Busy range:10"},
-            {{{300, 40}, {300, 51}, {300, 45}}, false, "GPU is not stable yet. Busy range:11"},
-            {{{300, 40}, {300, 40}}, false, nullptr},  // fewer than GPU_SAMPLE_COUNT
-    };
-    for (auto c : cases) {
-        log.clear();
-        EXPECT_EQ(three->isGpuStable(c.samples), c.stable);
-        EXPECT_EQ(log.messages(),
-                  c.logged == nullptr
-                          ? std::vector<std::string>{}
-                          : std::vector<std::string>{line(
-                                    c.stable ? site::kGpuStable : site::kGpuNotStable, c.logged)});
-    }
-}
-
 // --- Decision and switch
 
 TEST_F(GpuMonitor, Decision_ThresholdsBoundTheModerateRangeInclusively) {
@@ -398,24 +374,6 @@ INSTANTIATE_TEST_SUITE_P(
                           SwitchCase{"SwitchThenBack", {L, L, L, H, H, H}, {kLow, kHigh}, 0, 0},
                           SwitchCase{"NewLevelDoesNotRetry", {M, M, M, M, M, M}, {kMid}, 1, 0}),
         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(GpuMonitor, Switch_ReleasesTheHeldProfileFirstAndAcquiresTheFirstListForever) {
-    decide({L, L, L});
-    const int lowHandle = peer().profileLock().held();
-    ASSERT_GT(lowHandle, 0);
-    decide({M, M, M});
-    const std::vector<fakeperf::Call> calls = fakeperf::calls();
-    ASSERT_GE(calls.size(), 3u);
-    const fakeperf::Call& release = calls[calls.size() - 2];
-    const fakeperf::Call& acquire = calls.back();
-    EXPECT_EQ(release.kind, CallKind::LockRelease);
-    EXPECT_EQ(release.handle, lowHandle);
-    EXPECT_EQ(acquire.kind, CallKind::LockAcquire);
-    EXPECT_EQ(acquire.list, kMid);
-    EXPECT_EQ(acquire.duration, INT_MAX);
-    EXPECT_EQ(fakeperf::heldLocks(), (std::map<int, std::vector<int>>{{acquire.result, kMid}}));
-    EXPECT_EQ(peer().profileLock().held(), acquire.result);
-}
 
 TEST_F(GpuMonitor, Switch_TheChangeCountIsSharedByTheProcess) {
     auto other = makeFeature(gpuConfig());

@@ -495,22 +495,6 @@ TEST_F(TouchListener, ParksUntilWokenAndStaysAwakeOnceWoken) {
     EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "B1", "A2", "B2"}));
 }
 
-// Found again by a search or a check while the listener is blocked in its poll, the device is
-// reported but neither its descriptor nor the poll record the listener uses is replaced.
-TEST_F(TouchListener, FindingTheDeviceAgainKeepsWhatTheListenerPolls) {
-    ASSERT_NO_FATAL_FAILURE(touchOnceAndWaitInPoll());
-    const auto polled = peer().polled();
-    ASSERT_EQ(polled.first->fd, polled.second);
-
-    std::string node = kTouchNode;
-    EXPECT_EQ(touch->searchTouchDevice(), 0);
-    EXPECT_EQ(touch->checkTouchDevice(node.data()), 0);
-    EXPECT_EQ(peer().polled(), polled);
-    device.up();
-    ASSERT_TRUE(calls.waitForCount(2));
-    EXPECT_EQ(calls.calls(), (std::vector<std::string>{"A1", "A2"}));
-}
-
 TEST_F(TouchListener, DestructionWaitsInPollForOneMoreEvent) {
     ASSERT_NO_FATAL_FAILURE(touchOnceAndWaitInPoll());
 

@@ -143,74 +143,65 @@ TEST(FeatureConfigXml, ParseText_MalformedXmlNamesFileAndLine) {
     EXPECT_THAT(errorOf("<!-- only a comment -->"), StartsWith("cfg.xml: "));
 }
 
-TEST(FeatureConfigXml, ParseText_StructureErrorsNameTheLine) {
-    EXPECT_EQ(errorOf("<Features name=\"F\"/>"),
-              "cfg.xml:1: the top-level element is <Features>; a feature configuration starts "
-              "with <Feature name=\"...\">");
-    EXPECT_EQ(errorOf("<Feature name=\"F\"/>\n<Feature name=\"G\"/>"),
-              "cfg.xml:2: more than one top-level element; the file holds one <Feature>");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n\n  <Confgs/>\n</Feature>"),
-              "cfg.xml:3: unexpected <Confgs> inside <Feature>; expected <Configs>, <Profiles> "
-              "or <AppList>");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Configs>\n<Config name=\"A\" vaule=\"1\"/>\n"
-                      "</Configs>\n</Feature>"),
-              "cfg.xml:3: unknown attribute \"vaule\" on <Config>");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Configs>\n<Profile name=\"A\"/>\n</Configs>\n"
-                      "</Feature>"),
-              "cfg.xml:3: unexpected <Profile> inside <Configs>; expected <Config>");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Configs/>\n<Configs/>\n</Feature>"),
-              "cfg.xml:3: a second <Configs> section; the first is on line 2");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Configs>\nPSM_STATE=1\n</Configs>\n</Feature>"),
-              "cfg.xml:3: unexpected text \"PSM_STATE=1\" inside <Configs>");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Configs>\n<Config name=\"A\" value=\"1\">2</Config>"
-                      "\n</Configs>\n</Feature>"),
-              "cfg.xml:3: <Config name=\"A\"> takes its value in value=\"...\" and has no "
-              "content");
-}
-
-TEST(FeatureConfigXml, ParseText_MissingOrRepeatedPiecesAreErrors) {
-    EXPECT_EQ(errorOf("<Feature/>"), "cfg.xml:1: <Feature> needs a name=\"...\" attribute");
-    EXPECT_EQ(errorOf("<Feature name=\"\"/>"), "cfg.xml:1: <Feature> has an empty name");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Configs>\n<Config name=\"PSM_STATE\"/>\n"
-                      "</Configs>\n</Feature>"),
-              "cfg.xml:3: <Config> needs a value=\"...\" attribute");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Configs>\n<Config value=\"1\"/>\n</Configs>\n"
-                      "</Feature>"),
-              "cfg.xml:3: <Config> needs a name=\"...\" attribute");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Configs>\n<Config name=\"A\" value=\"1\"/>\n"
-                      "<Config name=\"A\" value=\"2\"/>\n</Configs>\n</Feature>"),
-              "cfg.xml:4: config \"A\" is set twice; the first is on line 3");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Profiles>\n<Profile name=\"P\"/>\n"
-                      "<Profile name=\"P\"/>\n</Profiles>\n</Feature>"),
-              "cfg.xml:4: profile \"P\" is defined twice; the first is on line 3");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<Profiles>\n<Profile>\n</Profile>\n</Profiles>\n"
-                      "</Feature>"),
-              "cfg.xml:3: <Profile> needs a name=\"...\" attribute");
-    EXPECT_EQ(errorOf("<Feature name=\"F\">\n<AppList>\n<App> </App>\n</AppList>\n</Feature>"),
-              "cfg.xml:3: <App> is empty");
-}
-
-TEST(FeatureConfigXml, ParseText_BadNumberInAProfileNamesItsOwnLine) {
-    const std::string xml =
-            "<Feature name=\"F\">\n"
-            "  <Profiles>\n"
-            "    <Profile name=\"PROFILE_LIGHT_MODE\">\n"
-            "      <PerfLock>\n"
-            "        0x40C00000, 0x1,\n"
-            "        0x40804000, 0x5DG\n"
-            "      </PerfLock>\n"
-            "    </Profile>\n"
-            "  </Profiles>\n"
-            "</Feature>\n";
-    EXPECT_EQ(errorOf(xml),
-              "cfg.xml:6: profile \"PROFILE_LIGHT_MODE\": \"0x5DG\" is not a number (decimal, or "
-              "hex such as 0x40C00000)");
-    EXPECT_EQ(errorOf("<Feature name=\"F\"><Profiles><Profile name=\"P\">\n<PerfLock>1 <x/> 2"
-                      "</PerfLock></Profile></Profiles></Feature>"),
-              "cfg.xml:2: unexpected <x> inside <PerfLock>; it holds numbers");
-    EXPECT_EQ(errorOf("<Feature name=\"F\"><Profiles><Profile name=\"P\">\n<Lock>1</Lock>"
-                      "</Profile></Profiles></Feature>"),
-              "cfg.xml:2: unexpected <Lock> inside <Profile>; expected <PerfLock>");
+// A configuration and the error it gets: what is wrong, and on which line of the file.
+TEST(FeatureConfigXml, ParseText_EachFaultNamesItsLine) {
+    const std::string profile =
+            "<Feature name=\"F\">\n  <Profiles>\n    <Profile name=\"PROFILE_LIGHT_MODE\">\n"
+            "      <PerfLock>\n        0x40C00000, 0x1,\n        0x40804000, 0x5DG\n"
+            "      </PerfLock>\n    </Profile>\n  </Profiles>\n</Feature>\n";
+    const std::pair<std::string, std::string> cases[] = {
+            {"<Features name=\"F\"/>",
+             "cfg.xml:1: the top-level element is <Features>; a feature configuration starts "
+             "with <Feature name=\"...\">"},
+            {"<Feature name=\"F\"/>\n<Feature name=\"G\"/>",
+             "cfg.xml:2: more than one top-level element; the file holds one <Feature>"},
+            {"<Feature name=\"F\">\n\n  <Confgs/>\n</Feature>",
+             "cfg.xml:3: unexpected <Confgs> inside <Feature>; expected <Configs>, <Profiles> "
+             "or <AppList>"},
+            {"<Feature name=\"F\">\n<Configs>\n<Config name=\"A\" vaule=\"1\"/>\n"
+             "</Configs>\n</Feature>",
+             "cfg.xml:3: unknown attribute \"vaule\" on <Config>"},
+            {"<Feature name=\"F\">\n<Configs>\n<Profile name=\"A\"/>\n</Configs>\n"
+             "</Feature>",
+             "cfg.xml:3: unexpected <Profile> inside <Configs>; expected <Config>"},
+            {"<Feature name=\"F\">\n<Configs/>\n<Configs/>\n</Feature>",
+             "cfg.xml:3: a second <Configs> section; the first is on line 2"},
+            {"<Feature name=\"F\">\n<Configs>\nPSM_STATE=1\n</Configs>\n</Feature>",
+             "cfg.xml:3: unexpected text \"PSM_STATE=1\" inside <Configs>"},
+            {"<Feature name=\"F\">\n<Configs>\n<Config name=\"A\" value=\"1\">2</Config>"
+             "\n</Configs>\n</Feature>",
+             "cfg.xml:3: <Config name=\"A\"> takes its value in value=\"...\" and has no "
+             "content"},
+            {"<Feature/>", "cfg.xml:1: <Feature> needs a name=\"...\" attribute"},
+            {"<Feature name=\"\"/>", "cfg.xml:1: <Feature> has an empty name"},
+            {"<Feature name=\"F\">\n<Configs>\n<Config name=\"PSM_STATE\"/>\n"
+             "</Configs>\n</Feature>",
+             "cfg.xml:3: <Config> needs a value=\"...\" attribute"},
+            {"<Feature name=\"F\">\n<Configs>\n<Config value=\"1\"/>\n</Configs>\n"
+             "</Feature>",
+             "cfg.xml:3: <Config> needs a name=\"...\" attribute"},
+            {"<Feature name=\"F\">\n<Configs>\n<Config name=\"A\" value=\"1\"/>\n"
+             "<Config name=\"A\" value=\"2\"/>\n</Configs>\n</Feature>",
+             "cfg.xml:4: config \"A\" is set twice; the first is on line 3"},
+            {"<Feature name=\"F\">\n<Profiles>\n<Profile name=\"P\"/>\n"
+             "<Profile name=\"P\"/>\n</Profiles>\n</Feature>",
+             "cfg.xml:4: profile \"P\" is defined twice; the first is on line 3"},
+            {"<Feature name=\"F\">\n<Profiles>\n<Profile>\n</Profile>\n</Profiles>\n"
+             "</Feature>",
+             "cfg.xml:3: <Profile> needs a name=\"...\" attribute"},
+            {"<Feature name=\"F\">\n<AppList>\n<App> </App>\n</AppList>\n</Feature>",
+             "cfg.xml:3: <App> is empty"},
+            {profile,
+             "cfg.xml:6: profile \"PROFILE_LIGHT_MODE\": \"0x5DG\" is not a number (decimal, or "
+             "hex such as 0x40C00000)"},
+            {"<Feature name=\"F\"><Profiles><Profile name=\"P\">\n<PerfLock>1 <x/> 2"
+             "</PerfLock></Profile></Profiles></Feature>",
+             "cfg.xml:2: unexpected <x> inside <PerfLock>; it holds numbers"},
+            {"<Feature name=\"F\"><Profiles><Profile name=\"P\">\n<Lock>1</Lock>"
+             "</Profile></Profiles></Feature>",
+             "cfg.xml:2: unexpected <Lock> inside <Profile>; expected <PerfLock>"},
+    };
+    for (const auto& [xml, error] : cases) EXPECT_EQ(errorOf(xml), error) << xml;
 }
 
 TEST(FeatureConfigXml, ParseFile_ReadsAFileAndNamesAnUnreadableOne) {
