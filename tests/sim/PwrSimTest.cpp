@@ -443,7 +443,7 @@ TEST_F(PwrSimTest, TraceHasCounterTracksAndLockSlices) {
     std::vector<nlohmann::json> slices;
     for (const auto& e : trace.at("traceEvents")) {
         if (e.at("ph") == "C") ++counters[e.at("name").get<std::string>()];
-        if (e.at("ph") == "X") slices.push_back(e);
+        if (e.at("ph") == "X" && e.at("cat") == "lock") slices.push_back(e);
     }
     for (const char* name : {"GPU frequency (MHz)", "GPU busy (%)", "GPU profile level (level)",
                              "Boosted tasks (tasks)", "PSM mode (mode)"}) {
