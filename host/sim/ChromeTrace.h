@@ -32,8 +32,14 @@ class ChromeTraceWriter : public RunObserver {
     bool mFirst = true;
     std::map<std::string, int> mTids;
     std::vector<int> mOpenTids;  // threads of slices still open at the end
-    // Each counter's name and last value, for a last point at the end.
-    std::map<std::string, std::pair<std::string, std::pair<std::string, double>>> mLast;
+    // Each counter's name and unit as JSON texts, and its last value, for a last point at the
+    // end.
+    struct Last {
+        std::string name;
+        std::string unit;
+        double value;
+    };
+    std::map<std::string, Last> mLast;
 };
 
 }  // namespace pwr::sim

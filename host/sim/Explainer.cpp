@@ -91,17 +91,25 @@ std::vector<std::string> Explainer::explain(const PSMFeatureSnapshot& state) {
         mToldThisGame.clear();
         mToldLevel = -1;
     }
-    Reason gpu;
-    std::string text = gpuReason(state, &gpu);
+    Reason gpu = Reason::None;
+    std::string text;
+    if (state.gameState == codes::kGameStateOn) text = gpuReason(state, &gpu);
     const bool newLevel = gpu == Reason::SameLevel && state.gpuProfileLevel != mToldLevel;
     if (gpu != Reason::None && (mToldThisGame.insert(gpu).second || newLevel)) {
         if (gpu == Reason::SameLevel) mToldLevel = state.gpuProfileLevel;
         lines.push_back(std::move(text));
     }
+    // Most looks change nothing: the sentence is made only for a new reason.
+    if (!mBatteryInput || state.batteryTimerArmed != 0) {
+        mBattery = Reason::None;
+        return lines;
+    }
+    if (mBattery != Reason::None && state.psmMode == mBatteryMode) return lines;
     Reason battery;
     text = batteryReason(state, &battery);
     if (battery != mBattery && battery != Reason::None) lines.push_back(std::move(text));
     mBattery = battery;
+    mBatteryMode = state.psmMode;
     return lines;
 }
 

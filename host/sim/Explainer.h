@@ -47,6 +47,7 @@ class Explainer {
     std::set<Reason> mToldThisGame;
     int mToldLevel = -1;
     Reason mBattery = Reason::None;
+    int mBatteryMode = -1;  // the PSM mode when mBattery was told
     bool mGameTimerRan = false;
     bool mBatteryTimerRan = false;
 };

@@ -158,6 +158,9 @@ struct OutFiles {
             return false;
         }
         dir = outDir;
+        // Large buffers: a long run writes hundreds of megabytes a line at a time.
+        timeline.rdbuf()->pubsetbuf(mTimelineBuffer.data(), mTimelineBuffer.size());
+        trace.rdbuf()->pubsetbuf(mTraceBuffer.data(), mTraceBuffer.size());
         timeline.open(dir / "timeline.txt");
         trace.open(dir / "trace.json");
         if (!timeline || !trace) {
@@ -167,6 +170,9 @@ struct OutFiles {
         }
         return true;
     }
+
+    std::vector<char> mTimelineBuffer = std::vector<char>(1 << 20);
+    std::vector<char> mTraceBuffer = std::vector<char>(1 << 20);
 
     // Removes what an unfinished run wrote.
     void discard() {

@@ -740,6 +740,8 @@ class Simulation {
             recorder.property(kDebugProperty, "true");
         }
         fakeperf::reset();
+        // The recorder sees every call as it is made; keeping them too would grow with the run.
+        fakeperf::setRecording(false);
         if (closedLoop) fakeperf::setResources(mModel.resources);
         FakeDevice device(mScenario, closedLoop ? &mModel : nullptr);
         if (!device.create(&error)) return mLauncher.fail(error);

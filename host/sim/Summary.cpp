@@ -67,12 +67,25 @@ int64_t timeWhere(const Recording& recording, const char* key, Keep keep) {
 }  // namespace
 
 std::string formatTime(int64_t ms) {
-    const bool negative = ms < 0;
-    if (negative) ms = -ms;
-    return StringPrintf("%s%lld:%02lld:%02lld.%03lld", negative ? "-" : "",
-                        static_cast<long long>(ms / 3600000),
-                        static_cast<long long>(ms / 60000 % 60),
-                        static_cast<long long>(ms / 1000 % 60), static_cast<long long>(ms % 1000));
+    // Written out by hand: a long run's timeline formats millions of these.
+    std::string out;
+    if (ms < 0) {
+        out.push_back('-');
+        ms = -ms;
+    }
+    out += std::to_string(ms / 3600000);
+    const auto two = [&out](int64_t v) {
+        out.push_back(static_cast<char>('0' + v / 10));
+        out.push_back(static_cast<char>('0' + v % 10));
+    };
+    out.push_back(':');
+    two(ms / 60000 % 60);
+    out.push_back(':');
+    two(ms / 1000 % 60);
+    out.push_back('.');
+    out.push_back(static_cast<char>('0' + ms % 1000 / 100));
+    two(ms % 100);
+    return out;
 }
 
 Summary Summary::of(const Recording& recording) {

@@ -1,15 +1,16 @@
 #include "host/sim/TimelineWriter.h"
 
-#include <android-base/stringprintf.h>
-
 #include "host/sim/Summary.h"
 
 namespace pwr::sim {
 
 std::string timelineLine(const TimelineEntry& entry) {
-    std::string line =
-            formatTime(entry.timeMs) +
-            android::base::StringPrintf("  %-8s %s", entry.kind.c_str(), entry.text.c_str());
+    std::string line = formatTime(entry.timeMs);
+    line += "  ";
+    line += entry.kind;
+    if (entry.kind.size() < 8) line.append(8 - entry.kind.size(), ' ');
+    line += ' ';
+    line += entry.text;
     while (!line.empty() && line.back() == ' ') line.pop_back();
     return line;
 }
