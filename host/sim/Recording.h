@@ -124,6 +124,11 @@ class RunObserver {
     virtual void lock(const LockSlice& /*slice*/) {}
 };
 
+// Tracks of Recording::lanes.
+inline constexpr char kLaneGaming[] = "gaming usable mode";
+inline constexpr char kLaneDeep[] = "deep mode";
+inline constexpr char kLaneForeground[] = "foreground app";
+
 // Keys of Recording::counters.
 inline constexpr char kCounterGpuFreq[] = "gpu_freq";
 inline constexpr char kCounterGpuFreqMeasured[] = "gpu_freq_measured";

@@ -347,9 +347,6 @@ class Recorder {
   private:
     // How finely the plots' series and bars are kept: slices of the run's time.
     static constexpr int kPlotSlices = 2000;
-    static constexpr char kLaneGaming[] = "gaming usable mode";
-    static constexpr char kLaneDeep[] = "deep mode";
-    static constexpr char kLaneForeground[] = "foreground app";
 
     // A counter's value waiting for its time to pass (a later call of the same time replaces
     // it, so a value put back within one time leaves no step), and what was handed over last.
