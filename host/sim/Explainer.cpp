@@ -107,7 +107,8 @@ std::vector<std::string> Explainer::explain(const PSMFeatureSnapshot& state) {
     if (mBattery != Reason::None && state.psmMode == mBatteryMode) return lines;
     Reason battery;
     text = batteryReason(state, &battery);
-    if (battery != mBattery && battery != Reason::None) lines.push_back(std::move(text));
+    // Told again for a new reason, or the same one in another mode.
+    if (battery != Reason::None) lines.push_back(std::move(text));
     mBattery = battery;
     mBatteryMode = state.psmMode;
     return lines;

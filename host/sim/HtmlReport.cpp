@@ -80,7 +80,7 @@ void HtmlReport::write(const Recording& recording, const std::string& summaryTex
         << ", " << formatTime(recording.durationMs) << " simulated</div>\n";
     out << "<h2>Summary</h2>\n<pre class=\"summary\">" << escape(summaryText) << "</pre>\n";
     out << "<h2>Plot</h2>\n<div class=\"plot\">\n" << plotSvg << "</div>\n";
-    out << "<h2>Timeline</h2>\n<div class=\"kinds\">";
+    out << "<h2 id=\"timeline\">Timeline</h2>\n<div class=\"kinds\">";
     for (const auto& [kind, count] : mKinds) {
         // The feature's own log lines start hidden: the rest says what it did.
         out << "<label><input type=\"checkbox\" value=\"" << escape(kind) << "\""

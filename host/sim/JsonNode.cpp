@@ -157,6 +157,10 @@ class StrictBuilder {
         Frame& frame = mFrames.back();
         frame.key = std::move(key);
         if (frame.key.find('\0') != std::string::npos) {
+            // Named as written, so that the message holds no NUL itself.
+            for (size_t at; (at = frame.key.find('\0')) != std::string::npos;) {
+                frame.key.replace(at, 1, "\\u0000");
+            }
             return invalid(path(), "the key holds a NUL character (\\u0000)");
         }
         if (frame.value->contains(frame.key)) {
