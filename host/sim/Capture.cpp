@@ -213,6 +213,7 @@ bool Capture::parseText(std::string_view text, const std::string& name, Capture*
                         std::string* error) {
     *out = Capture{};
     out->file = name;
+    if (!tools::checkNoNul(text, name, error)) return false;
     std::vector<std::string> lines = android::base::Split(std::string(text), "\n");
     // A text ending with a line end splits into a last empty piece; anything else there is a
     // line cut off in the middle.

@@ -218,7 +218,7 @@ bool EventScript::parseText(std::string_view text, const std::string& name, Even
                             std::string* error) {
     *out = EventScript{};
     out->file = name;
-    return Parser(name, out, error).parse(text);
+    return checkNoNul(text, name, error) && Parser(name, out, error).parse(text);
 }
 
 bool EventScript::parseEvent(std::string_view text, ScriptEvent* out, std::string* error) {

@@ -403,7 +403,7 @@ bool FeatureConfigXml::parseText(std::string_view text, const std::string& name,
                                  std::string* error) {
     *out = FeatureConfig{};
     out->file = name;
-    return Parser(name, out, error).parse(text);
+    return checkNoNul(text, name, error) && Parser(name, out, error).parse(text);
 }
 
 }  // namespace pwr::tools

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include <android-base/file.h>
@@ -19,6 +20,15 @@ bool readInputFile(const std::string& path, std::string* content, std::string* e
                  ": cannot read: " + strerror(errno);
     }
     return ok;
+}
+
+bool checkNoNul(std::string_view text, const std::string& name, std::string* error) {
+    const size_t at = text.find('\0');
+    if (at == std::string_view::npos) return true;
+    const auto line = 1 + std::count(text.begin(), text.begin() + at, '\n');
+    *error = name + ":" + std::to_string(line) +
+             ": holds a NUL character, which would cut the text short there";
+    return false;
 }
 
 }  // namespace pwr::tools

@@ -211,6 +211,12 @@ TEST_F(PwrSimTest, BadInputGetsOneErrorNamingFileAndPlace) {
                   "<Config name=\"PSM_STATE\" value=\"zero\"/>\n</Configs>\n</Feature>\n");
     const ToolRun r = run({write("s.json", R"({"duration": 10})"), "--config", throwing});
     EXPECT_THAT(r.err, HasSubstr(throwing + ":3: config \"PSM_STATE\" = \"zero\" is not a number"));
+    // A NUL byte would cut an application's name short where a C string ends.
+    using namespace std::string_literals;
+    const std::string nul = write("nul.xml",
+                                  "<Feature name=\"PSMPowerOptFeature\">\n<AppList>\n"
+                                  "<App>com.a\0pp</App>\n</AppList>\n</Feature>\n"s);
+    EXPECT_THAT(run({"--check", nul}).out, HasSubstr(nul + ":3: holds a NUL character"));
 }
 
 // A scenario and a configuration reached through symbolic links, or the scenario on standard
