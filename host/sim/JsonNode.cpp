@@ -52,8 +52,20 @@ std::string parseMessage(const std::string& what) {
 
 }  // namespace
 
+std::string printable(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        if (static_cast<unsigned char>(c) < 0x20) {
+            out += StringPrintf("\\u%04x", static_cast<unsigned char>(c));
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
 void JsonNode::fail(const std::string& message) const {
-    throw Invalid{mPath, message};
+    throw Invalid{printable(mPath), printable(message)};
 }
 
 JsonNode JsonNode::object(const char* expecting) const {
@@ -157,10 +169,6 @@ class StrictBuilder {
         Frame& frame = mFrames.back();
         frame.key = std::move(key);
         if (frame.key.find('\0') != std::string::npos) {
-            // Named as written, so that the message holds no NUL itself.
-            for (size_t at; (at = frame.key.find('\0')) != std::string::npos;) {
-                frame.key.replace(at, 1, "\\u0000");
-            }
             return invalid(path(), "the key holds a NUL character (\\u0000)");
         }
         if (frame.value->contains(frame.key)) {
@@ -205,8 +213,8 @@ class StrictBuilder {
         return out;
     }
 
-    bool invalid(std::string path, std::string message) {
-        mInvalid = JsonNode::Invalid{std::move(path), std::move(message)};
+    bool invalid(const std::string& path, const std::string& message) {
+        mInvalid = JsonNode::Invalid{printable(path), printable(message)};
         mMessage =
                 mInvalid.path.empty() ? mInvalid.message : mInvalid.path + ": " + mInvalid.message;
         return false;

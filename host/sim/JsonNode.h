@@ -58,6 +58,10 @@ struct JsonStream {
     std::function<void(const nlohmann::json& element, size_t index)> element;
 };
 
+// `text` with its control characters written as \u00XX, so that a message quoting a key or a
+// value stays one line.
+std::string printable(const std::string& text);
+
 // Parses `text` as strict JSON: a key given twice in one object and a NUL character in a text or
 // a key are errors, not silently taken. False with `error` set to "<name>:<line>:<column>: <what>"
 // when it is not JSON, or "<name>: <key path>: <what>" for a duplicate key, a NUL character or a
