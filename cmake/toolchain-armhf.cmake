@@ -29,3 +29,9 @@ set(CMAKE_IGNORE_PATH /usr/lib/x86_64-linux-gnu /lib/x86_64-linux-gnu)
 
 find_program(PWR_QEMU_ARM qemu-arm REQUIRED)
 set(CMAKE_CROSSCOMPILING_EMULATOR ${PWR_QEMU_ARM})
+
+# 64-bit file offsets, as the device's C library always has them. Under qemu-user the host kernel
+# hands the 32-bit program the 64-bit directory offsets of a 64-bit process, which glibc's 32-bit
+# readdir cannot return (EOVERFLOW: the scan of a fake /dev/input would end before its first
+# entry); a phone's kernel gives a 32-bit process offsets that fit.
+add_compile_definitions(_FILE_OFFSET_BITS=64)
