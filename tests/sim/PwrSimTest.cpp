@@ -323,32 +323,6 @@ TEST_F(PwrSimTest, CommandLineErrorsAndHelp) {
     }
 }
 
-// A GPU-monitor configuration with one thing changed, as --check reads it.
-std::string gpuConfig(const std::string& from, const std::string& to) {
-    std::string xml = R"(<Feature name="PSMPowerOptFeature">
-<Configs>
-<Config name="PSM_STATE" value="0"/>
-<Config name="DEEP_MODE" value="0"/>
-<Config name="GPUMode" value="1"/>
-<Config name="GAME_TIMER" value="500"/>
-<Config name="GPU_SAMPLE_COUNT" value="5"/>
-<Config name="STABILITY_SAMPLE_COUNT" value="3"/>
-<Config name="GPU_BUSY_STABILITY_THRESHOLD" value="10"/>
-<Config name="GPU_Freq_THRESHOLD_LOW" value="300"/>
-<Config name="GPU_Freq_THRESHOLD_HIGH" value="600"/>
-</Configs>
-<Profiles>
-<Profile name="PROFILE_LIGHT_MODE"><PerfLock>0x40C00000, 1</PerfLock></Profile>
-<Profile name="DYN_0"><PerfLock>1, 2</PerfLock></Profile>
-<Profile name="DYN_1"><PerfLock>1, 3</PerfLock></Profile>
-<Profile name="DYN_2"><PerfLock>1, 4</PerfLock></Profile>
-</Profiles>
-</Feature>
-)";
-    const size_t at = xml.find(from);
-    return at == std::string::npos ? xml : xml.replace(at, from.size(), to);
-}
-
 // Each value a part of the feature cannot work with is an error naming its line; what is only
 // odd is a warning, which fails --strict.
 TEST_F(PwrSimTest, CheckNamesEachProblemWithItsLine) {
@@ -359,26 +333,30 @@ TEST_F(PwrSimTest, CheckNamesEachProblemWithItsLine) {
     const Row rows[] = {
             {"", "", ": 0 errors, 0 warnings"},
             {"name=\"PSMPowerOptFeature\"", "name=\"PSMPowerOpt\"",
-             ":1: error: <Feature name=\"PSMPowerOpt\">: the plug-in registers its feature as"},
+             ":7: error: <Feature name=\"PSMPowerOpt\">: the plug-in registers its feature as"},
             {"\"PSM_STATE\" value=\"0\"", "\"PSM_STATE\" value=\"9\"",
-             ":3: error: config \"PSM_STATE\" = 9: event dispatch knows the PSM modes 0 to 3"},
+             ":10: error: config \"PSM_STATE\" = 9: event dispatch knows the PSM modes 0 to 3"},
             {"GPU_Freq_THRESHOLD_HIGH", "GPU_FREQ_THRESHOLD_HIGH",
-             ":11: error: config \"GPU_FREQ_THRESHOLD_HIGH\" is read by no part; did you mean "
+             ":22: error: config \"GPU_FREQ_THRESHOLD_HIGH\" is read by no part; did you mean "
              "\"GPU_Freq_THRESHOLD_HIGH\"?"},
-            {"0x40C00000, 1<", "0x40C00000, 1, 0x40804000<",
-             ":14: error: profile \"PROFILE_LIGHT_MODE\" has a first <PerfLock> of 3 numbers"},
+            {"0x40804000, 0x5DC", "0x40804000",
+             ":27: error: profile \"PROFILE_LIGHT_MODE\" has a first <PerfLock> of 3 numbers"},
             {"\"GPU_SAMPLE_COUNT\" value=\"5\"", "\"GPU_SAMPLE_COUNT\" value=\"0\"",
-             ":7: error: config \"GPU_SAMPLE_COUNT\" = 0: the GPU monitor keeps at most"},
+             ":18: error: config \"GPU_SAMPLE_COUNT\" = 0: the GPU monitor keeps at most"},
             {"\"GPU_Freq_THRESHOLD_LOW\" value=\"300\"", "\"GPU_Freq_THRESHOLD_LOW\" value=\"-1\"",
-             ":10: error: config \"GPU_Freq_THRESHOLD_LOW\" = -1 MHz: the GPU monitor compares"},
+             ":21: error: config \"GPU_Freq_THRESHOLD_LOW\" = -1 MHz: the GPU monitor compares"},
             {"\"GPU_BUSY_STABILITY_THRESHOLD\" value=\"10\"",
              "\"GPU_BUSY_STABILITY_THRESHOLD\" value=\"-3\"",
-             ":9: error: config \"GPU_BUSY_STABILITY_THRESHOLD\" = -3: a busy range is never"},
-            {"</Configs>", "<Config name=\"MAX_SAMPLE_NUM\" value=\"5\"/>\n</Configs>",
-             ":12: warning: config \"MAX_SAMPLE_NUM\" is read only with \"DEEP_MODE\" on"},
+             ":20: error: config \"GPU_BUSY_STABILITY_THRESHOLD\" = -3: a busy range is never"},
+            {"    </Configs>", "<Config name=\"MAX_SAMPLE_NUM\" value=\"5\"/></Configs>",
+             ":23: warning: config \"MAX_SAMPLE_NUM\" is read only with \"DEEP_MODE\" on"},
     };
+    const std::string game = read(kSource + "configs/game.xml");
     for (const Row& row : rows) {
-        const std::string path = write("c.xml", gpuConfig(row.from, row.to));
+        // The bundled game configuration with one thing changed.
+        std::string xml = game;
+        if (!row.from.empty()) xml.replace(xml.find(row.from), row.from.size(), row.to);
+        const std::string path = write("c.xml", xml);
         const ToolRun r = run({"--check", path});
         EXPECT_THAT(r.out, HasSubstr(path + row.line)) << row.to;
         const bool clean = row.from.empty();
