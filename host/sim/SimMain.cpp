@@ -111,10 +111,13 @@ void catchStopSignals() {
 }
 
 // "pwr-sim: 3:12:00.000 of 24:00:00.000 simulated (13%)" on standard error, rewritten in place,
-// when it is a terminal and the run has taken more than a second.
+// when it is a terminal and the run has taken more than a second; not while the timeline scrolls
+// on that terminal (`printing`).
 class ProgressLine {
   public:
-    ProgressLine() : mTerminal(isatty(STDERR_FILENO) != 0), mStart(Clock::now()) {}
+    explicit ProgressLine(bool printing)
+        : mTerminal(isatty(STDERR_FILENO) != 0 && !(printing && isatty(STDOUT_FILENO) != 0)),
+          mStart(Clock::now()) {}
     ~ProgressLine() {
         if (mShown) fprintf(stderr, "\r\033[K");
     }
@@ -200,7 +203,7 @@ int simulate(pwr::sim::SimOptions& options, const std::string& outDir, const std
         trace.emplace(files.trace);
         observers.insert(observers.end(), {&*timeline, &*trace, &report});
     }
-    ProgressLine progress;
+    ProgressLine progress(!quiet);
     options.progress = [&progress](int64_t reached, int64_t duration) {
         progress.update(reached, duration);
     };
