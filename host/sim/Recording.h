@@ -44,6 +44,11 @@ struct LockSlice {
     std::optional<int64_t> endMs;  // none: held when the run ended
     int boostPid = 0;              // TaskBoost
     int boostValue = 0;            // TaskBoost: the scale carried (0 or negative)
+    // A bar that several slices were drawn into: the time they covered within it (0: all of it).
+    int64_t coveredMs = 0;
+
+    // The share of the bar's span (to `endMs` of the run for one still open) that it covered.
+    double share(int64_t runEndMs) const;
 };
 
 // Every lock of one kind and name over the run, for the summary.

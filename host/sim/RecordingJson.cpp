@@ -40,7 +40,8 @@ json slicesJson(const std::vector<LockSlice>& slices) {
                        {"start_ms", s.startMs},
                        {"end_ms", s.endMs ? json(*s.endMs) : json(nullptr)},
                        {"boost_pid", s.boostPid},
-                       {"boost_value", s.boostValue}});
+                       {"boost_value", s.boostValue},
+                       {"covered_ms", s.coveredMs}});
     }
     return out;
 }
@@ -57,6 +58,7 @@ std::vector<LockSlice> slicesOf(const json& list) {
         if (!l.at("end_ms").is_null()) s.endMs = l.at("end_ms").get<int64_t>();
         s.boostPid = l.at("boost_pid").get<int>();
         s.boostValue = l.at("boost_value").get<int>();
+        s.coveredMs = l.at("covered_ms").get<int64_t>();
         out.push_back(std::move(s));
     }
     return out;

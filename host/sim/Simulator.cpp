@@ -423,9 +423,14 @@ class Recorder {
     void addBarLocked(std::vector<LockSlice>* bars, std::map<std::string, size_t>* lastByTrack,
                       const LockSlice& slice) REQUIRES(mMutex) {
         auto last = lastByTrack->find(slice.track);
+        const int64_t span = slice.endMs.value_or(mEndMs) - slice.startMs;
         if (last != lastByTrack->end() &&
             slice.startMs - (*bars)[last->second].startMs < mSliceMs) {
-            (*bars)[last->second].endMs = slice.endMs;
+            LockSlice& bar = (*bars)[last->second];
+            const int64_t covered =
+                    bar.coveredMs > 0 ? bar.coveredMs : bar.endMs.value_or(mEndMs) - bar.startMs;
+            bar.coveredMs = covered + span;
+            bar.endMs = slice.endMs;
             return;
         }
         (*lastByTrack)[slice.track] = bars->size();
@@ -939,6 +944,13 @@ class Simulation {
 };
 
 }  // namespace
+
+double LockSlice::share(int64_t runEndMs) const {
+    const int64_t span = endMs.value_or(runEndMs) - startMs;
+    return coveredMs > 0 && span > 0
+                   ? std::min(1.0, static_cast<double>(coveredMs) / static_cast<double>(span))
+                   : 1.0;
+}
 
 double CounterTrack::at(int64_t timeMs, double fallback) const {
     if (points.empty()) return fallback;

@@ -131,7 +131,7 @@ void writeSvgPlot(const Recording& recording, std::ostream& out) {
     for (const LockSlice& slice : recording.locks) {
         tracks.insert(slice.track);
         bars.push_back(PlotBar{slice.track, slice.startMs, slice.endMs, slice.name,
-                               profileColor(slice.name)});
+                               profileColor(slice.name), slice.share(recording.durationMs)});
     }
     std::vector<std::string> lanes(tracks.begin(), tracks.end());
     // The feature's states and the foreground app above the locks.
@@ -143,7 +143,8 @@ void writeSvgPlot(const Recording& recording, std::ostream& out) {
         // Each foreground app in a colour of its own; the states in one.
         bars.push_back(
                 PlotBar{span.track, span.startMs, span.endMs, span.name,
-                        span.track == kLaneForeground ? profileColor(span.name) : kStateColor});
+                        span.track == kLaneForeground ? profileColor(span.name) : kStateColor,
+                        span.share(recording.durationMs)});
     }
     std::sort(stateLanes.begin(), stateLanes.end());
     lanes.insert(lanes.begin(), stateLanes.begin(), stateLanes.end());

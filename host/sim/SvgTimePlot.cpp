@@ -258,8 +258,13 @@ void SvgTimePlot::drawBars(std::ostream& out, double top, double height) const {
         const double y0 = top + 5 + kLaneHeight * lane->second;
         out << StringPrintf(
                 "<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" fill=\"%s\" "
-                "fill-opacity=\"0.8\"><title>%s</title></rect>\n",
-                x0, y0, x1 - x0, kLaneHeight - 6, bar.color.c_str(), svgEscape(bar.label).c_str());
+                "fill-opacity=\"%.2f\"><title>%s</title></rect>\n",
+                x0, y0, x1 - x0, kLaneHeight - 6, bar.color.c_str(),
+                0.8 * std::clamp(bar.share, 0.15, 1.0),
+                svgEscape(bar.share < 1 ? StringPrintf("%s (%.0f%% of this span)",
+                                                       bar.label.c_str(), 100 * bar.share)
+                                        : bar.label)
+                        .c_str());
     }
     double legendY = top + 12;
     for (const auto& [label, color] : legendColors) {

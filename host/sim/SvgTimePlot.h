@@ -41,6 +41,7 @@ struct PlotBar {
     std::optional<int64_t> endMs;  // none: to the end
     std::string label;             // legend and tooltip
     std::string color;
+    double share = 1;  // of the bar's span actually covered (bars drawn into one): its opacity
 };
 
 // Panels of quantities sharing a time axis (seconds; minutes past five minutes; hours past three
