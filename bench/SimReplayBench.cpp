@@ -34,7 +34,7 @@ void BM_SimulateGameScenario(benchmark::State& state) {
     for (auto _ : state) {
         pwr::sim::Recording recording;
         std::ostringstream err;
-        if (pwr::sim::runSimulation(options, &recording, err) != 0) {
+        if (pwr::sim::runSimulation(options, &recording, {}, err) != 0) {
             state.SkipWithError(err.str().c_str());
             return;
         }

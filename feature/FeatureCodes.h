@@ -37,6 +37,9 @@ inline constexpr int kAppTypeGame = 2;
 inline constexpr int kAppTypeBrowser = 3;
 inline constexpr int kAppTypeVideo = 5;
 
+// The name the plug-in registers its factory under in the host's registry.
+inline constexpr char kFeatureName[] = "PSMPowerOptFeature";
+
 // PSM modes (mPsmMode).
 inline constexpr int kModeOff = 0;
 inline constexpr int kModeLight = 1;

@@ -7,6 +7,7 @@
 
 #include "feature/BatteryMonitor.h"
 #include "feature/DeepMode.h"
+#include "feature/FeatureCodes.h"
 #include "feature/FeatureSettings.h"
 #include "feature/GpuStabilityMonitor.h"
 #include "feature/PowerOptFeature.h"
@@ -29,7 +30,7 @@ struct PSMFeatureSnapshot;
 // taken, except the deep timer's mutex before the timer service's.
 class PSMPowerOptFeature : public PowerOptFeature {
   public:
-    static constexpr char kFeatureName[] = "PSMPowerOptFeature";
+    static constexpr const char* kFeatureName = pwr::codes::kFeatureName;
 
     // Enters the factory into the host's registry when the library is loaded.
     static FeatureInstance<PSMPowerOptFeature> featureInstance;

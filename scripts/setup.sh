@@ -9,6 +9,8 @@ PACKAGES=(
     # The phone's capture script is tested under busybox's sh and mksh, stand-ins for the
     # phone's own minimal shell.
     busybox mksh
+    # pwr-sim's report page is checked in a real browser.
+    chromium
 )
 source "$(dirname "$0")/lib/apt.sh"
 pwr_apt_install "${PACKAGES[@]}"

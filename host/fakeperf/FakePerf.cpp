@@ -31,8 +31,7 @@ State& state() {
 // Records `call` and hands it to the observer, outside the lock so the observer may query.
 void record(State& s, std::unique_lock<std::mutex>& lock, Call&& call) {
     std::function<void(const Call&)> observer = s.observer;
-    if (!s.recording) return;
-    s.calls.push_back(call);
+    if (s.recording) s.calls.push_back(call);
     lock.unlock();
     if (observer) observer(call);
 }
@@ -159,7 +158,7 @@ extern "C" int perf_lock_acq(int handle, int duration, int* list, int numArgs) {
         result = s.nextHandle++;
         s.held[result] = args;
     }
-    if (!s.recording) return result;
+    if (!s.recording && !s.observer) return result;
     Call call;
     call.kind = CallKind::LockAcquire;
     call.handle = handle;
@@ -174,7 +173,7 @@ extern "C" int perf_lock_rel(int handle) {
     auto& s = fakeperf::state();
     std::unique_lock<std::mutex> lock(s.mutex);
     int result = s.held.erase(handle) > 0 ? 0 : -1;
-    if (!s.recording) return result;
+    if (!s.recording && !s.observer) return result;
     Call call;
     call.kind = CallKind::LockRelease;
     call.handle = handle;
@@ -188,7 +187,7 @@ extern "C" int perf_hint(int hintId, const char* pkg, int duration, int type) {
     auto& s = fakeperf::state();
     std::unique_lock<std::mutex> lock(s.mutex);
     int result = s.failAcquire ? s.failResult : s.nextHandle++;
-    if (!s.recording) return result;
+    if (!s.recording && !s.observer) return result;
     Call call;
     call.kind = CallKind::Hint;
     call.hintId = hintId;
@@ -211,7 +210,7 @@ extern "C" int perf_get_feedback(int request, const char* app) {
         auto it = s.appTypes.find(name);
         result = it != s.appTypes.end() ? it->second : s.defaultAppType;
     }
-    if (!s.recording) return result;
+    if (!s.recording && !s.observer) return result;
     Call call;
     call.kind = CallKind::GetFeedback;
     call.request = request;

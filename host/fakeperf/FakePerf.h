@@ -37,7 +37,8 @@ void setDefaultAppType(int type);
 // While set, "perf_lock_acq" answers `result` (a value below 1) instead of granting a lock.
 void setAcquireFailure(bool fail, int result = -1);
 
-// Stop or resume recording calls (a benchmark makes millions).
+// Stop or resume keeping calls for calls() (a benchmark or a long simulation makes millions);
+// the observer sees them either way.
 void setRecording(bool on);
 
 // Called on the calling thread after every recorded call, for tools that print as they go.

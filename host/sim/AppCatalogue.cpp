@@ -8,6 +8,7 @@
 #include <android-base/strings.h>
 
 #include "host/sim/Scenario.h"
+#include "host/tools/InputFile.h"
 
 namespace pwr::sim {
 
@@ -52,10 +53,7 @@ bool AppCatalogue::parseText(std::string_view text, const std::string& name, App
 
 bool AppCatalogue::parseFile(const std::string& path, AppCatalogue* out, std::string* error) {
     std::string content;
-    if (!android::base::ReadFileToString(path, &content)) {
-        *error = path + ": cannot read: " + strerror(errno);
-        return false;
-    }
+    if (!tools::readInputFile(path, &content, error)) return false;
     return parseText(content, path, out, error);
 }
 

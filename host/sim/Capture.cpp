@@ -9,6 +9,8 @@
 #include <android-base/parseint.h>
 #include <android-base/strings.h>
 
+#include "host/tools/InputFile.h"
+
 namespace pwr::sim {
 namespace {
 
@@ -211,6 +213,7 @@ bool Capture::parseText(std::string_view text, const std::string& name, Capture*
                         std::string* error) {
     *out = Capture{};
     out->file = name;
+    if (!tools::checkNoNul(text, name, error)) return false;
     std::vector<std::string> lines = android::base::Split(std::string(text), "\n");
     // A text ending with a line end splits into a last empty piece; anything else there is a
     // line cut off in the middle.
@@ -250,10 +253,7 @@ bool Capture::parseText(std::string_view text, const std::string& name, Capture*
 
 bool Capture::parseFile(const std::string& path, Capture* out, std::string* error) {
     std::string content;
-    if (!android::base::ReadFileToString(path, &content)) {
-        *error = path + ": cannot read: " + strerror(errno);
-        return false;
-    }
+    if (!tools::readInputFile(path, &content, error)) return false;
     return parseText(content, path, out, error);
 }
 

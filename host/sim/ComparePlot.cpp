@@ -46,7 +46,7 @@ void writeComparePlot(const std::vector<ComparedRun>& runs, std::ostream& out) {
         for (const LockSlice& slice : run.recording.locks) {
             if (slice.kind != LockSlice::Kind::Profile) continue;
             bars.push_back(PlotBar{lane, slice.startMs, slice.endMs, slice.name,
-                                   profileColor(slice.name)});
+                                   profileColor(slice.name), slice.share(first.durationMs)});
         }
         std::vector<PlotBar> saturated = saturatedBars(run.recording, run.label + ": saturated");
         if (!saturated.empty()) {

@@ -13,6 +13,7 @@
 #include "host/sim/JsonNode.h"
 #include "host/sim/PowerProfileXml.h"
 #include "host/tools/FeatureConfigXml.h"
+#include "host/tools/InputFile.h"
 
 namespace pwr::sim {
 namespace {
@@ -304,10 +305,7 @@ bool DeviceModel::parseText(std::string_view text, const std::string& name, Devi
 
 bool DeviceModel::parseFile(const std::string& path, DeviceModel* out, std::string* error) {
     std::string content;
-    if (!android::base::ReadFileToString(path, &content)) {
-        *error = path + ": cannot read: " + strerror(errno);
-        return false;
-    }
+    if (!tools::readInputFile(path, &content, error)) return false;
     return parseText(content, path, out, error);
 }
 

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cmath>
@@ -35,21 +36,37 @@ FakeDevice::FakeDevice(const Scenario& scenario, const DeviceModel* model)
     if (model != nullptr) mClosedLoop = std::make_unique<ClosedLoop>(*model, scenario.gpu);
 }
 
+FakeDevice::Node::~Node() {
+    if (page != nullptr) munmap(page, kNodePage);
+}
+
 bool FakeDevice::write(const std::string& devicePath, const std::string& content,
                        std::string* error) {
     Node& node = mNodes[devicePath];
     if (node.fd != -1 && node.content == content) return true;
     const std::string path = pwr::devicePath(devicePath);
-    // Each node stays open and is rewritten in place, then cut to length: opening a file for
-    // writing, or truncating it to zero, costs a millisecond or more on some file systems, and
-    // a long scenario rewrites its nodes thousands of times.
     if (node.fd == -1) {
-        node.fd.reset(TEMP_FAILURE_RETRY(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644)));
+        if (node.page != nullptr) munmap(node.page, kNodePage);
+        node.fd.reset(TEMP_FAILURE_RETRY(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)));
+        void* page = node.fd == -1 ? MAP_FAILED
+                                   : mmap(nullptr, kNodePage, PROT_READ | PROT_WRITE, MAP_SHARED,
+                                          node.fd, 0);
+        node.page = page == MAP_FAILED ? nullptr : static_cast<char*>(page);
+        // A file kept from an earlier run may hold more than will be written.
+        node.content.clear();
+        if (node.fd != -1 && TEMP_FAILURE_RETRY(ftruncate(node.fd, 0)) != 0) node.fd.reset();
     }
-    if (node.fd == -1 ||
-        TEMP_FAILURE_RETRY(pwrite(node.fd, content.data(), content.size(), 0)) !=
-                static_cast<ssize_t>(content.size()) ||
-        TEMP_FAILURE_RETRY(ftruncate(node.fd, static_cast<off_t>(content.size()))) != 0) {
+    // The length first: a mapped byte past the end of the file cannot be written.
+    bool ok = node.fd != -1 &&
+              (content.size() == node.content.size() ||
+               TEMP_FAILURE_RETRY(ftruncate(node.fd, static_cast<off_t>(content.size()))) == 0);
+    if (ok && node.page != nullptr && content.size() <= kNodePage) {
+        memcpy(node.page, content.data(), content.size());
+    } else if (ok) {
+        ok = TEMP_FAILURE_RETRY(pwrite(node.fd, content.data(), content.size(), 0)) ==
+             static_cast<ssize_t>(content.size());
+    }
+    if (!ok) {
         *error = "cannot write the device node " + path + ": " + strerror(errno);
         node.fd.reset();
         return false;

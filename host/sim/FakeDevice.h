@@ -82,11 +82,19 @@ class FakeDevice {
     State mState;
     int64_t mLastMs = 0;
     std::map<uint64_t, double> mTimeInStateUs;  // MHz -> cumulative time
-    // A node written at least once: kept open, with what it holds.
+    // A node written at least once: kept open and mapped, with what it holds. A write is a copy
+    // into the mapped page (a system call only when the length changes): a long scenario
+    // rewrites its nodes millions of times.
     struct Node {
+        Node() = default;
+        ~Node();
+        Node(const Node&) = delete;
+        Node& operator=(const Node&) = delete;
         android::base::unique_fd fd;
         std::string content;
+        char* page = nullptr;  // the file's first kNodePage bytes, mapped shared
     };
+    static constexpr size_t kNodePage = 4096;
     std::map<std::string, Node> mNodes;  // by device path
     // Cursors into the traces: points are visited in time order.
     size_t mGpuCursor = 0;

@@ -25,6 +25,7 @@
 #include "host/sim/TraceImport.h"
 #include "host/tools/FeatureConfigXml.h"
 #include "host/tools/FeatureKeys.h"
+#include "host/tools/InputFile.h"
 
 namespace pwr::sim {
 namespace {
@@ -141,9 +142,7 @@ int runImport(const Options& options) {
         return fail(options.config + ": no such configuration");
     }
     std::string text;
-    if (!android::base::ReadFileToString(options.input, &text)) {
-        return fail(options.input + ": cannot read: " + strerror(errno));
-    }
+    if (!tools::readInputFile(options.input, &text, &error)) return fail(error);
     const size_t first = text.find_first_not_of(" \t\r\n");
     const bool trace = first != std::string::npos && (text[first] == '{' || text[first] == '[');
     Scenario scenario;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -49,9 +50,27 @@ class JsonNode {
     std::string mPath;
 };
 
-// Parses `text` as JSON. False with `error` set to "<name>:<line>:<column>: <what>" when it is
-// not JSON; nothing throws.
+// The elements of one list of the top-level object, handed over one at a time as they are read
+// instead of being kept in the document, so that a long list costs no memory. The list stays
+// empty in the document. `element` may throw JsonNode::Invalid to stop the parse.
+struct JsonStream {
+    std::string key;  // the top-level key whose list is streamed
+    std::function<void(const nlohmann::json& element, size_t index)> element;
+};
+
+// `text` with its control characters written as \u00XX, so that a message quoting a key or a
+// value stays one line.
+std::string printable(const std::string& text);
+
+// Parses `text` as strict JSON: a key given twice in one object and a NUL character in a text or
+// a key are errors, not silently taken. False with `error` set to "<name>:<line>:<column>: <what>"
+// when it is not JSON, or "<name>: <key path>: <what>" for a duplicate key, a NUL character or a
+// JsonNode::Invalid from `stream`; nothing throws.
 bool parseJsonText(std::string_view text, const std::string& name, nlohmann::json* out,
-                   std::string* error);
+                   std::string* error, const JsonStream* stream = nullptr);
+
+// The same for a file ("-": standard input), read as it is parsed rather than kept whole.
+bool parseJsonFile(const std::string& path, nlohmann::json* out, std::string* error,
+                   const JsonStream* stream = nullptr);
 
 }  // namespace pwr::sim

@@ -10,6 +10,8 @@
 #include <android-base/strings.h>
 #include <tinyxml2.h>
 
+#include "host/tools/InputFile.h"
+
 namespace pwr::sim {
 namespace {
 
@@ -39,10 +41,7 @@ std::string PowerProfile::where(const std::string& name) const {
 
 bool PowerProfileXml::parseFile(const std::string& path, PowerProfile* out, std::string* error) {
     std::string content;
-    if (!android::base::ReadFileToString(path, &content)) {
-        *error = path + ": cannot read: " + strerror(errno);
-        return false;
-    }
+    if (!tools::readInputFile(path, &content, error)) return false;
     return parseText(content, path, out, error);
 }
 

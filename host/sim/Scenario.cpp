@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/sim/JsonNode.h"
+#include "host/tools/InputFile.h"
 
 namespace pwr::sim {
 namespace {
@@ -70,6 +71,7 @@ class Reader {
   public:
     Reader(Scenario* out) : mOut(out) {}
 
+    // Everything but the events, which event() took as the parser read them.
     void read(const json& root) {
         const Node top = Node(root, "").object("an object with the scenario");
         top.onlyKeys({"name", "description", "config", "duration", "debug", "apps", "properties",
@@ -100,7 +102,10 @@ class Reader {
         if (top.has("gpu")) readGpu(top.child("gpu").object("an object"));
         if (top.has("battery")) readBattery(top.child("battery").object("an object"));
         if (top.has("foreground")) readForeground(top.child("foreground").object("an object"));
-        if (top.has("events")) readEvents(top.child("events"));
+        if (top.has("events")) top.child("events").array();
+        if (mOut->eventCount > 0 && mLastEventMs > mOut->durationMs) {
+            Node(json(), mLastEventPath + ".t").fail("is after the scenario's duration");
+        }
     }
 
   private:
@@ -216,36 +221,62 @@ class Reader {
         }
     }
 
-    void readEvents(const Node& events) {
-        const json& list = events.array();
-        for (size_t i = 0; i < list.size(); ++i) {
-            const Node e = events.element(i).object("an object with t and event or note");
-            e.onlyKeys({"t", "event", "note"});
-            ScenarioEvent event;
-            event.timeMs = e.child("t").seconds();
-            if (e.has("note")) event.note = e.child("note").text();
-            if (e.has("event")) {
-                const Node what = e.child("event");
-                std::string message;
-                if (!tools::EventScript::parseEvent(what.text(), &event.event, &message)) {
-                    what.fail(message);
-                }
-                if (event.event.kind == tools::ScriptEvent::Kind::End) {
-                    what.fail("\"end\" is not an event here; the scenario's duration ends it");
-                }
-                event.event.timeMs = event.timeMs;
-                event.hasEvent = true;
-            } else if (!e.has("note")) {
-                e.fail("needs \"event\", \"note\" or both");
+  public:
+    // One element of "events", as the parser hands it over.
+    void event(const Node& e) {
+        e.object("an object with t and event or note");
+        e.onlyKeys({"t", "event", "note"});
+        ScenarioEvent event;
+        event.timeMs = e.child("t").seconds();
+        if (e.has("note")) event.note = e.child("note").text();
+        if (e.has("event")) {
+            const Node what = e.child("event");
+            std::string message;
+            if (!tools::EventScript::parseEvent(what.text(), &event.event, &message)) {
+                what.fail(message);
             }
-            if (event.timeMs > mOut->durationMs) {
-                e.child("t").fail("is after the scenario's duration");
+            if (event.event.kind == tools::ScriptEvent::Kind::End) {
+                what.fail("\"end\" is not an event here; the scenario's duration ends it");
             }
+            event.event.timeMs = event.timeMs;
+            event.hasEvent = true;
+        } else if (!e.has("note")) {
+            e.fail("needs \"event\", \"note\" or both");
+        }
+        if (mOut->eventCount > 0 && event.timeMs < mLastEventMs) {
+            e.child("t").fail("is before the previous point's time; times must not decrease");
+        }
+        // The duration may come after the events; the last event, the latest, is checked then.
+        if (mOut->durationMs > 0 && event.timeMs > mOut->durationMs) {
+            e.child("t").fail("is after the scenario's duration");
+        }
+        mLastEventMs = event.timeMs;
+        mLastEventPath = e.path();
+        ++mOut->eventCount;
+        if (mDeliver) {
+            mDeliver(event);
+        } else if (mKeepEvents) {
             mOut->events.push_back(std::move(event));
-            checkOrder(events, mOut->events);
         }
     }
 
+    // Reads the duration as soon as the parse has it, so that events after it are checked at
+    // once.
+    void peekDuration(const json& partial) {
+        if (mOut->durationMs > 0 || !partial.is_object() || !partial.contains("duration")) return;
+        const json& duration = partial.at("duration");
+        if (duration.is_number() && duration.get<double>() > 0 &&
+            duration.get<double>() <= 30.0 * 24 * 3600) {
+            mOut->durationMs = Node(duration, "duration").seconds();
+        }
+    }
+
+    bool mKeepEvents = true;
+    std::function<void(const ScenarioEvent&)> mDeliver;
+    int64_t mLastEventMs = 0;
+    std::string mLastEventPath;
+
+  private:
     Scenario* mOut;
 };
 
@@ -285,14 +316,24 @@ std::string appTypeWord(int type) {
     return std::to_string(type);
 }
 
-bool Scenario::parseText(std::string_view text, const std::string& name, Scenario* out,
-                         std::string* error) {
-    *out = Scenario{};
-    out->file = name;
-    json root;
-    if (!parseJsonText(text, name, &root, error)) return false;
+namespace {
+
+// Parses a scenario from `text` (or, when null, the file `path`), handing each event to `reader`
+// as it is read.
+bool parseScenario(const std::string* text, const std::string& path, Reader& reader, json* root,
+                   std::string* error) {
+    JsonStream stream{"events", [&](const json& element, size_t index) {
+                          reader.peekDuration(*root);
+                          reader.event(Node(element, "events[" + std::to_string(index) + "]"));
+                      }};
+    return text != nullptr ? parseJsonText(*text, path, root, error, &stream)
+                           : parseJsonFile(path, root, error, &stream);
+}
+
+bool finish(const std::string& name, Scenario* out, Reader& reader, const json& root,
+            std::string* error) {
     try {
-        Reader(out).read(root);
+        reader.read(root);
     } catch (const JsonNode::Invalid& invalid) {
         *error = name + ": " + (invalid.path.empty() ? "" : invalid.path + ": ") + invalid.message;
         return false;
@@ -308,13 +349,73 @@ bool Scenario::parseText(std::string_view text, const std::string& name, Scenari
     return true;
 }
 
-bool Scenario::parseFile(const std::string& path, Scenario* out, std::string* error) {
-    std::string content;
-    if (!android::base::ReadFileToString(path, &content)) {
-        *error = path + ": cannot read: " + strerror(errno);
+}  // namespace
+
+bool Scenario::parseText(std::string_view text, const std::string& name, Scenario* out,
+                         std::string* error, bool keepEvents) {
+    *out = Scenario{};
+    out->file = name;
+    auto kept = std::make_shared<const std::string>(text);
+    Reader reader(out);
+    reader.mKeepEvents = keepEvents;
+    json root;
+    if (!parseScenario(kept.get(), name, reader, &root, error) ||
+        !finish(name, out, reader, root, error)) {
         return false;
     }
-    return parseText(content, path, out, error);
+    if (!keepEvents) out->mSourceText = std::move(kept);
+    return true;
+}
+
+bool Scenario::parseFile(const std::string& path, Scenario* out, std::string* error,
+                         bool keepEvents) {
+    if (path == tools::kStandardInput) {
+        // Standard input reads once: its text is kept for a second reading of the events.
+        std::string text;
+        if (!tools::readInputFile(path, &text, error)) return false;
+        return parseText(text, path, out, error, keepEvents);
+    }
+    *out = Scenario{};
+    out->file = path;
+    Reader reader(out);
+    reader.mKeepEvents = keepEvents;
+    json root;
+    if (!parseScenario(nullptr, path, reader, &root, error) ||
+        !finish(path, out, reader, root, error)) {
+        return false;
+    }
+    if (!keepEvents) out->mSourcePath = path;
+    return true;
+}
+
+bool Scenario::forEachEvent(const std::function<bool(const ScenarioEvent&)>& deliver,
+                            std::string* error) const {
+    if (!mSourceText && mSourcePath.empty()) {
+        for (const ScenarioEvent& event : events) {
+            if (!deliver(event)) return false;
+        }
+        return true;
+    }
+    // Read again as the first reading did; `stopped` tells the caller's stop from a failure.
+    Scenario again;
+    again.file = file;
+    Reader reader(&again);
+    bool stopped = false;
+    reader.mDeliver = [&](const ScenarioEvent& event) {
+        if (!deliver(event)) {
+            stopped = true;
+            throw JsonNode::Invalid{"", "stopped"};
+        }
+    };
+    json root;
+    if (parseScenario(mSourceText.get(), mSourcePath.empty() ? file : mSourcePath, reader, &root,
+                      error)) {
+        if (again.eventCount == eventCount) return true;
+        *error = file + ": changed while it was simulated";
+        return false;
+    }
+    if (stopped) error->clear();
+    return false;
 }
 
 }  // namespace pwr::sim

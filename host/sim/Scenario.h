@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -78,13 +80,31 @@ struct Scenario {
     std::vector<GpuPoint> gpu;
     std::vector<BatteryPoint> battery;  // empty: no battery node
     std::vector<ForegroundPoint> foreground;
+    // The events, when they were kept (the parse's `keepEvents`); else they are read again from
+    // the source, one at a time, by forEachEvent.
     std::vector<ScenarioEvent> events;
+    size_t eventCount = 0;
 
     // False, with `error` set to one line "<file>:<line>:<column>: <what>" for text that is not
     // JSON, or "<file>: <key path>: <what>" for a scenario that is not valid; nothing throws.
+    // Every event is checked; with `keepEvents` false none is kept, so that a scenario of any
+    // length costs the same memory, and forEachEvent reads them again.
     static bool parseText(std::string_view text, const std::string& name, Scenario* out,
-                          std::string* error);
-    static bool parseFile(const std::string& path, Scenario* out, std::string* error);
+                          std::string* error, bool keepEvents = true);
+    // The same for a file ("-": standard input), read as it is parsed.
+    static bool parseFile(const std::string& path, Scenario* out, std::string* error,
+                          bool keepEvents = true);
+
+    // Hands every event to `deliver` in time order, from `events` or by reading the source again;
+    // stops when `deliver` returns false. False when `deliver` did, or (with `error` set) when
+    // the source no longer reads as it did.
+    bool forEachEvent(const std::function<bool(const ScenarioEvent&)>& deliver,
+                      std::string* error) const;
+
+  private:
+    // Where events that were not kept are read again: the file, or the text itself.
+    std::string mSourcePath;
+    std::shared_ptr<const std::string> mSourceText;
 };
 
 }  // namespace pwr::sim

@@ -3,22 +3,31 @@
 
 #include <errno.h>
 #include <getopt.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <optional>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "host/sim/ChromeTrace.h"
 #include "host/sim/ConfigCheck.h"
+#include "host/sim/HtmlReport.h"
 #include "host/sim/RecordingJson.h"
 #include "host/sim/Simulator.h"
 #include "host/sim/Subcommands.h"
 #include "host/sim/Summary.h"
 #include "host/sim/SummaryJson.h"
 #include "host/sim/SvgPlot.h"
+#include "host/sim/TempDir.h"
 #include "host/sim/TimelineWriter.h"
 #include "host/tools/ToolOptions.h"
 
@@ -46,8 +55,8 @@ void usage(std::ostream& out) {
            "                      the scenario's GPU trace is demand (docs/device-model.md)\n"
            "  --out DIR           also write DIR/timeline.txt, summary.txt, summary.json, "
            "trace.json\n"
-           "                      (Chrome trace-event format: Perfetto UI, chrome://tracing) and\n"
-           "                      plot.svg\n"
+           "                      (Chrome trace-event format: Perfetto UI, chrome://tracing),\n"
+           "                      plot.svg and report.html (all of it, for a browser)\n"
            "  --json FILE         write the summary as JSON to FILE (stable keys, for scripts)\n"
            "  --recording FILE    write everything the run observed as JSON to FILE\n"
            "  --quiet             print only the summary\n"
@@ -63,9 +72,13 @@ void usage(std::ostream& out) {
            "  --check CONFIG.xml  check a configuration; --strict fails on warnings too\n"
            "  -h, --help          this text\n"
            "\n"
+           "Files may be symbolic links; \"-\" reads the scenario or configuration from standard\n"
+           "input.\n"
+           "\n"
            "Exit status: 0 done (--check: no error); 1 invalid scenario or configuration, plug-in\n"
            "not loadable, feature not built or not ready (--check: problems found); 2 usage "
-           "error.\n";
+           "error;\n"
+           "130 interrupted (Ctrl-C).\n";
 }
 
 // Writes one report file; false after an error line.
@@ -79,6 +92,167 @@ bool writeFile(const std::filesystem::path& path, const std::function<void(std::
         return false;
     }
     return true;
+}
+
+volatile sig_atomic_t gStop = 0;
+
+void requestStop(int) {
+    gStop = 1;
+}
+
+// Ctrl-C and SIGTERM stop the run between two steps, so that it ends as after an error: the
+// temporary device tree and the files of an unfinished run are removed.
+void catchStopSignals() {
+    struct sigaction action = {};
+    action.sa_handler = requestStop;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+// "pwr-sim: 3:12:00.000 of 24:00:00.000 simulated (13%)" on standard error, rewritten in place,
+// when it is a terminal and the run has taken more than a second; not while the timeline scrolls
+// on that terminal (`printing`).
+class ProgressLine {
+  public:
+    explicit ProgressLine(bool printing)
+        : mTerminal(isatty(STDERR_FILENO) != 0 && !(printing && isatty(STDOUT_FILENO) != 0)),
+          mStart(Clock::now()) {}
+    ~ProgressLine() {
+        if (mShown) fprintf(stderr, "\r\033[K");
+    }
+
+    void update(int64_t reachedMs, int64_t durationMs) {
+        if (!mTerminal || ++mCalls % 1024 != 0) return;
+        const Clock::time_point now = Clock::now();
+        if (now - mStart < std::chrono::seconds(1) ||
+            now - mLast < std::chrono::milliseconds(200)) {
+            return;
+        }
+        mLast = now;
+        mShown = true;
+        fprintf(stderr, "\rpwr-sim: %s of %s simulated (%d%%)",
+                pwr::sim::formatTime(reachedMs).c_str(), pwr::sim::formatTime(durationMs).c_str(),
+                static_cast<int>(durationMs > 0 ? 100 * reachedMs / durationMs : 0));
+    }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    const bool mTerminal;
+    const Clock::time_point mStart;
+    Clock::time_point mLast;
+    uint64_t mCalls = 0;
+    bool mShown = false;
+};
+
+// The files --out writes; those written while the run goes are open before it starts.
+struct OutFiles {
+    std::filesystem::path dir;
+    std::ofstream timeline;
+    std::ofstream trace;
+
+    static constexpr const char* kNames[] = {"timeline.txt", "summary.txt", "summary.json",
+                                             "trace.json",   "plot.svg",    "report.html"};
+
+    bool open(const std::string& outDir) {
+        std::string error;
+        if (!pwr::sim::makeWritableFolder(outDir, &error)) {
+            std::cerr << "pwr-sim: error: " << error << '\n';
+            return false;
+        }
+        dir = outDir;
+        // Large buffers: a long run writes hundreds of megabytes a line at a time.
+        timeline.rdbuf()->pubsetbuf(mTimelineBuffer.data(), mTimelineBuffer.size());
+        trace.rdbuf()->pubsetbuf(mTraceBuffer.data(), mTraceBuffer.size());
+        timeline.open(dir / "timeline.txt");
+        trace.open(dir / "trace.json");
+        if (!timeline || !trace) {
+            std::cerr << "pwr-sim: error: cannot write in " << outDir << ": " << strerror(errno)
+                      << '\n';
+            return false;
+        }
+        return true;
+    }
+
+    std::vector<char> mTimelineBuffer = std::vector<char>(1 << 20);
+    std::vector<char> mTraceBuffer = std::vector<char>(1 << 20);
+
+    // Removes what an unfinished run wrote.
+    void discard() {
+        timeline.close();
+        trace.close();
+        std::error_code ec;
+        for (const char* name : kNames) std::filesystem::remove(dir / name, ec);
+    }
+};
+
+int simulate(pwr::sim::SimOptions& options, const std::string& outDir, const std::string& jsonPath,
+             const std::string& recordingPath, bool quiet, bool brief) {
+    std::ios::sync_with_stdio(false);
+    // The output folder is checked (and the streamed files opened) before the run.
+    OutFiles files;
+    if (!outDir.empty() && !files.open(outDir)) return 1;
+    std::vector<pwr::sim::RunObserver*> observers;
+    pwr::sim::TimelineWriter printed(std::cout, !brief);
+    if (!quiet) observers.push_back(&printed);
+    std::optional<pwr::sim::TimelineWriter> timeline;
+    std::optional<pwr::sim::ChromeTraceWriter> trace;
+    pwr::sim::HtmlReport report;
+    if (!outDir.empty()) {
+        timeline.emplace(files.timeline, true);
+        trace.emplace(files.trace);
+        observers.insert(observers.end(), {&*timeline, &*trace, &report});
+    }
+    ProgressLine progress(!quiet);
+    options.progress = [&progress](int64_t reached, int64_t duration) {
+        progress.update(reached, duration);
+    };
+    options.stopRequested = [] { return gStop != 0; };
+    catchStopSignals();
+
+    pwr::sim::Recording recording;
+    const int status = pwr::sim::runSimulation(options, &recording, observers, std::cerr);
+    if (status != 0) {
+        if (!outDir.empty()) files.discard();
+        return status;
+    }
+    const pwr::sim::Summary summary = pwr::sim::Summary::of(recording);
+    auto writeJson = [&](std::ostream& out) {
+        out << pwr::sim::summaryJson(summary, recording).dump(2) << '\n';
+    };
+    if ((!jsonPath.empty() && !writeFile(jsonPath, writeJson)) ||
+        (!recordingPath.empty() && !writeFile(recordingPath, [&](std::ostream& out) {
+            out << pwr::sim::RecordingJson::toJson(recording).dump() << '\n';
+        }))) {
+        return 1;
+    }
+    if (!quiet) std::cout << '\n';
+    std::ostringstream summaryText;
+    pwr::sim::writeSummary(summary, recording, summaryText);
+    std::cout << summaryText.str();
+    if (outDir.empty()) return 0;
+
+    trace->finish(recording);
+    files.timeline.close();
+    files.trace.close();
+    if (!files.timeline || !files.trace) {
+        std::cerr << "pwr-sim: error: cannot write the timeline or trace in " << outDir << '\n';
+        return 1;
+    }
+    std::ostringstream plot;
+    pwr::sim::writeSvgPlot(recording, plot);
+    const std::filesystem::path& dir = files.dir;
+    if (!writeFile(dir / "summary.txt", [&](std::ostream& out) { out << summaryText.str(); }) ||
+        !writeFile(dir / "summary.json", writeJson) ||
+        !writeFile(dir / "plot.svg", [&](std::ostream& out) { out << plot.str(); }) ||
+        !writeFile(dir / "report.html", [&](std::ostream& out) {
+            report.write(recording, summaryText.str(), plot.str(), out);
+        })) {
+        return 1;
+    }
+    std::cout << "\nWrote " << (dir / "timeline.txt").string()
+              << ", summary.txt, summary.json, trace.json, plot.svg and report.html\n";
+    return 0;
 }
 
 }  // namespace
@@ -199,42 +373,5 @@ int main(int argc, char** argv) {
     if (check) return pwr::sim::checkConfig(positional, strict, std::cout);
 
     options.scenarioPath = positional;
-    pwr::sim::Recording recording;
-    if (pwr::sim::runSimulation(options, &recording, std::cerr) != 0) return 1;
-    const pwr::sim::Summary summary = pwr::sim::Summary::of(recording);
-    auto writeJson = [&](std::ostream& out) {
-        out << pwr::sim::summaryJson(summary, recording).dump(2) << '\n';
-    };
-    if ((!jsonPath.empty() && !writeFile(jsonPath, writeJson)) ||
-        (!recordingPath.empty() && !writeFile(recordingPath, [&](std::ostream& out) {
-            out << pwr::sim::RecordingJson::toJson(recording).dump() << '\n';
-        }))) {
-        return 1;
-    }
-    if (!quiet) {
-        pwr::sim::writeTimeline(recording, std::cout, !brief);
-        std::cout << '\n';
-    }
-    pwr::sim::writeSummary(summary, recording, std::cout);
-
-    if (!outDir.empty()) {
-        std::error_code ec;
-        std::filesystem::create_directories(outDir, ec);
-        const std::filesystem::path dir(outDir);
-        if (!writeFile(dir / "timeline.txt",
-                       [&](std::ostream& out) { pwr::sim::writeTimeline(recording, out); }) ||
-            !writeFile(
-                    dir / "summary.txt",
-                    [&](std::ostream& out) { pwr::sim::writeSummary(summary, recording, out); }) ||
-            !writeFile(dir / "summary.json", writeJson) ||
-            !writeFile(dir / "trace.json",
-                       [&](std::ostream& out) { pwr::sim::writeChromeTrace(recording, out); }) ||
-            !writeFile(dir / "plot.svg",
-                       [&](std::ostream& out) { pwr::sim::writeSvgPlot(recording, out); })) {
-            return 1;
-        }
-        std::cout << "\nWrote " << (dir / "timeline.txt").string() << ", summary.txt, "
-                  << "summary.json, trace.json and plot.svg\n";
-    }
-    return 0;
+    return simulate(options, outDir, jsonPath, recordingPath, quiet, brief);
 }

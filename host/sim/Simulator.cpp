@@ -21,8 +21,10 @@
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
 #include "host/sim/DeviceModel.h"
+#include "host/sim/Explainer.h"
 #include "host/sim/FakeDevice.h"
 #include "host/sim/Scenario.h"
+#include "host/sim/SeriesSketch.h"
 #include "host/tools/DeviceRootSession.h"
 #include "host/tools/FeatureConfigXml.h"
 #include "host/tools/FeatureLauncher.h"
@@ -72,12 +74,19 @@ std::string quoted(const std::string& text) {
 }
 
 // Receives what the plug-in does (perf calls, log lines, property writes) and what the
-// simulator does (events, device changes), and keeps it all in a Recording. Everything arrives
-// on the thread that advances the virtual clock; the mutex keeps that true for any other
-// thread a plug-in might start.
+// simulator does (events, device changes), streams each timeline line, counter change and ended
+// lock to the run's observers, and keeps only aggregates and thinned-out series in a Recording,
+// so that its memory does not grow with the run. Everything arrives on the thread that advances
+// the virtual clock; the mutex keeps that true for any other thread a plug-in might start.
 class Recorder {
   public:
-    Recorder(Recording* out, const FeatureConfig& config, const Scenario& scenario) : mOut(out) {
+    Recorder(Recording* out, const FeatureConfig& config, const Scenario& scenario,
+             std::vector<RunObserver*> observers)
+        : mOut(out),
+          mObservers(std::move(observers)),
+          mSliceMs(std::max<int64_t>(1, scenario.durationMs / kPlotSlices)),
+          mEndMs(scenario.durationMs),
+          mExplainer(!scenario.battery.empty() || !out->deviceModelFile.empty()) {
         // Profiles by their first lock list, as the feature applies them.
         for (const auto& [name, lists] : config.info.profiles) {
             if (!lists.empty() && !lists[0].empty()) mProfilesByList[lists[0]].insert(name);
@@ -122,8 +131,9 @@ class Recorder {
         mPropertyValues[name] = value;
     }
 
-    // What the feature's own state says after an event or a tick: its PSM mode and gaming
-    // state. The first look sets the tracks' starting values.
+    // What the feature's own state says after an event or a tick: its PSM mode, gaming state,
+    // deep mode and thresholds, and why a lock is not taken when the snapshot shows it. The
+    // first look sets the tracks' starting values.
     void observe(const PSMFeatureSnapshot& state) {
         MutexLock lock(mMutex);
         const int64_t now = nowMsLocked();
@@ -133,10 +143,25 @@ class Recorder {
             mGameState = state.gameState;
             setCounterLocked(now, kCounterPsmMode, "PSM mode", "mode", mPsmMode);
             setCounterLocked(now, kCounterGameState, "Gaming state", "state", mGameState);
-            return;
+            setCounterLocked(now, kCounterDeepState, "Deep mode", "state", state.deepModeState);
+            if (state.gameTimerExists != 0) {
+                setCounterLocked(now, kCounterFreqLow, "GPU frequency threshold low", "MHz",
+                                 state.gpuFreqThresholdLow);
+                setCounterLocked(now, kCounterFreqHigh, "GPU frequency threshold high", "MHz",
+                                 state.gpuFreqThresholdHigh);
+            }
+        } else {
+            setModeLocked(now, state.psmMode);
+            setGameStateLocked(now, state.gameState);
+            setDeepStateLocked(now, state.deepModeState);
         }
-        setModeLocked(now, state.psmMode);
-        setGameStateLocked(now, state.gameState);
+        if (state.activeScalingUp != 0 || state.activeScalingDown != 0) {
+            setCounterLocked(now, kCounterScalingUp, "Battery scaling-up threshold", "mA",
+                             state.activeScalingUp);
+            setCounterLocked(now, kCounterScalingDown, "Battery scaling-down threshold", "mA",
+                             state.activeScalingDown);
+        }
+        for (const std::string& why : mExplainer.explain(state)) lineLocked(now, "why", why);
     }
 
     void device(int64_t ms, const FakeDevice& device, bool gpu, bool battery) {
@@ -168,6 +193,26 @@ class Recorder {
             setCounterLocked(ms, kCounterDemandMc, "GPU work asked", "Mcycles", totals.demandMc);
             setCounterLocked(ms, kCounterUnservedMc, "GPU work unserved", "Mcycles",
                              totals.unservedMc);
+            mTotals = RunningTotals{totals.chargeMah, static_cast<double>(totals.saturatedMs),
+                                    totals.demandMc, totals.unservedMc};
+            if (!mTotalsStarted) {
+                mTotalsStarted = true;
+                mOut->totalsAtStart = mTotals;
+            }
+        }
+    }
+
+    void note(const std::string& text) {
+        MutexLock lock(mMutex);
+        const int64_t now = nowMsLocked();
+        lineLocked(now, "note", text);
+        if (mOut->deviceModelFile.empty() || now >= mEndMs) return;
+        std::vector<PhaseMark>& phases = mOut->phases;
+        if (phases.empty() && now > 0)
+            phases.push_back(PhaseMark{0, "(start)", mOut->totalsAtStart});
+        // Notes of the same time start one phase, named by the first.
+        if (phases.empty() || phases.back().startMs != now) {
+            phases.push_back(PhaseMark{now, text, mTotals});
         }
     }
 
@@ -175,6 +220,17 @@ class Recorder {
         MutexLock lock(mMutex);
         const int64_t now = nowMsLocked();
         lineLocked(now, "event", event.describe());
+        // The application the host reports in the foreground, as its events say.
+        const std::string& app = event.payload.appName;
+        const std::string key = app.substr(0, app.find('/'));
+        if (event.kind == ScriptEvent::Kind::Start && key != mForegroundApp) {
+            closeLaneLocked(now, kLaneForeground);
+            mForegroundApp = key;
+            openLaneLocked(now, kLaneForeground, key);
+        } else if (event.kind == ScriptEvent::Kind::Stop && key == mForegroundApp) {
+            closeLaneLocked(now, kLaneForeground);
+            mForegroundApp.clear();
+        }
     }
 
     void onLog(const __android_logger_data* data, const char* message) {
@@ -233,20 +289,23 @@ class Recorder {
         std::optional<std::string> current;
         if (known != mPropertyValues.end()) current = known->second;
         PropertyHistory& history = mOut->properties[key];
-        if (history.writes.empty()) history.before = current;
-        history.writes.emplace_back(now, value);
+        if (history.writes == 0) {
+            history.before = current;
+            history.first = value;
+        }
+        ++history.writes;
         history.last = value;
         mPropertyValues[key] = value;
 
         const std::optional<std::string>& before = history.before;
         std::string text;
-        if (history.writes.size() > 1 && before && value == *before) {
+        if (history.writes > 1 && before && value == *before) {
             text = "restored " + key + " = " + quoted(value);
-        } else if (history.writes.size() > 1 && before && before->size() > 1 &&
+        } else if (history.writes > 1 && before && before->size() > 1 &&
                    value == before->substr(0, 1)) {
             text = "restored " + key + " = " + quoted(value) + ", the first character of " +
                    quoted(*before) + " it had before";
-        } else if (history.writes.size() > 1 && !before && value == "0") {
+        } else if (history.writes > 1 && !before && value == "0") {
             text = "restored " + key + " = " + quoted(value) + " (it was unset before)";
         } else {
             text = "set " + key + " = " + quoted(value) + " (was " +
@@ -255,30 +314,147 @@ class Recorder {
         lineLocked(now, "prop", text);
     }
 
-    // Closes the run: locks still held stay open; counters get a last point at the end.
-    void finish(int64_t endMs) {
+    // Closes the run: locks still held are counted to the end; every counter's last value and
+    // every open lane are handed over; the inputs the feature never read are named.
+    void finish(int64_t endMs, bool gpuTrace, bool batteryTrace) {
         MutexLock lock(mMutex);
         mOut->durationMs = endMs;
+        for (LockSlice& slice : mOpen) {
+            totalOfLocked(slice).heldMs += endMs - slice.startMs;
+            mOut->heldAtEnd.push_back(StringPrintf("#%d %s", slice.handle, slice.name.c_str()));
+            for (RunObserver* observer : mObservers) observer->lock(slice);
+            addBarLocked(&mOut->locks, &mLastLockBar, slice);
+        }
+        mOpen.clear();
+        for (auto& [track, slice] : mOpenLanes) {
+            for (RunObserver* observer : mObservers) observer->lock(slice);
+            addBarLocked(&mOut->lanes, &mLastLaneBar, slice);
+        }
+        mOpenLanes.clear();
+        for (auto& [key, counter] : mCounters) {
+            flushCounterLocked(key, counter);
+            CounterTrack& track = mOut->counters[key];
+            if (track.states && counter.emitted) {
+                track.msByValue[counter.lastValue] += endMs - counter.lastMs;
+            }
+            counter.sketch.flush(&track.points);
+        }
+        mOut->totalsAtEnd = mTotals;
+        mOut->unreadInputs = mExplainer.unreadInputs(gpuTrace, batteryTrace);
         mBaseNs = 0;
     }
 
   private:
+    // How finely the plots' series and bars are kept: slices of the run's time.
+    static constexpr int kPlotSlices = 2000;
+
+    // A counter's value waiting for its time to pass (a later call of the same time replaces
+    // it, so a value put back within one time leaves no step), and what was handed over last.
+    struct Counter {
+        explicit Counter(int64_t endMs) : sketch(endMs, kPlotSlices) {}
+        SeriesSketch sketch;
+        bool pending = false;
+        int64_t pendingMs = 0;
+        double pendingValue = 0;
+        bool emitted = false;
+        int64_t lastMs = 0;
+        double lastValue = 0;
+    };
+
     int64_t nowMsLocked() REQUIRES(mMutex) {
         return (VirtualClock::instance().nowNs() - mBaseNs) / kNsPerMs;
     }
 
     void lineLocked(int64_t ms, const char* kind, const std::string& text) REQUIRES(mMutex) {
-        mOut->timeline.push_back(TimelineEntry{ms, kind, text});
+        const TimelineEntry entry{ms, kind, text};
+        for (RunObserver* observer : mObservers) observer->timeline(entry);
     }
+
+    static bool same(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
 
     void setCounterLocked(int64_t ms, const char* key, const char* name, const char* unit,
                           double value) REQUIRES(mMutex) {
-        CounterTrack& track = mOut->counters[key];
-        if (track.name.empty()) {
+        auto it = mCounters.find(key);
+        if (it == mCounters.end()) {
+            it = mCounters.emplace(key, Counter(mEndMs)).first;
+            CounterTrack& track = mOut->counters[key];
             track.name = name;
             track.unit = unit;
+            track.states = isStateCounter(key);
         }
-        track.set(ms, value);
+        Counter& counter = it->second;
+        if (counter.pending && counter.pendingMs == ms) {
+            counter.pendingValue = value;
+            return;
+        }
+        flushCounterLocked(it->first, counter);
+        counter.pending = true;
+        counter.pendingMs = ms;
+        counter.pendingValue = value;
+    }
+
+    static bool isStateCounter(const std::string& key) {
+        for (const char* k : {kCounterPsmMode, kCounterGameState, kCounterDeepState,
+                              kCounterProfileLevel, kCounterBoostedTasks}) {
+            if (key == k) return true;
+        }
+        return false;
+    }
+
+    void flushCounterLocked(const std::string& key, Counter& counter) REQUIRES(mMutex) {
+        if (!counter.pending) return;
+        counter.pending = false;
+        if (counter.emitted && same(counter.lastValue, counter.pendingValue)) return;
+        CounterTrack& track = mOut->counters[key];
+        if (track.states && counter.emitted) {
+            track.msByValue[counter.lastValue] += counter.pendingMs - counter.lastMs;
+        }
+        counter.emitted = true;
+        counter.lastMs = counter.pendingMs;
+        counter.lastValue = counter.pendingValue;
+        counter.sketch.add(counter.lastMs, counter.lastValue, &track.points);
+        for (RunObserver* observer : mObservers) {
+            observer->counter(key, track, counter.lastMs, counter.lastValue);
+        }
+    }
+
+    // Keeps `slice` as a bar of its track, or draws it into the bar before it on that track when
+    // that one started less than a slice of the run's time earlier.
+    void addBarLocked(std::vector<LockSlice>* bars, std::map<std::string, size_t>* lastByTrack,
+                      const LockSlice& slice) REQUIRES(mMutex) {
+        auto last = lastByTrack->find(slice.track);
+        const int64_t span = slice.endMs.value_or(mEndMs) - slice.startMs;
+        if (last != lastByTrack->end() &&
+            slice.startMs - (*bars)[last->second].startMs < mSliceMs) {
+            LockSlice& bar = (*bars)[last->second];
+            const int64_t covered =
+                    bar.coveredMs > 0 ? bar.coveredMs : bar.endMs.value_or(mEndMs) - bar.startMs;
+            bar.coveredMs = covered + span;
+            bar.endMs = slice.endMs;
+            return;
+        }
+        (*lastByTrack)[slice.track] = bars->size();
+        LockSlice bar = slice;
+        bar.list.clear();
+        bars->push_back(std::move(bar));
+    }
+
+    void openLaneLocked(int64_t ms, const char* track, const std::string& name) REQUIRES(mMutex) {
+        LockSlice slice;
+        slice.kind = LockSlice::Kind::State;
+        slice.track = track;
+        slice.name = name;
+        slice.startMs = ms;
+        mOpenLanes[track] = slice;
+    }
+
+    void closeLaneLocked(int64_t ms, const char* track) REQUIRES(mMutex) {
+        auto open = mOpenLanes.find(track);
+        if (open == mOpenLanes.end()) return;
+        open->second.endMs = ms;
+        for (RunObserver* observer : mObservers) observer->lock(open->second);
+        addBarLocked(&mOut->lanes, &mLastLaneBar, open->second);
+        mOpenLanes.erase(open);
     }
 
     void setModeLocked(int64_t ms, int mode) REQUIRES(mMutex) {
@@ -292,14 +468,32 @@ class Recorder {
         if (state == mGameState) return;
         mGameState = state;
         // The game timer stops with the gaming state: no sample until it is on again.
-        auto measured = mOut->counters.find(kCounterGpuFreqMeasured);
-        if (state == kGameStateOff && measured != mOut->counters.end()) {
-            measured->second.set(ms, std::nan(""));
+        if (state == kGameStateOff && mCounters.count(kCounterGpuFreqMeasured) != 0) {
+            setCounterLocked(ms, kCounterGpuFreqMeasured, "", "", std::nan(""));
         }
         lineLocked(
                 ms, "game",
                 StringPrintf("gaming state %d (%s)", state, state == kGameStateOn ? "on" : "off"));
         setCounterLocked(ms, kCounterGameState, "Gaming state", "state", state);
+        if (state == kGameStateOn) {
+            openLaneLocked(ms, kLaneGaming, "gaming usable mode on");
+        } else {
+            closeLaneLocked(ms, kLaneGaming);
+        }
+    }
+
+    void setDeepStateLocked(int64_t ms, int state) REQUIRES(mMutex) {
+        if (state == mDeepState) return;
+        mDeepState = state;
+        lineLocked(ms, "deep",
+                   state != 0 ? StringPrintf("deep mode applied (state %d)", state)
+                              : std::string("deep mode left (state 0)"));
+        setCounterLocked(ms, kCounterDeepState, "Deep mode", "state", state);
+        if (state != 0) {
+            openLaneLocked(ms, kLaneDeep, "deep mode applied");
+        } else {
+            closeLaneLocked(ms, kLaneDeep);
+        }
     }
 
     std::string programOf(int pid) REQUIRES(mMutex) {
@@ -309,11 +503,22 @@ class Recorder {
 
     int boostedCountLocked() REQUIRES(mMutex) {
         int count = 0;
-        for (const auto& [handle, index] : mOpen) {
-            const LockSlice& slice = mOut->locks[index];
+        for (const LockSlice& slice : mOpen) {
             count += slice.kind == LockSlice::Kind::TaskBoost && slice.boostValue < 0 ? 1 : 0;
         }
         return count;
+    }
+
+    LockTotal& totalOfLocked(const LockSlice& slice) REQUIRES(mMutex) {
+        const bool scaled = slice.kind == LockSlice::Kind::TaskBoost && slice.boostValue < 0;
+        for (LockTotal& total : mOut->lockTotals) {
+            if (total.kind == slice.kind && total.name == slice.name &&
+                total.boostPid == slice.boostPid && total.scaled == scaled) {
+                return total;
+            }
+        }
+        mOut->lockTotals.push_back(LockTotal{slice.kind, slice.name, slice.boostPid, scaled, 0, 0});
+        return mOut->lockTotals.back();
     }
 
     void acquiredLocked(int64_t now, const fakeperf::Call& call) REQUIRES(mMutex) {
@@ -367,22 +572,32 @@ class Recorder {
                        StringPrintf("acquired #%d %s for %s", call.result, list.c_str(),
                                     tools::formatLockDuration(call.duration).c_str()));
         }
-        mOpen[call.result] = mOut->locks.size();
-        mOut->locks.push_back(std::move(slice));
+        ++totalOfLocked(slice).taken;
+        if (slice.kind == LockSlice::Kind::Profile) {
+            if (!mPreviousProfile.empty() && mPreviousProfile != slice.name) {
+                ++mOut->profileSwitches;
+            }
+            mPreviousProfile = slice.name;
+        }
+        mOpen.push_back(std::move(slice));
         setCounterLocked(now, kCounterBoostedTasks, "Boosted tasks", "tasks", boostedCountLocked());
     }
 
     void releasedLocked(int64_t now, const fakeperf::Call& call) REQUIRES(mMutex) {
-        auto open = mOpen.find(call.handle);
+        auto open = std::find_if(mOpen.begin(), mOpen.end(),
+                                 [&](const LockSlice& s) { return s.handle == call.handle; });
         if (open == mOpen.end()) {
             lineLocked(now, "lock",
                        StringPrintf("released #%d, which was not held (%d)", call.handle,
                                     call.result));
             return;
         }
-        LockSlice& slice = mOut->locks[open->second];
-        slice.endMs = now;
+        LockSlice slice = std::move(*open);
         mOpen.erase(open);
+        slice.endMs = now;
+        totalOfLocked(slice).heldMs += now - slice.startMs;
+        for (RunObserver* observer : mObservers) observer->lock(slice);
+        addBarLocked(&mOut->locks, &mLastLockBar, slice);
         if (slice.kind == LockSlice::Kind::TaskBoost) {
             lineLocked(now, "boost",
                        StringPrintf("released #%d task-load boost for pid %d (value %d)",
@@ -400,19 +615,32 @@ class Recorder {
 
     Mutex mMutex;
     Recording* const mOut;  // written under mMutex
+    const std::vector<RunObserver*> mObservers;
+    const int64_t mSliceMs;
+    const int64_t mEndMs;
     int64_t mBaseNs GUARDED_BY(mMutex) = 0;
     std::map<std::vector<int>, std::set<std::string>> mProfilesByList;
     std::set<std::string> mDynamic;  // ascending, as the feature indexes them
     std::optional<int> mBoostOpcode;
     const std::string mMeasuredPrefix = linePrefix(site::kMeasured);
     std::map<int, std::string> mProgramNames;
-    std::map<int, size_t> mOpen GUARDED_BY(mMutex);  // held handle -> index in mOut->locks
+    std::vector<LockSlice> mOpen GUARDED_BY(mMutex);  // held locks, in acquisition order
+    std::string mPreviousProfile GUARDED_BY(mMutex);
+    std::map<std::string, size_t> mLastLockBar GUARDED_BY(mMutex);
+    std::map<std::string, LockSlice> mOpenLanes GUARDED_BY(mMutex);
+    std::map<std::string, size_t> mLastLaneBar GUARDED_BY(mMutex);
+    std::map<std::string, Counter> mCounters GUARDED_BY(mMutex);
     std::map<std::string, std::string> mPropertyValues GUARDED_BY(mMutex);
+    Explainer mExplainer GUARDED_BY(mMutex);
     bool mObserved GUARDED_BY(mMutex) = false;
     int mPsmMode GUARDED_BY(mMutex) = 0;
     int mGameState GUARDED_BY(mMutex) = 0;
+    int mDeepState GUARDED_BY(mMutex) = 0;
+    std::string mForegroundApp GUARDED_BY(mMutex);
     int64_t mLastDeviceMs GUARDED_BY(mMutex) = 0;
     int64_t mLastSaturatedMs GUARDED_BY(mMutex) = 0;
+    RunningTotals mTotals GUARDED_BY(mMutex);
+    bool mTotalsStarted GUARDED_BY(mMutex) = false;
 };
 
 // The recorder that liblog's hook (a plain function pointer) reaches.
@@ -459,12 +687,18 @@ std::string describeForeground(const std::vector<ForegroundProcess>& processes) 
 
 class Simulation {
   public:
-    Simulation(const SimOptions& options, Recording* out, std::ostream& err)
-        : mOptions(options), mOut(out), mLauncher(kTool, mConfig, err) {}
+    Simulation(const SimOptions& options, Recording* out, std::vector<RunObserver*> observers,
+               std::ostream& err)
+        : mOptions(options),
+          mOut(out),
+          mObservers(std::move(observers)),
+          mLauncher(kTool, mConfig, err) {}
 
     int run() {
         std::string error;
-        if (!Scenario::parseFile(mOptions.scenarioPath, &mScenario, &error)) {
+        // The events are checked now and read again as the run reaches them, never kept.
+        if (!Scenario::parseFile(mOptions.scenarioPath, &mScenario, &error,
+                                 /*keepEvents=*/false)) {
             return mLauncher.fail(error);
         }
         const std::string configPath =
@@ -489,6 +723,7 @@ class Simulation {
         mOut->scenarioName = mScenario.name.empty() ? mScenario.file : mScenario.name;
         mOut->scenarioFile = mScenario.file;
         mOut->configFile = mConfig.file;
+        mOut->durationMs = mScenario.durationMs;
 
         tools::DeviceRootSession deviceRoot;
         if (!deviceRoot.open(mOptions.deviceRoot, kTool, &error)) return mLauncher.fail(error);
@@ -498,7 +733,7 @@ class Simulation {
                                       ": cannot be set in " + deviceRoot.root());
             }
         }
-        Recorder recorder(mOut, mConfig, mScenario);
+        Recorder recorder(mOut, mConfig, mScenario, mObservers);
         if (mOptions.debug || mScenario.debug) {
             if (property_set(kDebugProperty, "true") != 0) {
                 return mLauncher.fail(std::string("cannot set ") + kDebugProperty + " under " +
@@ -507,6 +742,8 @@ class Simulation {
             recorder.property(kDebugProperty, "true");
         }
         fakeperf::reset();
+        // The recorder sees every call as it is made; keeping them too would grow with the run.
+        fakeperf::setRecording(false);
         if (closedLoop) fakeperf::setResources(mModel.resources);
         FakeDevice device(mScenario, closedLoop ? &mModel : nullptr);
         if (!device.create(&error)) return mLauncher.fail(error);
@@ -539,8 +776,13 @@ class Simulation {
         }
         mLauncher.warnAboutKeys();
 
-        if (!replay(feature.get(), device, recorder, clock, baseNs, &error)) {
+        Replay replay{feature.get(), device, recorder, clock, baseNs, {}, 0, -1, false, false};
+        if (!this->replay(replay, &error)) {
             feature.reset();
+            if (mInterrupted) {
+                mLauncher.fail("interrupted; the run was stopped");
+                return kSimInterrupted;
+            }
             return mLauncher.fail(error);
         }
         recorder.line("end", "");
@@ -551,11 +793,25 @@ class Simulation {
             recorder.line("held",
                           StringPrintf("#%d %s", handle, tools::formatPerfList(list).c_str()));
         }
-        recorder.finish(mScenario.durationMs);
+        recorder.finish(mScenario.durationMs, !mScenario.gpu.empty() && !closedLoop,
+                        !mScenario.battery.empty() && !closedLoop);
         return 0;
     }
 
   private:
+    struct Replay {
+        PowerOptFeature* feature;
+        FakeDevice& device;
+        Recorder& recorder;
+        VirtualClock& clock;
+        int64_t baseNs;
+        std::vector<int64_t> traces;  // times at which a trace point takes effect
+        size_t nextTrace = 0;
+        int64_t deviceMs = -1;  // the time the device was last brought up to
+        bool gpu = false;
+        bool battery = false;
+    };
+
     // Times at which a trace point takes effect, ascending and unique.
     std::vector<int64_t> traceTimes() const {
         std::set<int64_t> times;
@@ -602,53 +858,63 @@ class Simulation {
         }
     }
 
-    bool replay(PowerOptFeature* feature, FakeDevice& device, Recorder& recorder,
-                VirtualClock& clock, int64_t baseNs, std::string* error) {
-        const std::vector<int64_t> traces = traceTimes();
-        const int64_t endNs = baseNs + mScenario.durationMs * kNsPerMs;
-        size_t nextTrace = 0;
-        size_t nextEvent = 0;
-        const bool closedLoop = device.closedLoop() != nullptr;
-        const bool gpu = !mScenario.gpu.empty() || closedLoop;
-        const bool battery = !mScenario.battery.empty() || closedLoop;
+    // Moves the clock to `targetNs`: from trace point to trace point and timer expiry to timer
+    // expiry, bringing the device's nodes up to each time before the ticks of that time.
+    bool runUntil(Replay& r, int64_t targetNs, std::string* error) {
         for (;;) {
-            int64_t nowNs = endNs;
-            if (nextEvent < mScenario.events.size()) {
-                nowNs = std::min(nowNs, baseNs + mScenario.events[nextEvent].timeMs * kNsPerMs);
+            if (mOptions.stopRequested && mOptions.stopRequested()) {
+                mInterrupted = true;
+                return false;
             }
-            if (nextTrace < traces.size()) {
-                nowNs = std::min(nowNs, baseNs + traces[nextTrace] * kNsPerMs);
+            int64_t nowNs = targetNs;
+            if (r.nextTrace < r.traces.size()) {
+                nowNs = std::min(nowNs, r.baseNs + r.traces[r.nextTrace] * kNsPerMs);
             }
             int64_t expiry = 0;
-            if (clock.nextExpiryNs(&expiry)) nowNs = std::min(nowNs, std::max(expiry, baseNs));
-            const int64_t nowMs = (nowNs - baseNs) / kNsPerMs;
+            if (r.clock.nextExpiryNs(&expiry)) nowNs = std::min(nowNs, std::max(expiry, r.baseNs));
+            const int64_t nowMs = (nowNs - r.baseNs) / kNsPerMs;
 
-            // The nodes first, so that the ticks and events of this time read them.
-            if (!device.update(nowMs, error)) return false;
-            recorder.device(nowMs, device, gpu, battery);
-            describeTrace(nowMs, recorder, device);
-            while (nextTrace < traces.size() && traces[nextTrace] <= nowMs) ++nextTrace;
-
-            clock.advanceTo(nowNs);
-            if (!observe(feature, recorder)) {
+            // The nodes first, so that the ticks and events of this time read them; once per
+            // time, as a second update would start a new (empty) busy window.
+            if (nowMs != r.deviceMs) {
+                if (!r.device.update(nowMs, error)) return false;
+                r.deviceMs = nowMs;
+                r.recorder.device(nowMs, r.device, r.gpu, r.battery);
+                describeTrace(nowMs, r.recorder, r.device);
+                while (r.nextTrace < r.traces.size() && r.traces[r.nextTrace] <= nowMs) {
+                    ++r.nextTrace;
+                }
+            }
+            r.clock.advanceTo(nowNs);
+            if (!observe(r.feature, r.recorder)) {
                 *error = kSnapshotRefused;
                 return false;
             }
-            while (nextEvent < mScenario.events.size() &&
-                   baseNs + mScenario.events[nextEvent].timeMs * kNsPerMs <= nowNs) {
-                const ScenarioEvent& event = mScenario.events[nextEvent++];
-                if (!event.note.empty()) recorder.line("note", event.note);
-                if (event.hasEvent) {
-                    recorder.event(event.event);
-                    feature->sendEvents(event.event.payload);
-                    if (!observe(feature, recorder)) {
+            if (mOptions.progress) mOptions.progress(nowMs, mScenario.durationMs);
+            if (nowNs >= targetNs) return true;
+        }
+    }
+
+    bool replay(Replay& r, std::string* error) {
+        r.traces = traceTimes();
+        const bool closedLoop = r.device.closedLoop() != nullptr;
+        r.gpu = !mScenario.gpu.empty() || closedLoop;
+        r.battery = !mScenario.battery.empty() || closedLoop;
+        const bool delivered = mScenario.forEachEvent(
+                [&](const ScenarioEvent& event) {
+                    if (!runUntil(r, r.baseNs + event.timeMs * kNsPerMs, error)) return false;
+                    if (!event.note.empty()) r.recorder.note(event.note);
+                    if (!event.hasEvent) return true;
+                    r.recorder.event(event.event);
+                    r.feature->sendEvents(event.event.payload);
+                    if (!observe(r.feature, r.recorder)) {
                         *error = kSnapshotRefused;
                         return false;
                     }
-                }
-            }
-            if (nowNs >= endNs) return true;
-        }
+                    return true;
+                },
+                error);
+        return delivered && runUntil(r, r.baseNs + mScenario.durationMs * kNsPerMs, error);
     }
 
     // Reads the feature's state through the plug-in's snapshot entry point into the recorder.
@@ -665,7 +931,9 @@ class Simulation {
     const SimOptions& mOptions;
     PwrPsmSnapshotFn mSnapshot = nullptr;
     bool mReady = false;
+    bool mInterrupted = false;
     Recording* mOut;
+    std::vector<RunObserver*> mObservers;
     Scenario mScenario;
     DeviceModel mModel;
     FeatureConfig mConfig;
@@ -677,15 +945,11 @@ class Simulation {
 
 }  // namespace
 
-void CounterTrack::set(int64_t timeMs, double value) {
-    if (!points.empty() && points.back().first == timeMs) {
-        points.back().second = value;
-        // A value put back within the same time leaves no step.
-        if (points.size() >= 2 && points[points.size() - 2].second == value) points.pop_back();
-        return;
-    }
-    if (!points.empty() && points.back().second == value) return;
-    points.emplace_back(timeMs, value);
+double LockSlice::share(int64_t runEndMs) const {
+    const int64_t span = endMs.value_or(runEndMs) - startMs;
+    return coveredMs > 0 && span > 0
+                   ? std::min(1.0, static_cast<double>(coveredMs) / static_cast<double>(span))
+                   : 1.0;
 }
 
 double CounterTrack::at(int64_t timeMs, double fallback) const {
@@ -698,8 +962,9 @@ double CounterTrack::at(int64_t timeMs, double fallback) const {
     return value;
 }
 
-int runSimulation(const SimOptions& options, Recording* out, std::ostream& err) {
-    return Simulation(options, out, err).run();
+int runSimulation(const SimOptions& options, Recording* out,
+                  const std::vector<RunObserver*>& observers, std::ostream& err) {
+    return Simulation(options, out, observers, err).run();
 }
 
 }  // namespace pwr::sim

@@ -3,24 +3,15 @@
 #include <algorithm>
 #include <cmath>
 
+#include "feature/FeatureCodes.h"
+
 #include <android-base/stringprintf.h>
 
 namespace pwr::sim {
 namespace {
 
 using android::base::StringPrintf;
-
-// Time during which a step counter holds a value that `keep` accepts, up to `endMs`.
-template <typename Keep>
-int64_t timeWhere(const CounterTrack& track, int64_t endMs, Keep keep) {
-    int64_t total = 0;
-    for (size_t i = 0; i < track.points.size(); ++i) {
-        const int64_t from = track.points[i].first;
-        const int64_t to = i + 1 < track.points.size() ? track.points[i + 1].first : endMs;
-        if (to > from && keep(track.points[i].second)) total += to - from;
-    }
-    return total;
-}
+using pwr::codes::kGameStateOn;
 
 std::string percent(int64_t part, int64_t whole) {
     return whole > 0 ? StringPrintf("%5.1f%%",
@@ -32,56 +23,69 @@ std::string quotedOrUnset(const std::optional<std::string>& value) {
     return value ? "\"" + *value + "\"" : "unset";
 }
 
-// The figures between two times, from the running totals of a closed-loop run.
-Summary::Energy energyBetween(const Recording& recording, std::string name, int64_t from,
-                              int64_t to) {
-    auto total = [&](const char* key, int64_t ms) {
-        auto it = recording.counters.find(key);
-        return it == recording.counters.end() ? 0.0 : it->second.at(ms);
-    };
-    auto delta = [&](const char* key) { return total(key, to) - total(key, from); };
+// The figures between two times, from the running totals at each.
+Summary::Energy energyBetween(std::string name, int64_t from, int64_t to,
+                              const RunningTotals& start, const RunningTotals& end) {
     Summary::Energy e;
     e.name = std::move(name);
     e.startMs = from;
     e.endMs = to;
-    e.chargeMah = delta(kCounterChargeMah);
+    e.chargeMah = end.chargeMah - start.chargeMah;
     e.averageMa = to > from ? e.chargeMah * 3600000.0 / static_cast<double>(to - from) : 0;
-    e.saturatedMs = std::llround(delta(kCounterSaturatedMs));
-    e.demandMc = delta(kCounterDemandMc);
-    e.unservedMc = delta(kCounterUnservedMc);
+    e.saturatedMs = std::llround(end.saturatedMs - start.saturatedMs);
+    e.demandMc = end.demandMc - start.demandMc;
+    e.unservedMc = end.unservedMc - start.unservedMc;
     return e;
 }
 
 std::vector<Summary::Energy> energyOf(const Recording& recording) {
     std::vector<Summary::Energy> out;
-    if (recording.counters.count(kCounterChargeMah) == 0) return out;
+    if (recording.deviceModelFile.empty()) return out;
     const int64_t end = recording.durationMs;
-    out.push_back(energyBetween(recording, "whole run", 0, end));
-    std::vector<std::pair<int64_t, std::string>> starts;
-    for (const TimelineEntry& entry : recording.timeline) {
-        if (entry.kind != "note" || entry.timeMs >= end) continue;
-        if (starts.empty() && entry.timeMs > 0) starts.emplace_back(0, "(start)");
-        // Notes of the same time start one phase, named by the first.
-        if (starts.empty() || starts.back().first != entry.timeMs) {
-            starts.emplace_back(entry.timeMs, entry.text);
-        }
-    }
-    for (size_t i = 0; i < starts.size(); ++i) {
-        const int64_t to = i + 1 < starts.size() ? starts[i + 1].first : end;
-        out.push_back(energyBetween(recording, starts[i].second, starts[i].first, to));
+    out.push_back(
+            energyBetween("whole run", 0, end, recording.totalsAtStart, recording.totalsAtEnd));
+    const std::vector<PhaseMark>& phases = recording.phases;
+    for (size_t i = 0; i < phases.size(); ++i) {
+        const bool last = i + 1 == phases.size();
+        out.push_back(energyBetween(phases[i].name, phases[i].startMs,
+                                    last ? end : phases[i + 1].startMs, phases[i].atStart,
+                                    last ? recording.totalsAtEnd : phases[i + 1].atStart));
     }
     return out;
+}
+
+// The exact time a state counter held values that `keep` accepts.
+template <typename Keep>
+int64_t timeWhere(const Recording& recording, const char* key, Keep keep) {
+    auto it = recording.counters.find(key);
+    if (it == recording.counters.end()) return 0;
+    int64_t total = 0;
+    for (const auto& [value, ms] : it->second.msByValue) total += keep(value) ? ms : 0;
+    return total;
 }
 
 }  // namespace
 
 std::string formatTime(int64_t ms) {
-    const bool negative = ms < 0;
-    if (negative) ms = -ms;
-    return StringPrintf("%s%lld:%02lld:%02lld.%03lld", negative ? "-" : "",
-                        static_cast<long long>(ms / 3600000),
-                        static_cast<long long>(ms / 60000 % 60),
-                        static_cast<long long>(ms / 1000 % 60), static_cast<long long>(ms % 1000));
+    // Written out by hand: a long run's timeline formats millions of these.
+    std::string out;
+    if (ms < 0) {
+        out.push_back('-');
+        ms = -ms;
+    }
+    out += std::to_string(ms / 3600000);
+    const auto two = [&out](int64_t v) {
+        out.push_back(static_cast<char>('0' + v / 10));
+        out.push_back(static_cast<char>('0' + v % 10));
+    };
+    out.push_back(':');
+    two(ms / 60000 % 60);
+    out.push_back(':');
+    two(ms / 1000 % 60);
+    out.push_back('.');
+    out.push_back(static_cast<char>('0' + ms % 1000 / 100));
+    two(ms % 100);
+    return out;
 }
 
 Summary Summary::of(const Recording& recording) {
@@ -93,54 +97,44 @@ Summary Summary::of(const Recording& recording) {
 
     std::map<std::string, ProfileTime> profiles;
     int64_t profileMs = 0;
-    std::string previous;
-    for (const LockSlice& slice : recording.locks) {
-        const int64_t until = slice.endMs.value_or(end);
-        if (slice.kind == LockSlice::Kind::Profile) {
-            ProfileTime& time = profiles[slice.name];
-            time.name = slice.name;
-            time.heldMs += until - slice.startMs;
-            ++time.acquisitions;
-            profileMs += until - slice.startMs;
-            if (!previous.empty() && previous != slice.name) ++summary.profileSwitches;
-            previous = slice.name;
-        } else if (slice.kind == LockSlice::Kind::TaskBoost && slice.boostValue < 0) {
-            ++summary.boostAcquisitions;
-            summary.boostedMsByPid[slice.boostPid] += until - slice.startMs;
-        }
-        if (!slice.endMs) {
-            summary.heldAtEnd.push_back(StringPrintf("#%d %s", slice.handle, slice.name.c_str()));
+    for (const LockTotal& total : recording.lockTotals) {
+        if (total.kind == LockSlice::Kind::Profile) {
+            ProfileTime& time = profiles[total.name];
+            time.name = total.name;
+            time.heldMs += total.heldMs;
+            time.acquisitions += total.taken;
+            profileMs += total.heldMs;
+        } else if (total.kind == LockSlice::Kind::TaskBoost && total.scaled) {
+            summary.boostAcquisitions += total.taken;
+            summary.boostedMsByPid[total.boostPid] += total.heldMs;
         }
     }
+    summary.profileSwitches = recording.profileSwitches;
+    summary.heldAtEnd = recording.heldAtEnd;
     for (auto& [name, time] : profiles) summary.profiles.push_back(time);
     std::stable_sort(
             summary.profiles.begin(), summary.profiles.end(),
             [](const ProfileTime& a, const ProfileTime& b) { return a.heldMs > b.heldMs; });
     summary.profiles.push_back(ProfileTime{"(none)", end - profileMs, 0});
 
-    auto boosted = recording.counters.find(kCounterBoostedTasks);
-    if (boosted != recording.counters.end()) {
-        summary.boostedMs = timeWhere(boosted->second, end, [](double v) { return v > 0; });
-    }
+    summary.boostedMs = timeWhere(recording, kCounterBoostedTasks, [](double v) { return v > 0; });
     auto mode = recording.counters.find(kCounterPsmMode);
     if (mode != recording.counters.end()) {
-        for (const auto& [t, value] : mode->second.points) {
-            const int m = static_cast<int>(value);
-            summary.msInMode[m] = timeWhere(mode->second, end,
-                                            [m](double v) { return static_cast<int>(v) == m; });
+        for (const auto& [value, ms] : mode->second.msByValue) {
+            summary.msInMode[static_cast<int>(value)] += ms;
         }
     }
-    auto game = recording.counters.find(kCounterGameState);
-    if (game != recording.counters.end()) {
-        summary.gamingOnMs = timeWhere(game->second, end, [](double v) { return v == 1; });
-    }
+    summary.gamingOnMs = timeWhere(recording, kCounterGameState,
+                                   [](double v) { return static_cast<int>(v) == kGameStateOn; });
+    summary.deepModeMs = timeWhere(recording, kCounterDeepState, [](double v) { return v != 0; });
+    summary.unreadInputs = recording.unreadInputs;
     for (const auto& [name, history] : recording.properties) {
         Property property;
         property.name = name;
         property.before = history.before;
-        property.setTo = history.writes.empty() ? "" : history.writes.front().second;
+        property.setTo = history.first;
         property.after = history.last;
-        property.writes = static_cast<int>(history.writes.size());
+        property.writes = history.writes;
         property.restored = property.writes > 1 && property.after == history.before.value_or("0");
         summary.properties.push_back(property);
     }
@@ -209,6 +203,11 @@ void writeSummary(const Summary& summary, const Recording& recording, std::ostre
     }
     out << "  gaming usable mode on: " << formatTime(summary.gamingOnMs) << "  "
         << percent(summary.gamingOnMs, end) << "\n";
+    // Deep mode is no PSM mode of its own: its time lies within the modes above.
+    if (summary.deepModeMs > 0) {
+        out << "  deep mode applied:     " << formatTime(summary.deepModeMs) << "  "
+            << percent(summary.deepModeMs, end) << "\n";
+    }
 
     out << "\nTask-load boost\n";
     out << "  time with a foreground task scaled down: " << formatTime(summary.boostedMs) << "  "
@@ -235,6 +234,7 @@ void writeSummary(const Summary& summary, const Recording& recording, std::ostre
     out << "\nLocks held when the run ended\n";
     if (summary.heldAtEnd.empty()) out << "  none\n";
     for (const std::string& held : summary.heldAtEnd) out << "  " << held << "\n";
+    for (const std::string& unread : summary.unreadInputs) out << "\nwarning: " << unread << "\n";
 }
 
 }  // namespace pwr::sim

@@ -51,6 +51,8 @@ struct Summary {
     std::map<int, int64_t> boostedMsByPid;
     std::map<int, int64_t> msInMode;  // PSM mode -> time
     int64_t gamingOnMs = 0;
+    int64_t deepModeMs = 0;                 // with deep mode's profile and properties applied
+    std::vector<std::string> unreadInputs;  // input traces the feature never read
     std::vector<Property> properties;
     std::vector<std::string> heldAtEnd;  // locks still held when the run ended
 

@@ -61,10 +61,12 @@ json summaryJson(const Summary& summary, const Recording& recording) {
             {"profile_switches", summary.profileSwitches},
             {"psm_mode_s", modes},
             {"gaming_on_s", seconds(summary.gamingOnMs)},
+            {"deep_mode_s", seconds(summary.deepModeMs)},
             {"boost",
              {{"scaled_down_s", seconds(summary.boostedMs)}, {"locks", summary.boostAcquisitions}}},
             {"properties", properties},
             {"held_at_end", summary.heldAtEnd},
+            {"unread_inputs", summary.unreadInputs},
             {"energy", energy}};
 }
 

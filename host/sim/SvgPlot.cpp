@@ -1,5 +1,6 @@
 #include "host/sim/SvgPlot.h"
 
+#include <algorithm>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,6 +14,8 @@ namespace {
 constexpr char kSaturatedLane[] = "GPU saturated";
 constexpr char kSaturatedColor[] = "#333333";
 constexpr char kDemandColor[] = "#777777";
+constexpr char kThresholdColor[] = "#555555";
+constexpr char kStateColor[] = "#8e9aaf";
 
 const CounterTrack* counter(const Recording& recording, const char* key) {
     auto it = recording.counters.find(key);
@@ -29,6 +32,13 @@ std::vector<PlotPanel> buildPanels(const Recording& rec) {
         if (const CounterTrack* demand = counter(rec, kCounterGpuDemand)) {
             p.series.push_back({demand, "demand (MHz of work)", kDemandColor, true});
         }
+        // The GPU monitor's thresholds, as the feature reports them.
+        if (const CounterTrack* low = counter(rec, kCounterFreqLow)) {
+            p.series.push_back({low, "threshold low", kThresholdColor, true});
+        }
+        if (const CounterTrack* high = counter(rec, kCounterFreqHigh)) {
+            p.series.push_back({high, "threshold high", kThresholdColor, true});
+        }
         panels.push_back(p);
     }
     if (const CounterTrack* busy = counter(rec, kCounterGpuBusy)) {
@@ -40,9 +50,17 @@ std::vector<PlotPanel> buildPanels(const Recording& rec) {
     }
     const bool closedLoop = counter(rec, kCounterChargeMah) != nullptr;
     if (const CounterTrack* drain = counter(rec, kCounterBatteryDrain)) {
-        panels.push_back(PlotPanel{
+        PlotPanel p{
                 "Battery drain (mA)",
-                {{drain, closedLoop ? "power model (current_now)" : "discharge (current_now)"}}});
+                {{drain, closedLoop ? "power model (current_now)" : "discharge (current_now)"}}};
+        // The battery monitor's active pair, from its first evaluation on.
+        if (const CounterTrack* up = counter(rec, kCounterScalingUp)) {
+            p.series.push_back({up, "boost above (scaling up)", kThresholdColor, true});
+        }
+        if (const CounterTrack* down = counter(rec, kCounterScalingDown)) {
+            p.series.push_back({down, "unboost below (scaling down)", kDemandColor, true});
+        }
+        panels.push_back(p);
     }
     if (const CounterTrack* charge = counter(rec, kCounterChargeMah)) {
         panels.push_back(PlotPanel{"Charge used (mAh)", {{charge, "since the start"}}});
@@ -113,15 +131,31 @@ void writeSvgPlot(const Recording& recording, std::ostream& out) {
     for (const LockSlice& slice : recording.locks) {
         tracks.insert(slice.track);
         bars.push_back(PlotBar{slice.track, slice.startMs, slice.endMs, slice.name,
-                               profileColor(slice.name)});
+                               profileColor(slice.name), slice.share(recording.durationMs)});
     }
     std::vector<std::string> lanes(tracks.begin(), tracks.end());
+    // The feature's states and the foreground app above the locks.
+    std::vector<std::string> stateLanes;
+    for (const LockSlice& span : recording.lanes) {
+        if (std::find(stateLanes.begin(), stateLanes.end(), span.track) == stateLanes.end()) {
+            stateLanes.push_back(span.track);
+        }
+        // Each foreground app in a colour of its own; the states in one.
+        bars.push_back(
+                PlotBar{span.track, span.startMs, span.endMs, span.name,
+                        span.track == kLaneForeground ? profileColor(span.name) : kStateColor,
+                        span.share(recording.durationMs)});
+    }
+    std::sort(stateLanes.begin(), stateLanes.end());
+    lanes.insert(lanes.begin(), stateLanes.begin(), stateLanes.end());
     std::vector<PlotBar> saturated = saturatedBars(recording, kSaturatedLane);
     if (!saturated.empty()) {
         lanes.push_back(kSaturatedLane);
         bars.insert(bars.end(), saturated.begin(), saturated.end());
     }
-    plot.setBars(saturated.empty() ? "Perf locks held" : "Perf locks held; GPU saturated",
+    plot.setBars(saturated.empty() ? "Feature states, foreground app and perf locks held"
+                                   : "Feature states, foreground app, perf locks held; GPU "
+                                     "saturated",
                  std::move(lanes), std::move(bars));
     plot.write(out);
 }

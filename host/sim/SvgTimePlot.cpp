@@ -76,7 +76,12 @@ SvgTimePlot::SvgTimePlot(std::string title, std::string subtitle, int64_t endMs)
     : mTitle(std::move(title)),
       mSubtitle(std::move(subtitle)),
       mEndMs(std::max<int64_t>(endMs, 1)),
-      mMinutes(static_cast<double>(endMs) / 1000.0 > 300),
+      mUnitMs(endMs > 3 * 3600000 ? 3600000.0
+              : endMs > 300000    ? 60000.0
+                                  : 1000.0),
+      mUnitName(endMs > 3 * 3600000 ? "hours"
+                : endMs > 300000    ? "minutes"
+                                    : "seconds"),
       mLeft(kMinLeft) {}
 
 void SvgTimePlot::setBars(std::string title, std::vector<std::string> lanes,
@@ -141,12 +146,12 @@ void SvgTimePlot::write(std::ostream& out) const {
     out << StringPrintf(
             "<text x=\"%.1f\" y=\"%.1f\" text-anchor=\"middle\" font-size=\"13\">time "
             "(%s)</text>\n",
-            (mLeft + kWidth - kRight) / 2, y - kPanelGap + 40, mMinutes ? "minutes" : "seconds");
+            (mLeft + kWidth - kRight) / 2, y - kPanelGap + 40, mUnitName);
     out << "</svg>\n";
 }
 
 void SvgTimePlot::drawTimeGrid(std::ostream& out, double top, double height) const {
-    const double unit = mMinutes ? 60000.0 : 1000.0;
+    const double unit = mUnitMs;
     const double span = static_cast<double>(mEndMs) / unit;
     const double step = niceStep(span, 10);
     for (double t = 0; t <= span + 1e-9; t += step) {
@@ -253,8 +258,13 @@ void SvgTimePlot::drawBars(std::ostream& out, double top, double height) const {
         const double y0 = top + 5 + kLaneHeight * lane->second;
         out << StringPrintf(
                 "<rect x=\"%.1f\" y=\"%.1f\" width=\"%.1f\" height=\"%.1f\" fill=\"%s\" "
-                "fill-opacity=\"0.8\"><title>%s</title></rect>\n",
-                x0, y0, x1 - x0, kLaneHeight - 6, bar.color.c_str(), svgEscape(bar.label).c_str());
+                "fill-opacity=\"%.2f\"><title>%s</title></rect>\n",
+                x0, y0, x1 - x0, kLaneHeight - 6, bar.color.c_str(),
+                0.8 * std::clamp(bar.share, 0.15, 1.0),
+                svgEscape(bar.share < 1 ? StringPrintf("%s (%.0f%% of this span)",
+                                                       bar.label.c_str(), 100 * bar.share)
+                                        : bar.label)
+                        .c_str());
     }
     double legendY = top + 12;
     for (const auto& [label, color] : legendColors) {

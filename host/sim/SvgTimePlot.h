@@ -41,9 +41,11 @@ struct PlotBar {
     std::optional<int64_t> endMs;  // none: to the end
     std::string label;             // legend and tooltip
     std::string color;
+    double share = 1;  // of the bar's span actually covered (bars drawn into one): its opacity
 };
 
-// Panels of quantities sharing a time axis (seconds, or minutes past five minutes), each with
+// Panels of quantities sharing a time axis (seconds; minutes past five minutes; hours past three
+// hours), each with
 // its unit and legend, and under them a panel of bars in named lanes: the frame of every plot
 // over time that pwr-sim draws.
 class SvgTimePlot {
@@ -65,7 +67,8 @@ class SvgTimePlot {
     std::string mTitle;
     std::string mSubtitle;
     int64_t mEndMs;
-    bool mMinutes;
+    double mUnitMs;  // of the time axis: a second, a minute or an hour
+    const char* mUnitName;
     double mLeft;  // where the panels begin: past the longest lane name
     std::vector<PlotPanel> mPanels;
     std::string mBarsTitle;

@@ -20,6 +20,7 @@
 #include "host/sim/TempDir.h"
 #include "host/tools/FeatureConfigEdit.h"
 #include "host/tools/FeatureConfigXml.h"
+#include "host/tools/InputFile.h"
 
 namespace pwr::sim {
 namespace {
@@ -178,8 +179,10 @@ int sweepMain(int argc, char** argv) {
     // Everything is checked, and every configuration written, before anything runs.
     std::string baseText;
     tools::FeatureConfig base;
-    if (!tools::FeatureConfigXml::parseFile(basePath, &base, &error)) return fail(error);
-    android::base::ReadFileToString(basePath, &baseText);
+    if (!tools::readInputFile(basePath, &baseText, &error) ||
+        !tools::FeatureConfigXml::parseText(baseText, basePath, &base, &error)) {
+        return fail(error);
+    }
     for (const SweepAxis& axis : axes) {
         if (base.info.configs.count(axis.key) == 0) {
             return fail(basePath + ": no <Config name=\"" + axis.key + "\"> to sweep");

@@ -13,6 +13,7 @@
 #include <android-base/strings.h>
 
 #include "feature/FeatureCodes.h"
+#include "host/tools/InputFile.h"
 
 namespace pwr::tools {
 namespace {
@@ -217,7 +218,7 @@ bool EventScript::parseText(std::string_view text, const std::string& name, Even
                             std::string* error) {
     *out = EventScript{};
     out->file = name;
-    return Parser(name, out, error).parse(text);
+    return checkNoNul(text, name, error) && Parser(name, out, error).parse(text);
 }
 
 bool EventScript::parseEvent(std::string_view text, ScriptEvent* out, std::string* error) {
@@ -231,10 +232,7 @@ bool EventScript::parseEvent(std::string_view text, ScriptEvent* out, std::strin
 
 bool EventScript::parseFile(const std::string& path, EventScript* out, std::string* error) {
     std::string content;
-    if (!android::base::ReadFileToString(path, &content)) {
-        *error = path + ": cannot read: " + strerror(errno);
-        return false;
-    }
+    if (!readInputFile(path, &content, error)) return false;
     return parseText(content, path, out, error);
 }
 

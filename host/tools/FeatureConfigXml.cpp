@@ -11,6 +11,8 @@
 #include <android-base/strings.h>
 #include <tinyxml2.h>
 
+#include "host/tools/InputFile.h"
+
 namespace pwr::tools {
 namespace {
 
@@ -393,10 +395,7 @@ bool FeatureConfigXml::parseIntList(std::string_view text, std::vector<int>* out
 
 bool FeatureConfigXml::parseFile(const std::string& path, FeatureConfig* out, std::string* error) {
     std::string content;
-    if (!android::base::ReadFileToString(path, &content)) {
-        *error = path + ": cannot read: " + strerror(errno);
-        return false;
-    }
+    if (!readInputFile(path, &content, error)) return false;
     return parseText(content, path, out, error);
 }
 
@@ -404,7 +403,7 @@ bool FeatureConfigXml::parseText(std::string_view text, const std::string& name,
                                  std::string* error) {
     *out = FeatureConfig{};
     out->file = name;
-    return Parser(name, out, error).parse(text);
+    return checkNoNul(text, name, error) && Parser(name, out, error).parse(text);
 }
 
 }  // namespace pwr::tools

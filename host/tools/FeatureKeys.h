@@ -14,11 +14,16 @@ struct KeyProblem {
         Throws,      // the feature's constructor throws here (std::stod / std::stoi)
         Undefined,   // the feature reads past the end of a list: undefined behaviour, a crash
         Misbehaves,  // accepted, but the feature will not behave as intended
+        Unusable,    // accepted, but a part of the feature cannot work with it at all
     };
     Effect effect = Effect::NotReady;
     std::string key;       // the configuration key or profile name
     bool profile = false;  // `key` names a profile rather than a config
     std::string message;   // one sentence naming the key
+    // How the feature reads what was written on purpose, not a mistake: deep mode pairing the
+    // scalar settings as property texts. Told, never counted as a problem.
+    bool note = false;
+    bool feature = false;  // about the <Feature> element itself
 };
 
 // The settings of PSMPowerOptFeature, read from the feature's own settings table
@@ -32,6 +37,12 @@ class FeatureKeys {
     // set-ups are checked only when "DEEP_MODE" / "GPUMode" are present and non-zero, as the
     // feature reads them only then.
     static std::vector<KeyProblem> check(const PowerOptFeatureInfo& info);
+
+    // What the host and the parts cannot use, beyond reading the settings: another feature
+    // name, a PSM mode outside the known ones, configs and profiles no part reads (a misspelt
+    // key is named with the key meant; with deep mode on an unknown config is a property text),
+    // odd-length lock lists.
+    static std::vector<KeyProblem> checkUse(const PowerOptFeatureInfo& info);
 
     // Deep mode's property list as the feature builds it: every config value except "PSM", in
     // the map's own iteration order (a copy of the map iterates alike, so this is the order the

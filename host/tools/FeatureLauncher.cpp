@@ -70,8 +70,12 @@ int FeatureLauncher::reportNotReady() {
 }
 
 void FeatureLauncher::warnAboutKeys() {
-    for (const KeyProblem& problem : FeatureKeys::check(mConfig.info)) {
-        warn(where(problem) + ": " + problem.message);
+    for (const auto& problems :
+         {FeatureKeys::check(mConfig.info), FeatureKeys::checkUse(mConfig.info)}) {
+        for (const KeyProblem& problem : problems) {
+            // How deep mode reads the feature's own settings is told by --check, not every run.
+            if (!problem.note) warn(where(problem) + ": " + problem.message);
+        }
     }
 }
 
@@ -89,6 +93,7 @@ void FeatureLauncher::note(const std::string& message) {
 }
 
 std::string FeatureLauncher::where(const KeyProblem& problem) const {
+    if (problem.feature) return mConfig.file + ":" + std::to_string(mConfig.featureLine);
     return problem.profile ? mConfig.whereProfile(problem.key) : mConfig.whereConfig(problem.key);
 }
 

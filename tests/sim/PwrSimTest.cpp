@@ -1,15 +1,13 @@
-// Runs the pwr-sim tool as an engineer does, one scenario per process, and checks what it reports
-// against what the scenario and its configuration imply.
+// Runs the pwr-sim tool as an engineer does, one scenario per process: the bundled scenarios
+// against golden files (scripts/update-goldens.sh writes them anew), the report in a real
+// browser, and the failure paths a user meets first.
 
-#include <fcntl.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <cstdio>
+#include <algorithm>
 #include <filesystem>
-#include <map>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -17,24 +15,22 @@
 #include <android-base/file.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "host/sim/RecordingJson.h"
-#include "host/sim/Scenario.h"
-#include "host/tools/FeatureConfigXml.h"
-#include "host/tools/FeatureKeys.h"
+#include "tests/support/ToolRun.h"
 
 namespace {
 
+using pwr::test::ToolRun;
 using ::testing::HasSubstr;
 
-struct ToolRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
+const std::string kSource = std::string(PWR_SOURCE_DIR) + "/";
+
+bool emulated() {
+    const char* emulator = getenv("PWR_TEST_EMULATOR");
+    return emulator != nullptr && emulator[0] != '\0';
+}
 
 class PwrSimTest : public ::testing::Test {
   protected:
@@ -45,35 +41,9 @@ class PwrSimTest : public ::testing::Test {
     }
     void TearDown() override { std::filesystem::remove_all(mDir); }
 
-    // Runs pwr-sim (or `tool`) with `args`; its output is kept in files of the test's folder.
-    ToolRun run(const std::vector<std::string>& args, const char* tool = PWR_SIM_PATH) {
-        const std::string outPath = mDir + "/stdout";
-        const std::string errPath = mDir + "/stderr";
-        const pid_t pid = fork();
-        if (pid == 0) {
-            const int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-            const int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-            dup2(out, 1);
-            dup2(err, 2);
-            // A cross-built tool runs under the emulator the tests themselves run under.
-            const char* emulator = getenv("PWR_TEST_EMULATOR");
-            std::vector<char*> argv;
-            if (emulator != nullptr && emulator[0] != '\0') {
-                argv.push_back(const_cast<char*>(emulator));
-            }
-            argv.push_back(const_cast<char*>(tool));
-            for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-            argv.push_back(nullptr);
-            execvp(argv[0], argv.data());
-            _exit(127);
-        }
-        ToolRun result;
-        int status = 0;
-        EXPECT_EQ(waitpid(pid, &status, 0), pid);
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        android::base::ReadFileToString(outPath, &result.out);
-        android::base::ReadFileToString(errPath, &result.err);
-        return result;
+    ToolRun run(std::vector<std::string> args, const char* tool = PWR_SIM_PATH) {
+        args.insert(args.begin(), tool);
+        return pwr::test::runTool(args, mDir);
     }
 
     std::string write(const std::string& name, const std::string& content) {
@@ -82,417 +52,222 @@ class PwrSimTest : public ::testing::Test {
         return path;
     }
 
-    static std::string source(const std::string& path) {
-        return std::string(PWR_SOURCE_DIR) + "/" + path;
+    std::string read(const std::string& path) {
+        std::string text;
+        EXPECT_TRUE(android::base::ReadFileToString(path, &text)) << path;
+        return text;
     }
 
     std::string mDir;
 };
 
-// Timeline lines "h:mm:ss.mmm  kind     text" as (ms, kind, text).
-struct Line {
-    int64_t ms;
-    std::string kind;
-    std::string text;
+// A scenario whose output is kept as a golden file, and lines that output must hold whatever
+// the golden says (so that a regenerated golden cannot lose them unseen).
+struct GoldenRow {
+    const char* name;
+    std::vector<std::string> args;  // relative to the source folder
+    std::vector<std::string> mustHold;
+    // Deep mode's property list follows the configuration map's iteration order, which a 32-bit
+    // build's hash differs in: the golden is a 64-bit build's.
+    bool mapOrder = false;
 };
 
-std::vector<Line> timeline(const std::string& text) {
-    std::vector<Line> lines;
-    std::istringstream in(text);
-    std::string line;
-    while (std::getline(in, line)) {
-        int h = 0;
-        int m = 0;
-        int sec = 0;
-        int ms = 0;
-        int used = 0;
-        if (sscanf(line.c_str(), "%d:%2d:%2d.%3d  %n", &h, &m, &sec, &ms, &used) != 4 ||
-            used == 0) {
-            continue;
-        }
-        const size_t kindEnd = line.find(' ', used);
-        const std::string kind = line.substr(used, kindEnd - used);
-        const size_t textStart =
-                kindEnd == std::string::npos ? line.size() : line.find_first_not_of(' ', kindEnd);
-        lines.push_back(Line{(((h * 60LL) + m) * 60 + sec) * 1000 + ms, kind,
-                             textStart == std::string::npos ? "" : line.substr(textStart)});
-    }
-    return lines;
+class GoldenTest : public PwrSimTest, public ::testing::WithParamInterface<GoldenRow> {};
+
+// The brief timeline and the summary, with the source folder and the plug-in's path (which
+// differ between checkouts and builds) taken out.
+std::string normalized(std::string out) {
+    for (size_t at; (at = out.find(kSource)) != std::string::npos;) out.erase(at, kSource.size());
+    return std::regex_replace(out, std::regex("(  load +)[^\n]*"), "$1<plug-in>");
 }
 
-std::vector<Line> ofKind(const std::vector<Line>& lines, const std::string& kind,
-                         const std::string& containing = "") {
-    std::vector<Line> out;
-    for (const Line& l : lines) {
-        if (l.kind == kind && l.text.find(containing) != std::string::npos) out.push_back(l);
+TEST_P(GoldenTest, OutputMatchesItsGolden) {
+    const GoldenRow& row = GetParam();
+    if (row.mapOrder && sizeof(size_t) != 8) {
+        GTEST_SKIP() << "deep mode pairs its properties in the map order of a 64-bit build";
     }
-    return out;
-}
-
-int intConfig(const pwr::tools::FeatureConfig& config, const char* key) {
-    return static_cast<int>(std::stod(config.info.configs.at(key)));
-}
-
-// The frequency the feature samples while the GPU runs at `mhz` on average: its time-in-state
-// average capacity, converted up to the first table frequency at or above it.
-uint64_t sampledMhz(const std::vector<uint64_t>& table, double mhz) {
-    for (uint64_t f : table) {
-        if (static_cast<double>(f) >= mhz) return f;
-    }
-    return table.back();
-}
-
-// The game scenario with its configuration: the profile of each phase follows from the
-// thresholds, the first switch time from the sampling settings, each later one comes within the
-// samples the average needs to cross a threshold plus three decisions.
-TEST_F(PwrSimTest, GameScenario_ProfilesAndSwitchTimesFollowTheConfiguration) {
-    pwr::sim::Scenario scenario;
-    pwr::tools::FeatureConfig config;
-    std::string error;
-    ASSERT_TRUE(
-            pwr::sim::Scenario::parseFile(source("configs/sim/game-climb.json"), &scenario, &error))
-            << error;
-    ASSERT_TRUE(pwr::tools::FeatureConfigXml::parseFile(scenario.configPath, &config, &error))
-            << error;
-    const int periodMs = intConfig(config, "GAME_TIMER");
-    const int samples = intConfig(config, "GPU_SAMPLE_COUNT");
-    const int stable = intConfig(config, "STABILITY_SAMPLE_COUNT");
-    const int low = intConfig(config, "GPU_Freq_THRESHOLD_LOW");
-    const int high = intConfig(config, "GPU_Freq_THRESHOLD_HIGH");
-    std::vector<std::string> dynamic;
-    for (const auto& [name, lists] : config.info.profiles) {
-        if (name.find("DYN_") != std::string::npos) dynamic.push_back(name);
-    }
-    std::sort(dynamic.begin(), dynamic.end());
-    ASSERT_EQ(dynamic.size(), 3u);
-
-    // The game runs from its start event to its stop event; each GPU phase after the loading
-    // one (the first with a small swing) must end on the profile its sampled frequency implies.
-    int64_t startMs = -1;
-    int64_t stopMs = -1;
-    for (const auto& e : scenario.events) {
-        if (!e.hasEvent) continue;
-        if (e.event.kind == pwr::tools::ScriptEvent::Kind::Start) startMs = e.timeMs;
-        if (e.event.kind == pwr::tools::ScriptEvent::Kind::Stop) stopMs = e.timeMs;
-    }
-    ASSERT_GE(startMs, 0);
-    ASSERT_GT(stopMs, startMs);
-    struct Phase {
-        int64_t from;
-        int64_t to;
-        std::string profile;
-    };
-    std::vector<Phase> phases;
-    for (size_t i = 0; i < scenario.gpu.size(); ++i) {
-        const auto& p = scenario.gpu[i];
-        if (p.timeMs <= startMs || p.timeMs >= stopMs || p.busySwing > 10) continue;
-        const int64_t to = i + 1 < scenario.gpu.size() ? scenario.gpu[i + 1].timeMs : stopMs;
-        const uint64_t mhz = sampledMhz(scenario.gpuFrequenciesMhz, p.freqMhz);
-        const int level = mhz < static_cast<uint64_t>(low)     ? 2
-                          : mhz <= static_cast<uint64_t>(high) ? 1
-                                                               : 0;
-        // Consecutive phases on the same level are one phase.
-        if (!phases.empty() && phases.back().profile == dynamic[level]) {
-            phases.back().to = std::min(to, stopMs);
-        } else {
-            phases.push_back(Phase{p.timeMs, std::min(to, stopMs), dynamic[level]});
-        }
-    }
-    ASSERT_EQ(phases.size(), 4u) << "the scenario settles, climbs twice and eases off";
-
-    const ToolRun r = run({source("configs/sim/game-climb.json"), "--out", mDir + "/out"});
+    std::vector<std::string> args = {"--brief"};
+    for (const std::string& a : row.args) args.push_back(a[0] == '-' ? a : kSource + a);
+    const ToolRun r = run(args);
     ASSERT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "");
-    const std::vector<Line> lines = timeline(r.out);
-    const std::vector<Line> acquired = ofKind(lines, "lock", "acquired");
-    ASSERT_EQ(acquired.size(), phases.size()) << r.out;
-    for (size_t i = 0; i < phases.size(); ++i) {
-        EXPECT_THAT(acquired[i].text, HasSubstr(" " + phases[i].profile + " {")) << i;
-        EXPECT_GT(acquired[i].ms, phases[i].from) << i;
-        EXPECT_LT(acquired[i].ms, phases[i].to) << i;
+    const std::string out = normalized(r.out);
+    const std::string golden = kSource + "tests/sim/golden/" + row.name + ".txt";
+    if (getenv("PWR_UPDATE_GOLDENS") != nullptr) {
+        ASSERT_TRUE(android::base::WriteStringToFile(out, golden)) << golden;
     }
-    // The first decision needs a full list of settled samples (the tick at the phase's start
-    // already reads the settled busy value), the stable checks, then three decisions in a row.
-    EXPECT_EQ(acquired[0].ms, phases[0].from + periodMs * ((samples - 1) + (stable - 1) + 3));
-    // Later switches: the average crosses a threshold within a full list of new samples, and
-    // the third differing decision switches.
-    for (size_t i = 1; i < phases.size(); ++i) {
-        EXPECT_GE(acquired[i].ms, phases[i].from + 3 * periodMs) << i;
-        EXPECT_LE(acquired[i].ms, phases[i].from + (samples + 3) * periodMs) << i;
-    }
-    // Every switch releases the profile held before; the stop releases the last one.
-    const std::vector<Line> released = ofKind(lines, "lock", "released");
-    ASSERT_EQ(released.size(), phases.size());
-    for (size_t i = 0; i + 1 < phases.size(); ++i) EXPECT_EQ(released[i].ms, acquired[i + 1].ms);
-    EXPECT_EQ(released.back().ms, stopMs);
-    EXPECT_THAT(ofKind(lines, "game"), ::testing::SizeIs(2));
-    EXPECT_EQ(ofKind(lines, "game", "gaming state 1").at(0).ms, startMs);
-
-    // The summary adds up the same slices.
-    std::string summary;
-    ASSERT_TRUE(android::base::ReadFileToString(mDir + "/out/summary.txt", &summary));
-    EXPECT_THAT(summary, HasSubstr("profile switches: 3"));
-    EXPECT_THAT(summary, HasSubstr(dynamic[0] + "      0:04:02.000"));
+    EXPECT_EQ(out, read(golden)) << "regenerate with scripts/update-goldens.sh if intended";
+    for (const std::string& line : row.mustHold) EXPECT_THAT(out, HasSubstr(line)) << row.name;
 }
 
-// Loads a bundled scenario and its configuration.
-void loadBundled(const std::string& name, pwr::sim::Scenario* scenario,
-                 pwr::tools::FeatureConfig* config) {
-    std::string error;
-    ASSERT_TRUE(pwr::sim::Scenario::parseFile(std::string(PWR_SOURCE_DIR) + "/configs/sim/" + name,
-                                              scenario, &error))
-            << error;
-    ASSERT_TRUE(pwr::tools::FeatureConfigXml::parseFile(scenario->configPath, config, &error))
-            << error;
-}
+INSTANTIATE_TEST_SUITE_P(
+        Scenarios, GoldenTest,
+        ::testing::Values(
+                GoldenRow{"game-climb",
+                          {"configs/sim/game-climb.json"},
+                          {"acquired #1 DYN_GPU_2_SAVING", "profile switches: 3",
+                           "no GPU profile yet: waiting for a stable GPU, busy range"}},
+                GoldenRow{"game-climb-closed-loop",
+                          {"--device", "configs/sim/phone.json", "configs/sim/game-climb.json"},
+                          {"Charge and GPU performance (closed loop", "by phase"}},
+                GoldenRow{"video-battery",
+                          {"configs/sim/video-battery.json"},
+                          {"value -20",
+                           "PSM mode 3, but no application the battery monitor "
+                           "serves has started"},
+                          true},
+                GoldenRow{"deep-mode",
+                          {"configs/sim/deep-mode.json"},
+                          {"deep mode applied (state 3)", "deep mode applied:     0:01:32.000",
+                           "restored vendor.gpu.idle_level = \"1\""},
+                          true},
+                GoldenRow{"phone-session",
+                          {"configs/sim/phone-session.json"},
+                          {"warning: the GPU trace was never read"}},
+                // Each explanation the timeline gives for a lock not taken.
+                GoldenRow{"race-700",
+                          {"tests/sim/data/race-700.json"},
+                          {"no GPU profile yet: 0 of 5 samples (GPU_SAMPLE_COUNT) kept",
+                           "waiting for a stable GPU, busy range 47 points is above 10",
+                           "1 of 3 stable checks in a row (STABILITY_SAMPLE_COUNT)",
+                           "is level 0, the level already in force, so the monitor takes no lock",
+                           "the battery is not watched: PSM mode 2 does not read it",
+                           "warning: the battery trace was never read"}}),
+        [](const auto& info) {
+            std::string name = info.param.name;
+            std::replace(name.begin(), name.end(), '-', '_');
+            return name;
+        });
 
-// The video on battery: the battery monitor evaluates every MAX_SAMPLE_NUM seconds from the
-// start of playback; each evaluation's average (logged with --debug) is checked against the
-// scenario's drain, and the boost decision against the video thresholds: above the upper one the
-// foreground tasks (not system_server, not kernel threads) are scaled down by the configured
-// value, below the lower one the scale is taken back, and stopping the video takes it back too.
-TEST_F(PwrSimTest, VideoScenario_BoostDecisionsFollowTheThresholds) {
-    pwr::sim::Scenario scenario;
-    pwr::tools::FeatureConfig config;
-    ASSERT_NO_FATAL_FAILURE(loadBundled("video-battery.json", &scenario, &config));
-    const int every = intConfig(config, "MAX_SAMPLE_NUM");
-    const int up = intConfig(config, "VIDEO_SCALING_UP");
-    const int down = intConfig(config, "VIDEO_SCALING_DOWN");
-    const int scale = intConfig(config, "SCALING_DOWN_TASK_LOAD_BOOST");
-    int64_t startMs = -1;
-    int64_t stopMs = -1;
-    for (const auto& e : scenario.events) {
-        if (e.hasEvent && e.event.kind == pwr::tools::ScriptEvent::Kind::Start) startMs = e.timeMs;
-        if (e.hasEvent && e.event.kind == pwr::tools::ScriptEvent::Kind::Stop) stopMs = e.timeMs;
-    }
-    ASSERT_GE(startMs, 0);
-    // The tasks boosted: the foreground ones at the first boost, as the cpuset lists them.
-    std::vector<int> eligible;
-    for (const auto& p : scenario.foreground.at(0).processes) {
-        if (!p.cmdline.empty() && p.cmdline.find("system_server") == std::string::npos) {
-            eligible.push_back(p.pid);
-        }
-    }
-    ASSERT_EQ(eligible.size(), 2u);
-
-    const ToolRun r = run({source("configs/sim/video-battery.json"), "--debug"});
+// --out writes every file; the trace is JSON with lock slices and the state lanes; the report
+// works in a real browser: its kind filter shows only the kinds asked for.
+TEST_F(PwrSimTest, OutFilesAndTheReportInABrowser) {
+    const std::string out = mDir + "/out";
+    const ToolRun r = run({kSource + "configs/sim/game-climb.json", "--quiet", "--out", out});
     ASSERT_EQ(r.status, 0) << r.err;
-    const std::vector<Line> lines = timeline(r.out);
-    const std::vector<Line> averages = ofKind(lines, "log", "Avg Current: ");
-    ASSERT_GE(averages.size(), 10u);
-    bool boosted = false;
-    int boosts = 0;
-    int unboosts = 0;
-    for (size_t i = 0; i < averages.size(); ++i) {
-        const int64_t t = averages[i].ms;
-        EXPECT_EQ(t, startMs + 1000 * every * static_cast<int64_t>(i + 1)) << i;
-        const double average =
-                std::stod(averages[i].text.substr(averages[i].text.find("Avg Current: ") + 13));
-        // Within the drain (and its swing) of the trace points the samples came from.
-        double lowest = 1e9;
-        double highest = -1e9;
-        for (const auto& p : scenario.battery) {
-            const bool overlaps = p.timeMs <= t;
-            const bool current =
-                    &p == &scenario.battery.back() || (&p + 1)->timeMs > t - 1000 * every;
-            if (overlaps && current) {
-                lowest = std::min(lowest, p.drainMa - p.drainSwing - 1);
-                highest = std::max(highest, p.drainMa + p.drainSwing);
-            }
-        }
-        EXPECT_GE(average, lowest) << "at " << t;
-        EXPECT_LE(average, highest) << "at " << t;
-
-        std::vector<Line> acquired;
-        for (const Line& l : ofKind(lines, "boost", "acquired")) {
-            if (l.ms == t) acquired.push_back(l);
-        }
-        if (average > up && !boosted) {
-            ASSERT_EQ(acquired.size(), eligible.size()) << "boost expected at " << t;
-            for (size_t k = 0; k < eligible.size(); ++k) {
-                const unsigned encoded =
-                        (static_cast<unsigned>(eligible[k]) << 8) | 0x80u | (-scale & 0x7F);
-                char hex[32];
-                snprintf(hex, sizeof(hex), "encoded 0x%X", encoded);
-                EXPECT_THAT(acquired[k].text, HasSubstr("pid " + std::to_string(eligible[k])));
-                EXPECT_THAT(acquired[k].text, HasSubstr("value " + std::to_string(scale)));
-                EXPECT_THAT(acquired[k].text, HasSubstr(hex));
-            }
-            boosted = true;
-            ++boosts;
-        } else if (average < down && boosted) {
-            ASSERT_EQ(acquired.size(), eligible.size()) << "unboost expected at " << t;
-            for (const Line& l : acquired) EXPECT_THAT(l.text, HasSubstr("value 0 (unboosted)"));
-            boosted = false;
-            ++unboosts;
-        } else {
-            EXPECT_TRUE(acquired.empty()) << "no change expected at " << t;
-        }
-    }
-    EXPECT_EQ(boosts, 2);
-    EXPECT_EQ(unboosts, 1);
-    // Stopping the video while boosted takes the scale back at once.
-    ASSERT_TRUE(boosted);
-    int atStop = 0;
-    for (const Line& l : ofKind(lines, "boost", "value 0 (unboosted)")) atStop += l.ms == stopMs;
-    EXPECT_EQ(atStop, static_cast<int>(eligible.size()));
-    EXPECT_TRUE(ofKind(lines, "boost", "system_server").empty());
-}
-
-// Deep mode: 1.5 s after each low-power hint the DEFAULT profile is taken and the property
-// list is applied, pair by pair, in the order the configuration check predicts (the scalar
-// settings included); leaving puts back the first character of each value from before.
-TEST_F(PwrSimTest, DeepModeScenario_PropertiesSetAndRestoredAsConfigured) {
-    pwr::sim::Scenario scenario;
-    pwr::tools::FeatureConfig config;
-    ASSERT_NO_FATAL_FAILURE(loadBundled("deep-mode.json", &scenario, &config));
-    const std::vector<std::string> pieces =
-            pwr::tools::FeatureKeys::deepModeProperties(config.info);
-    std::vector<int64_t> entries;
-    std::vector<int64_t> leaves;
-    for (const auto& e : scenario.events) {
-        const unsigned type = e.event.payload.hintType & 0x7F;
-        (type == 3 ? entries : leaves).push_back(e.timeMs);
-    }
-    ASSERT_EQ(entries.size(), 2u);
-    ASSERT_EQ(leaves.size(), 2u);
-
-    const std::string root = mDir + "/device";
-    const ToolRun r = run({source("configs/sim/deep-mode.json"), "--device-root", root});
-    ASSERT_EQ(r.status, 0) << r.err;
-    const std::vector<Line> lines = timeline(r.out);
-    const std::vector<Line> deep = ofKind(lines, "lock", "acquired #");
-    std::vector<Line> defaults;
-    for (const Line& l : deep) {
-        if (l.text.find(" DEFAULT {") != std::string::npos) defaults.push_back(l);
-    }
-    ASSERT_EQ(defaults.size(), entries.size());
-    for (size_t i = 0; i < entries.size(); ++i) {
-        EXPECT_EQ(defaults[i].ms, entries[i] + 1500) << i;
-        // Every pair of the list is written at that moment, in order.
-        std::vector<std::string> written;
-        for (const Line& l : ofKind(lines, "prop")) {
-            if (l.ms != defaults[i].ms) continue;
-            // "<set|restored> <name> = "<value>" ...": the verb does not matter here.
-            const size_t name = l.text.find(' ') + 1;
-            const size_t eq = l.text.find(" = \"");
-            written.push_back(l.text.substr(name, eq - name));
-            written.push_back(l.text.substr(eq + 4, l.text.find('"', eq + 4) - eq - 4));
-        }
-        std::vector<std::string> expected(pieces.begin(), pieces.end() - pieces.size() % 2);
-        EXPECT_EQ(written, expected) << i;
-    }
-    // Leaving restores the scenario's properties: the single-character ones exactly, the
-    // longer one as its first character.
-    for (int64_t leave : leaves) {
-        for (const auto& [name, before] : scenario.properties) {
-            const std::string restored = "restored " + name + " = \"" + before.substr(0, 1) + "\"";
-            bool found = false;
-            for (const Line& l : ofKind(lines, "prop", restored)) found = found || l.ms == leave;
-            EXPECT_TRUE(found) << restored << " at " << leave;
-        }
-    }
-    EXPECT_THAT(
-            r.out,
-            HasSubstr("vendor.display.lpm: \"0\" -> \"1\" -> ... -> \"0\" (4 writes): restored"));
-    EXPECT_THAT(r.out,
-                HasSubstr("vendor.gpu.idle_level: \"12\" -> \"0\" -> ... -> \"1\" (4 writes): "
-                          "NOT restored"));
-    // The property store of the kept device tree holds what the summary says.
-    std::string value;
-    ASSERT_TRUE(
-            android::base::ReadFileToString(root + "/data/property/vendor.gpu.idle_level", &value));
-    EXPECT_EQ(value, "1");
-    EXPECT_TRUE(std::filesystem::exists(root + "/data/vendor/pwr/InputPMDB.db"));
-}
-
-TEST_F(PwrSimTest, TwoRunsGiveIdenticalOutput) {
-    for (const char* other : {"video-battery.json", "deep-mode.json"}) {
-        const ToolRun a = run({source(std::string("configs/sim/") + other)});
-        const ToolRun b = run({source(std::string("configs/sim/") + other)});
-        ASSERT_EQ(a.status, 0) << a.err;
-        EXPECT_EQ(a.out, b.out) << other;
-        EXPECT_EQ(a.err, b.err) << other;
-    }
-    const ToolRun first = run({source("configs/sim/game-climb.json"), "--out", mDir + "/a"});
-    const ToolRun second = run({source("configs/sim/game-climb.json"), "--out", mDir + "/b"});
-    ASSERT_EQ(first.status, 0) << first.err;
-    ASSERT_EQ(second.status, 0) << second.err;
-    // Only the output folder named on the last line differs.
-    auto body = [](const std::string& out) { return out.substr(0, out.rfind("\nWrote ")); };
-    EXPECT_EQ(body(first.out), body(second.out));
-    for (const char* file : {"timeline.txt", "summary.txt", "trace.json", "plot.svg"}) {
-        std::string a;
-        std::string b;
-        ASSERT_TRUE(android::base::ReadFileToString(mDir + "/a/" + file, &a)) << file;
-        ASSERT_TRUE(android::base::ReadFileToString(mDir + "/b/" + file, &b)) << file;
-        EXPECT_EQ(a, b) << file;
-        EXPECT_FALSE(a.empty()) << file;
-    }
-}
-
-// The trace opens in the trace viewers: valid JSON, counter tracks with values, one complete
-// slice per lock held, in microseconds.
-TEST_F(PwrSimTest, TraceHasCounterTracksAndLockSlices) {
-    const ToolRun r = run({source("configs/sim/game-climb.json"), "--quiet", "--out", mDir});
-    ASSERT_EQ(r.status, 0) << r.err;
-    std::string text;
-    ASSERT_TRUE(android::base::ReadFileToString(mDir + "/trace.json", &text));
-    const nlohmann::json trace = nlohmann::json::parse(text);
-    std::map<std::string, int> counters;
-    std::vector<nlohmann::json> slices;
+    const nlohmann::json trace = nlohmann::json::parse(read(out + "/trace.json"));
+    int locks = 0;
+    int lanes = 0;
     for (const auto& e : trace.at("traceEvents")) {
-        if (e.at("ph") == "C") ++counters[e.at("name").get<std::string>()];
-        if (e.at("ph") == "X") slices.push_back(e);
+        locks += e.at("ph") == "X" && e.value("cat", "") == "lock" ? 1 : 0;
+        lanes += e.at("ph") == "X" && e.value("cat", "") == "state" ? 1 : 0;
     }
-    for (const char* name : {"GPU frequency (MHz)", "GPU busy (%)", "GPU profile level (level)",
-                             "Boosted tasks (tasks)", "PSM mode (mode)"}) {
-        EXPECT_GT(counters[name], 1) << name;
-    }
-    ASSERT_EQ(slices.size(), 4u);
-    EXPECT_EQ(slices[0].at("name"), "DYN_GPU_2_SAVING");
-    EXPECT_EQ(slices[0].at("ts").get<int64_t>(), 64500000);
-    EXPECT_GT(slices[0].at("dur").get<int64_t>(), 0);
+    EXPECT_EQ(locks, 4);
+    EXPECT_EQ(lanes, 2);  // gaming usable mode and the foreground app, each once
+    EXPECT_THAT(read(out + "/plot.svg"), HasSubstr("threshold high"));
 
-    std::string svg;
-    ASSERT_TRUE(android::base::ReadFileToString(mDir + "/plot.svg", &svg));
-    for (const char* label : {"GPU frequency (MHz)", "GPU busy (%)", "time (minutes)",
-                              "sampled by the feature", "DYN_GPU_1_BALANCED"}) {
-        EXPECT_THAT(svg, HasSubstr(label));
+    const char* chromium = "/usr/bin/chromium";
+    if (access(chromium, X_OK) != 0) GTEST_SKIP() << "no " << chromium << " (CI installs it)";
+    std::string timeline = read(out + "/timeline.txt");
+    int expected = 0;
+    for (std::istringstream in(timeline); std::getline(in, timeline);) {
+        expected += timeline.find("  why ") != std::string::npos ||
+                                    timeline.find("  lock ") != std::string::npos
+                            ? 1
+                            : 0;
     }
+    const ToolRun dom = pwr::test::runTool(
+            {chromium, "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
+             "--disable-background-networking", "--disable-component-update", "--disable-sync",
+             "--user-data-dir=" + mDir + "/profile", "--dump-dom",
+             "file://" + out + "/report.html?kinds=why,lock"},
+            mDir);
+    ASSERT_EQ(dom.status, 0) << dom.err;
+    EXPECT_THAT(dom.out, HasSubstr(">" + std::to_string(expected) + " lines shown<"));
+    EXPECT_THAT(dom.out, HasSubstr("<tr class=\"log\" style=\"display: none;\">"));
+    EXPECT_THAT(dom.out, HasSubstr("<tr class=\"why\">"));
 }
 
+// Each mistake gets one error line naming the file and the line or key path, before anything
+// runs.
 TEST_F(PwrSimTest, BadInputGetsOneErrorNamingFileAndPlace) {
-    const std::string json = write("bad.json", "{\n  \"duration\": 10,\n  \"apps\": {,}\n}\n");
-    ToolRun r = run({json});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "");
-    EXPECT_THAT(r.err, ::testing::StartsWith("pwr-sim: error: " + json + ":3:12: syntax error"));
-    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1);
-
-    const std::string wrong = write("wrong.json", R"({"duration": 10, "gpu": {"trace": []}})");
-    r = run({wrong, "--config", source("configs/game.xml")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err, "pwr-sim: error: " + wrong + ": gpu: \"frequencies_mhz\" is missing\n");
-
-    const std::string noConfig = write("noconfig.json", R"({"duration": 10})");
-    r = run({noConfig});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(r.err, HasSubstr(noConfig + ": no configuration"));
-
-    const std::string xml = write("bad.xml", "<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n");
-    r = run({noConfig, "--config", xml});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(r.err, ::testing::StartsWith("pwr-sim: error: " + xml + ":"));
-
+    const std::string config = kSource + "configs/game.xml";
+    struct Row {
+        std::string content;  // the scenario
+        std::vector<std::string> args;
+        std::string error;  // after "pwr-sim: error: <file>"
+    };
+    const Row rows[] = {
+            {"{\n  \"duration\": 10,\n  \"apps\": {,}\n}\n", {}, ":3:12: syntax error"},
+            {R"({"duration": 10, "gpu": {"trace": []}})",
+             {"--config", config},
+             ": gpu: \"frequencies_mhz\" is missing"},
+            {R"({"duration": 10, "duration": 20})",
+             {"--config", config},
+             ": duration: is given twice in one object"},
+            {R"({"duration": 10, "events": [{"t": 1, "event": "start a\u0000b"}]})",
+             {"--config", config},
+             ": events[0].event: holds a NUL character"},
+            {R"({"duration": 10})", {}, ": no configuration"},
+            {R"({"duration": 10})",
+             {"--config", config, "--out", "/proc/pwr-sim"},
+             "cannot make the output folder /proc/pwr-sim"},
+    };
+    for (const Row& row : rows) {
+        const std::string scenario = write("s.json", row.content);
+        std::vector<std::string> args = row.args;
+        args.insert(args.begin(), scenario);
+        const ToolRun r = run(args);
+        EXPECT_EQ(r.status, 1) << row.content;
+        EXPECT_EQ(r.out, "") << row.content;
+        EXPECT_THAT(r.err, HasSubstr(row.error)) << row.content;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    }
     // A configuration the feature throws on: the key and its line are named.
     const std::string throwing =
             write("throws.xml",
                   "<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n"
                   "<Config name=\"PSM_STATE\" value=\"zero\"/>\n</Configs>\n</Feature>\n");
-    r = run({noConfig, "--config", throwing});
-    EXPECT_EQ(r.status, 1);
+    const ToolRun r = run({write("s.json", R"({"duration": 10})"), "--config", throwing});
     EXPECT_THAT(r.err, HasSubstr(throwing + ":3: config \"PSM_STATE\" = \"zero\" is not a number"));
+    // A NUL byte would cut an application's name short where a C string ends.
+    using namespace std::string_literals;
+    const std::string nul = write("nul.xml",
+                                  "<Feature name=\"PSMPowerOptFeature\">\n<AppList>\n"
+                                  "<App>com.a\0pp</App>\n</AppList>\n</Feature>\n"s);
+    EXPECT_THAT(run({"--check", nul}).out, HasSubstr(nul + ":3: holds a NUL character"));
+}
+
+// A scenario and a configuration reached through symbolic links, or the scenario on standard
+// input, are read as the files themselves.
+TEST_F(PwrSimTest, SymbolicLinksAndStandardInput) {
+    const std::string scenario = mDir + "/linked.json";
+    const std::string config = mDir + "/linked.xml";
+    std::filesystem::create_symlink(kSource + "tests/sim/data/race-700.json", scenario);
+    std::filesystem::create_symlink(kSource + "configs/game.xml", config);
+    const ToolRun linked = run({scenario, "--config", config, "--quiet"});
+    EXPECT_EQ(linked.status, 0) << linked.err;
+    EXPECT_THAT(linked.out, HasSubstr("A race at 700 MHz takes no lock"));
+    EXPECT_EQ(run({"--check", config}).status, 0);
+
+    if (emulated()) GTEST_SKIP() << "the shell that feeds standard input is not emulated";
+    const ToolRun piped = pwr::test::runTool(
+            {"/bin/sh", "-c",
+             std::string(PWR_SIM_PATH) + " - --quiet --config " + config + " < " + scenario},
+            mDir);
+    EXPECT_EQ(piped.status, 0) << piped.err;
+    EXPECT_EQ(piped.out, linked.out);
+}
+
+// Ctrl-C stops a long run: exit status 130, the temporary device tree and the files of the
+// unfinished run are gone.
+TEST_F(PwrSimTest, InterruptedRunLeavesNothingBehind) {
+    if (emulated()) GTEST_SKIP() << "timeout(1) runs the tool natively";
+    const std::string scenario = write("day.json", R"({"duration": 86400, "apps": {"g": "game"},
+        "config": ")" + kSource + R"(configs/game.xml",
+        "gpu": {"frequencies_mhz": [180, 850], "trace": [{"t": 0, "freq_mhz": 500, "busy": 60,
+                "busy_swing": 30, "swing_period": 3}]},
+        "events": [{"t": 1, "event": "hint 2 1"}, {"t": 2, "event": "start g/.Main"}]})");
+    const std::string tmp = mDir + "/tmp";
+    std::filesystem::create_directory(tmp);
+    const std::string out = mDir + "/out";
+    const ToolRun r =
+            pwr::test::runTool({"/usr/bin/env", "TMPDIR=" + tmp, "timeout", "--preserve-status",
+                                "-s", "INT", "1", PWR_SIM_PATH, scenario, "--quiet", "--out", out},
+                               mDir);
+    EXPECT_EQ(r.status, 130) << r.err;
+    EXPECT_THAT(r.err, HasSubstr("interrupted"));
+    EXPECT_TRUE(std::filesystem::is_empty(tmp));
+    EXPECT_TRUE(std::filesystem::is_empty(out));
 }
 
 // Both tools' command lines: a usage error exits 2 with a line naming the argument at fault,
@@ -548,50 +323,59 @@ TEST_F(PwrSimTest, CommandLineErrorsAndHelp) {
     }
 }
 
-TEST_F(PwrSimTest, CheckModeNamesEachProblemWithItsKey) {
-    ToolRun r = run({"--check", source("configs/game.xml")});
-    EXPECT_EQ(r.status, 0) << r.out;
-    EXPECT_THAT(r.out, HasSubstr("0 errors, 0 warnings"));
+// Each value a part of the feature cannot work with is an error naming its line; what is only
+// odd is a warning, which fails --strict.
+TEST_F(PwrSimTest, CheckNamesEachProblemWithItsLine) {
+    struct Row {
+        std::string from, to;
+        std::string line;  // ":<line>: error: ..." or warning
+    };
+    const Row rows[] = {
+            {"", "", ": 0 errors, 0 warnings"},
+            {"name=\"PSMPowerOptFeature\"", "name=\"PSMPowerOpt\"",
+             ":7: error: <Feature name=\"PSMPowerOpt\">: the plug-in registers its feature as"},
+            {"\"PSM_STATE\" value=\"0\"", "\"PSM_STATE\" value=\"9\"",
+             ":10: error: config \"PSM_STATE\" = 9: event dispatch knows the PSM modes 0 to 3"},
+            {"GPU_Freq_THRESHOLD_HIGH", "GPU_FREQ_THRESHOLD_HIGH",
+             ":22: error: config \"GPU_FREQ_THRESHOLD_HIGH\" is read by no part; did you mean "
+             "\"GPU_Freq_THRESHOLD_HIGH\"?"},
+            {"0x40804000, 0x5DC", "0x40804000",
+             ":27: error: profile \"PROFILE_LIGHT_MODE\" has a first <PerfLock> of 3 numbers"},
+            {"\"GPU_SAMPLE_COUNT\" value=\"5\"", "\"GPU_SAMPLE_COUNT\" value=\"0\"",
+             ":18: error: config \"GPU_SAMPLE_COUNT\" = 0: the GPU monitor keeps at most"},
+            {"\"GPU_Freq_THRESHOLD_LOW\" value=\"300\"", "\"GPU_Freq_THRESHOLD_LOW\" value=\"-1\"",
+             ":21: error: config \"GPU_Freq_THRESHOLD_LOW\" = -1 MHz: the GPU monitor compares"},
+            {"\"GPU_BUSY_STABILITY_THRESHOLD\" value=\"10\"",
+             "\"GPU_BUSY_STABILITY_THRESHOLD\" value=\"-3\"",
+             ":20: error: config \"GPU_BUSY_STABILITY_THRESHOLD\" = -3: a busy range is never"},
+            {"    </Configs>", "<Config name=\"MAX_SAMPLE_NUM\" value=\"5\"/></Configs>",
+             ":23: warning: config \"MAX_SAMPLE_NUM\" is read only with \"DEEP_MODE\" on"},
+    };
+    const std::string game = read(kSource + "configs/game.xml");
+    for (const Row& row : rows) {
+        // The bundled game configuration with one thing changed.
+        std::string xml = game;
+        if (!row.from.empty()) xml.replace(xml.find(row.from), row.from.size(), row.to);
+        const std::string path = write("c.xml", xml);
+        const ToolRun r = run({"--check", path});
+        EXPECT_THAT(r.out, HasSubstr(path + row.line)) << row.to;
+        const bool clean = row.from.empty();
+        EXPECT_EQ(r.status, clean                                           ? 0
+                            : row.line.find("warning") != std::string::npos ? 0
+                                                                            : 1)
+                << r.out;
+        EXPECT_EQ(run({"--check", "--strict", path}).status, clean ? 0 : 1) << r.out;
+    }
+    // A deep-mode configuration passes --strict: its single values are told as notes.
+    const ToolRun deep = run({"--check", "--strict", kSource + "configs/sim/deep-mode.xml"});
+    EXPECT_EQ(deep.status, 0) << deep.out;
+    EXPECT_THAT(deep.out, HasSubstr(": note: config \"DEEP_MODE\" = \"1\" holds 1"));
 
-    const std::string two = write(
-            "two.xml",
-            "<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n"
-            "<Config name=\"PSM_STATE\" value=\"0\"/>\n<Config name=\"DEEP_MODE\" value=\"0\"/>\n"
-            "<Config name=\"GPUMode\" value=\"1\"/>\n<Config name=\"GAME_TIMER\" value=\"5OO\"/>\n"
-            "<Config name=\"GPU_SAMPLE_COUNT\" value=\"5\"/>\n"
-            "<Config name=\"STABILITY_SAMPLE_COUNT\" value=\"3\"/>\n"
-            "<Config name=\"GPU_Freq_THRESHOLD_LOW\" value=\"300\"/>\n"
-            "<Config name=\"GPU_Freq_THRESHOLD_HIGH\" value=\"600\"/>\n</Configs>\n<Profiles>\n"
-            "<Profile name=\"PROFILE_LIGHT_MODE\"><PerfLock>1, 2</PerfLock></Profile>\n"
-            "<Profile name=\"DYN_A\"><PerfLock>1, 2</PerfLock></Profile>\n"
-            "<Profile name=\"DYN_B\"><PerfLock>1, 3</PerfLock></Profile>\n"
-            "</Profiles>\n</Feature>\n");
-    r = run({"--check", two});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(r.out,
-                HasSubstr(two + ":6: warning: config \"GAME_TIMER\" = \"5OO\" is read as 5"));
-    EXPECT_THAT(r.out,
-                HasSubstr(two + ": error: config \"GPU_BUSY_STABILITY_THRESHOLD\" is missing"));
-    EXPECT_THAT(r.out, HasSubstr(two + ": error: only 2 profile(s) whose name contains \"DYN_\""));
-    EXPECT_THAT(r.out, HasSubstr(two + ": 2 errors, 1 warning"));
-
-    // Warnings alone pass, unless --strict.
-    const std::string warnOnly = write(
-            "warn.xml",
-            "<Feature name=\"PSMPowerOptFeature\">\n<Configs>\n"
-            "<Config name=\"PSM_STATE\" value=\"0\"/>\n<Config name=\"DEEP_MODE\" value=\"0\"/>\n"
-            "<Config name=\"GPUMode\" value=\"0x1\"/>\n</Configs>\n<Profiles>\n"
-            "<Profile name=\"PROFILE_LIGHT_MODE\"><PerfLock>1, 2</PerfLock></Profile>\n"
-            "</Profiles>\n</Feature>\n");
-    EXPECT_EQ(run({"--check", warnOnly}).status, 0);
-    EXPECT_EQ(run({"--check", "--strict", warnOnly}).status, 1);
-
-    r = run({"--check", write("broken.xml", "<Feature")});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_THAT(r.out, HasSubstr("broken.xml:1: "));
+    const ToolRun json = run({"--check", kSource + "configs/sim/game-climb.json"});
+    EXPECT_EQ(json.status, 1);
+    EXPECT_THAT(json.out, HasSubstr("game-climb.json: error: this is a JSON file"));
+    EXPECT_THAT(run({"--check", write("broken.xml", "<Feature")}).out, HasSubstr("broken.xml:1: "));
 }
-
-}  // namespace
 
 // Closed loop: a profile whose GPU cap lies under the frequency the device runs at lowers that
 // frequency from the feature's next tick (500 ms) on, and the feature sees what it caused.
@@ -614,14 +398,13 @@ TEST_F(PwrSimTest, ClosedLoop_LockTakenAtATickLimitsTheGpuFromTheNextTick) {
         "events": [{"t": 1, "event": "hint 2 1"}, {"t": 2, "event": "start g/.Main"}]})");
     const std::string recordingPath = mDir + "/recording.json";
     const ToolRun run =
-            this->run({scenario, "--config", config, "--device", source("configs/sim/phone.json"),
+            this->run({scenario, "--config", config, "--device", kSource + "configs/sim/phone.json",
                        "--quiet", "--recording", recordingPath});
     ASSERT_EQ(run.status, 0) << run.err;
-    std::string text;
     std::string error;
     pwr::sim::Recording recording;
-    ASSERT_TRUE(android::base::ReadFileToString(recordingPath, &text));
-    ASSERT_TRUE(pwr::sim::RecordingJson::parseText(text, recordingPath, &recording, &error))
+    ASSERT_TRUE(pwr::sim::RecordingJson::parseText(read(recordingPath), recordingPath, &recording,
+                                                   &error))
             << error;
     // The cap reads as an underused GPU: the feature then takes the lowest profile too.
     struct Step {
@@ -642,34 +425,34 @@ TEST_F(PwrSimTest, ClosedLoop_LockTakenAtATickLimitsTheGpuFromTheNextTick) {
 TEST_F(PwrSimTest, Sweep_WritesARowPerRunAndChecksKeysFirst) {
     // The sweep starts pwr-sim again for each run; under qemu-user without binfmt_misc the
     // kernel cannot run the cross-built program by itself.
-    if (getenv("PWR_TEST_EMULATOR") != nullptr) GTEST_SKIP() << "runs start pwr-sim natively";
+    if (emulated()) GTEST_SKIP() << "runs start pwr-sim natively";
     const std::string out = mDir + "/sweep";
     const std::vector<std::string> common = {"sweep",
                                              "--config",
-                                             source("configs/game.xml"),
+                                             kSource + "configs/game.xml",
                                              "--device",
-                                             source("configs/sim/phone.json"),
+                                             kSource + "configs/sim/phone.json",
                                              "--out",
                                              out};
     std::vector<std::string> bad = common;
-    bad.insert(bad.end(), {"--set", "GPU_THRESHOLD=1,2", source("configs/sim/game-climb.json")});
+    bad.insert(bad.end(), {"--set", "GPU_THRESHOLD=1,2", kSource + "configs/sim/game-climb.json"});
     const ToolRun refused = run(bad);
     EXPECT_EQ(refused.status, 1);
     EXPECT_THAT(refused.err, HasSubstr("game.xml: no <Config name=\"GPU_THRESHOLD\"> to sweep"));
 
     std::vector<std::string> args = common;
-    args.insert(args.end(),
-                {"--set", "GPU_Freq_THRESHOLD_LOW=250,300", source("configs/sim/game-climb.json")});
+    args.insert(args.end(), {"--set", "GPU_Freq_THRESHOLD_LOW=250,300",
+                             kSource + "configs/sim/game-climb.json"});
     const ToolRun done = run(args);
     ASSERT_EQ(done.status, 0) << done.err;
-    std::string csv;
-    ASSERT_TRUE(android::base::ReadFileToString(out + "/sweep.csv", &csv));
     std::vector<std::string> rows;
-    std::istringstream in(csv);
+    std::istringstream in(read(out + "/sweep.csv"));
     for (std::string line; std::getline(in, line);) rows.push_back(line);
-    ASSERT_EQ(rows.size(), 3u) << csv;
+    ASSERT_EQ(rows.size(), 3u);
     // The 300 MHz threshold keeps the saving profile through the climb and saturates more.
     EXPECT_THAT(rows[1], HasSubstr(",250,ok,"));
     EXPECT_THAT(rows[2], HasSubstr(",300,ok,"));
     EXPECT_TRUE(std::filesystem::exists(out + "/tradeoff.svg"));
 }
+
+}  // namespace

@@ -133,6 +133,43 @@ TEST(Scenario, ParseText_InvalidScenariosNameTheKey) {
               "dir/s.json: foreground.trace[0].processes[1].pid: is listed twice");
     EXPECT_EQ(errorOf(R"({"duration": 5, "properties": {"a/b": "1"}})"),
               "dir/s.json: properties.a/b: is not a property name");
+    // What a lenient reader would take silently: the last of two keys, a NUL cutting a name.
+    EXPECT_EQ(errorOf(R"({"duration": 5, "apps": {"g": "game", "g": "video"}})"),
+              "dir/s.json: apps.g: is given twice in one object; say it once");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 1, "event": "start a\u0000b"}]})"),
+              "dir/s.json: events[0].event: holds a NUL character (\\u0000), which would cut it "
+              "short");
+    EXPECT_EQ(errorOf(R"({"duration": 5, "apps": {"a\u0000b": "game"}})"),
+              "dir/s.json: apps.a\\u0000b: the key holds a NUL character (\\u0000)");
+    // The duration may come after the events; the latest event is checked against it then.
+    EXPECT_EQ(
+            errorOf(R"({"events": [{"t": 1, "note": "a"}, {"t": 7, "note": "b"}], "duration": 5})"),
+            "dir/s.json: events[1].t: is after the scenario's duration");
+}
+
+// Events not kept are read again, one at a time, exactly as a kept list holds them.
+TEST(Scenario, ForEachEvent_ReadsAgainWhatWasNotKept) {
+    Scenario kept;
+    Scenario streamed;
+    std::string error;
+    ASSERT_TRUE(Scenario::parseText(kValid, "dir/s.json", &kept, &error)) << error;
+    ASSERT_TRUE(Scenario::parseText(kValid, "dir/s.json", &streamed, &error, false)) << error;
+    EXPECT_TRUE(streamed.events.empty());
+    EXPECT_EQ(streamed.eventCount, kept.events.size());
+    std::vector<std::string> seen;
+    ASSERT_TRUE(streamed.forEachEvent(
+                        [&](const pwr::sim::ScenarioEvent& e) {
+                            seen.push_back(std::to_string(e.timeMs) + " " + e.event.describe() +
+                                           " " + e.note);
+                            return seen.size() < 2;  // stops after the second
+                        },
+                        &error) == false);
+    EXPECT_EQ(error, "");
+    ASSERT_EQ(seen.size(), 2u);
+    for (size_t i = 0; i < seen.size(); ++i) {
+        const pwr::sim::ScenarioEvent& e = kept.events[i];
+        EXPECT_EQ(seen[i], std::to_string(e.timeMs) + " " + e.event.describe() + " " + e.note);
+    }
 }
 
 TEST(Scenario, ParseFile_UnreadableFileIsNamed) {
