@@ -132,11 +132,9 @@ class TimerService {
         return timer != nullptr ? timer->expiries : 0;
     }
 
-    int count(bool armedOnly) {
+    int count() {
         std::lock_guard<std::mutex> lock(mMutex);
-        return static_cast<int>(std::count_if(mTimers.begin(), mTimers.end(), [&](const auto& e) {
-            return !armedOnly || e.second->armed;
-        }));
+        return static_cast<int>(mTimers.size());
     }
 
     bool waitIdle(std::chrono::milliseconds timeout) {
@@ -398,11 +396,7 @@ uint64_t timerExpiries(timer_t timer) {
 }
 
 int liveTimers() {
-    return TimerService::instance().count(false);
-}
-
-int armedTimers() {
-    return TimerService::instance().count(true);
+    return TimerService::instance().count();
 }
 
 bool waitForTimerCallbacks(std::chrono::milliseconds timeout) {

@@ -35,9 +35,6 @@ uint64_t timerExpiries(timer_t timer);
 // Stands for counting the kernel's timers in /proc/self/timers, which these timers are not.
 int liveTimers();
 
-// Number of timers of this process that are armed now.
-int armedTimers();
-
 // Waits until no notify function is running. Disarm the timers first: an armed timer may start
 // another callback at any moment. False when callbacks were still running at the timeout.
 bool waitForTimerCallbacks(std::chrono::milliseconds timeout = std::chrono::seconds(10));
