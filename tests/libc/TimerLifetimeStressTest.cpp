@@ -37,7 +37,7 @@ using namespace std::chrono_literals;
 // Every cycle forces the interleaving (a deletion that lands on a tick blocked in its read), so
 // the count only has to cover the C library's ways of starting a tick, not to wait for a lucky
 // one; each cycle waits for one 1 ms expiry.
-constexpr int kCycles = 1000;
+constexpr int kCycles = 10000;
 constexpr auto kTimeout = 10s;
 constexpr char kGpuDir[] = "/sys/class/grax/grax-3d0/";
 // The busy node's answer; a tick that has read the first part waits in its read for the rest.
