@@ -1,7 +1,7 @@
 // The record store's keys and rows against a real in-memory SQLite database. Any text may reach
 // the store as a key (property names come from the configuration); the where clause inlines it
-// unescaped, as specified, so a quote may break, widen or limit a statement: for such keys only
-// "no crash" holds. For every other key: a read returns as many rows as a count of the same key
+// unescaped, so a quote may break, widen or limit a statement: for such keys only "no crash"
+// holds. For every other key: a read returns as many rows as a count of the same key
 // finds (up to the 10,000-row limit), and only rows that match the key; a delete leaves no row
 // for its key. A closed store answers every query with its neutral result.
 //
@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include <android-base/strings.h>
+
 #include "fuzz/FuzzSupport.h"
 #include "pmdb/PMDatabase.h"
 #include "pmdb/PSMReferenceOutput.h"
@@ -32,17 +34,6 @@ constexpr int kReadLimit = 10000;
 
 using Store = PMDatabase<PSMReferenceOutput>;
 using Rows = std::vector<std::unique_ptr<PSMReferenceOutput>>;
-
-std::vector<std::string> split(const std::string& text, char delimiter) {
-    std::vector<std::string> pieces;
-    size_t start = 0;
-    for (;;) {
-        const size_t end = text.find(delimiter, start);
-        pieces.push_back(text.substr(start, end - start));
-        if (end == std::string::npos) return pieces;
-        start = end + 1;
-    }
-}
 
 std::string field(const std::vector<std::string>& fields, size_t i) {
     return i < fields.size() ? fields[i] : std::string();
@@ -88,9 +79,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bool open = true;
     Rows lastRead;
     const std::vector<std::string> lines =
-            split(std::string(reinterpret_cast<const char*>(data), size), '\n');
+            android::base::Split(std::string(reinterpret_cast<const char*>(data), size), "\n");
     for (size_t n = 0; n < lines.size() && n < kMaxOperations; ++n) {
-        const std::vector<std::string> fields = split(lines[n], '|');
+        const std::vector<std::string> fields = android::base::Split(lines[n], "|");
         if (fields[0].empty()) continue;
         switch (fields[0][0]) {
             case 'w': {
