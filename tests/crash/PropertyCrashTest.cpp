@@ -23,10 +23,7 @@
 #include <android-base/unique_fd.h>
 #include <gtest/gtest.h>
 
-#include "feature/PSMPowerOptFeature.h"
-#include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
-#include "platform/Properties.h"
 #include "tests/support/DeviceTree.h"
 #include "tests/support/FeaturePeer.h"
 #include "tests/support/LogCapture.h"
@@ -45,8 +42,6 @@ constexpr int kRuns = 60;
 constexpr int kMinMidListKills = 30;
 constexpr int kMaxRuns = 300;
 constexpr char kStoreFile[] = "/data/vendor/pwr/InputPMDB.db";
-// Never a property value here: tells an unset property from a set one.
-constexpr char kUnset[] = "<unset>";
 
 // Child to parent, one byte each.
 constexpr char kReady = 'R';  // about to apply the list
@@ -57,8 +52,7 @@ struct PropertyCase {
     std::optional<std::string> original;  // nullopt: unset before deep mode
     std::string deepValue;
 
-    // What property application must save: the first character of the value read with the
-    // default "0".
+    // The first character of the old value, read with the default "0".
     char saved() const { return original ? (*original)[0] : '0'; }
 };
 
@@ -69,17 +63,10 @@ std::vector<PropertyCase> deepModeCases() {
     const std::optional<std::string> originals[] = {std::nullopt, "1", "128", "abc", "0", "7x"};
     const char* const deepValues[] = {"1", "0", "1", "z", "1", "70"};
     for (int i = 0; i < kProperties; ++i) {
-        char name[64];
-        snprintf(name, sizeof(name), "vendor.pwr.deep.p%02d", i);
-        cases.push_back({name, originals[i % 6], deepValues[i % 6]});
+        cases.push_back(
+                {"vendor.pwr.deep.p" + std::to_string(i), originals[i % 6], deepValues[i % 6]});
     }
     return cases;
-}
-
-std::string currentValue(const std::string& name) {
-    char buf[PROP_VALUE_MAX] = {};
-    property_get(name.c_str(), buf, kUnset);
-    return buf;
 }
 
 // Waits at most `timeout` for one byte from the child; 0 on timeout or end of file.
@@ -112,13 +99,9 @@ bool armKillTimer(std::chrono::microseconds delay) {
 [[noreturn]] void applyInChild(int fd, const std::vector<PropertyCase>& cases,
                                std::optional<std::chrono::microseconds> killAfter) {
     pwr::test::installNullLogger();
-    std::string error;
-    auto feature =
-            pwr::host::PluginHost::create("PSMPowerOptFeature", pwr::test::minimalConfig(), &error);
-    if (feature == nullptr) _exit(2);
-    auto& psm = static_cast<PSMPowerOptFeature&>(*feature);
-    psm.pmDbInit();
-    if (PSMPowerOptFeatureTestPeer(psm).store().database() == nullptr) _exit(3);
+    pwr::test::FeatureHandle feature(pwr::test::minimalConfig());
+    feature->pmDbInit();
+    if (PSMPowerOptFeatureTestPeer(*feature).store().database() == nullptr) _exit(3);
     std::vector<std::string> list;
     for (const PropertyCase& c : cases) {
         list.push_back(c.name);
@@ -127,7 +110,7 @@ bool armKillTimer(std::chrono::microseconds delay) {
     (void)!write(fd, &kReady, 1);
     if (killAfter && !armKillTimer(*killAfter)) _exit(4);
     const auto start = Clock::now();
-    psm.applyProp(list.data(), static_cast<int>(list.size()), 0);
+    feature->applyProp(list.data(), static_cast<int>(list.size()), 0);
     const int64_t micros =
             std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
     char done[1 + sizeof(micros)] = {kDone};
@@ -137,7 +120,6 @@ bool armKillTimer(std::chrono::microseconds delay) {
 }
 
 struct RunResult {
-    bool childFailed = false;
     bool finished = false;  // the list was fully applied before the kill
     std::chrono::microseconds applyTime{0};
     int changed = 0;
@@ -153,7 +135,7 @@ RunResult runOnce(const std::vector<PropertyCase>& cases,
     pwr::test::DeviceTree tree;
     tree.mkdirs("/data/vendor/pwr");
     for (const PropertyCase& c : cases) {
-        if (c.original) property_set(c.name.c_str(), c.original->c_str());
+        if (c.original) pwr::test::setProperty(c.name, *c.original);
     }
 
     int fds[2];
@@ -188,7 +170,6 @@ RunResult runOnce(const std::vector<PropertyCase>& cases,
     int status = 0;
     waitpid(pid, &status, 0);
     if (first != kReady || !WIFSIGNALED(status) || WTERMSIG(status) != SIGKILL) {
-        result.childFailed = true;
         result.faults.push_back("child did not reach the list (status " + std::to_string(status) +
                                 ")");
         return result;
@@ -211,8 +192,8 @@ RunResult runOnce(const std::vector<PropertyCase>& cases,
         saved[row[0]].push_back(row[1]);
     }
     for (const PropertyCase& c : cases) {
-        const std::string now = currentValue(c.name);
-        const bool changed = now != c.original.value_or(kUnset);
+        const std::string now = pwr::test::propertyValue(c.name);
+        const bool changed = now != c.original.value_or("<unset>");
         if (changed) ++result.changed;
         auto it = saved.find(c.name);
         if (it == saved.end()) {
@@ -255,13 +236,12 @@ TEST(PropertyCrash, KilledWhileApplyingDeepModeListLosesNoOldValue) {
     int afterLast = 0;
     int runs = 0;
     for (; runs < kMaxRuns && (runs < kRuns || midList < kMinMidListKills); ++runs) {
-        const int run = runs;
         std::uniform_real_distribution<double> delay(0, window);
         const std::chrono::microseconds killAfter(static_cast<long long>(delay(random)));
         const RunResult result = runOnce(cases, killAfter);
         if (!result.faults.empty()) {
             ++failedRuns;
-            ADD_FAILURE() << "run " << run << " killed after " << killAfter.count()
+            ADD_FAILURE() << "run " << runs << " killed after " << killAfter.count()
                           << " us: " << ::testing::PrintToString(result.faults);
         }
         if (result.changed == 0) {
