@@ -1,15 +1,11 @@
-// Host events against timer threads, at volume.
-//
-// Two features run side by side, as in a power service: one whose PSM mode follows the usable
-// power mode hints (gaming mode with the game timer at a 2 ms period, and low-power entries that
-// start the deep-mode timer), and one that its configuration fixes in battery-watch mode (the
-// battery timer). One thread delivers tens of thousands of events to both while their timers fire
-// on their own threads, in real time made 50 times faster for the battery timer's second and the
-// deep timer's one and a half, so that every timer fires often whatever the machine. The sanitizer
-// builds of the suite run this to find data races, lock-order inversions and use after free between
-// sendEvents and the timer callbacks; the test itself checks that every timer the features created
-// fired while events were arriving, that the features' own events disarm their timers, and that
-// each feature's one profile lock agrees with what the performance library holds.
+// Host events against timer threads, at volume. Two features run side by side, as in a power
+// service: one whose PSM mode follows the hints (gaming with a 2 ms game timer, low-power entries
+// that start the deep timer) and one fixed in battery-watch mode. One thread sends both tens of
+// thousands of events while their timers fire on their own threads, in real time made 50 times
+// faster, so that the sanitizer builds find races and use after free between sendEvents and the
+// timer callbacks. The test checks that every timer fired while events arrived, that the features'
+// own events disarm their timers, and that each feature's one profile lock agrees with the
+// performance library.
 
 #include <algorithm>
 #include <chrono>
@@ -23,19 +19,20 @@
 #include <gtest/gtest.h>
 
 #include "feature/FeatureCodes.h"
-#include "feature/PSMPowerOptFeature.h"
-#include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
 #include "platform/Timer.h"
 #include "tests/support/DeviceTree.h"
 #include "tests/support/FeaturePeer.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TestConfig.h"
 #include "tests/support/ThreadTimers.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
+using pwr::test::event;
+using pwr::test::powerModeHint;
 
 constexpr int kMinEvents = 40000;
 constexpr uint64_t kMinGameTicks = 200;
@@ -56,16 +53,7 @@ using pwr::codes::kAppStartAlt;
 using pwr::codes::kAppStop;
 using pwr::codes::kAppStopOther;
 using pwr::codes::kGameOff;
-constexpr int32_t kPowerModeHint = pwr::codes::kUsablePowerModeHint;
 constexpr int32_t kUnknownEvent = 0x1234;
-
-// Usable power mode hint words: action 1 (bit 7) and the PSM type.
-constexpr uint32_t kHintMode0 = 0x80;
-constexpr uint32_t kHintLight = 0x81;
-constexpr uint32_t kHintGaming = 0x82;
-constexpr uint32_t kHintLowPower = 0x83;
-constexpr uint32_t kHintNoAction = 0x02;
-constexpr uint32_t kHintIgnoredType = 0x84;
 
 const char kGame[] = "com.example.game/.Main";
 const char kVideo[] = "com.example.video/.Player";
@@ -73,14 +61,9 @@ const char kMail[] = "com.example.mail/.Inbox";
 
 constexpr char kGpuDir[] = "/sys/class/grax/grax-3d0/";
 
-// Profiles carry the feature's number in their values, so that the locks of the two features
-// can be told apart in the performance library.
-Profile profile(int opcode, int feature) {
-    return {{opcode, feature}};
-}
-
 // Every setting of the feature core, the GPU monitor, the battery monitor and deep mode, with
-// short periods; one entry carries the deep-mode properties as name,value pairs.
+// short periods; one entry carries the deep-mode properties as name,value pairs. Profiles carry
+// the feature's number, so that the two features' locks can be told apart.
 PowerOptFeatureInfo stressConfig(const std::string& psmState, const std::string& gpuMode,
                                  int feature) {
     PowerOptFeatureInfo info;
@@ -108,12 +91,12 @@ PowerOptFeatureInfo stressConfig(const std::string& psmState, const std::string&
             {"DEEP_PROPS", "vendor.pwr.stress.a,1,vendor.pwr.stress.b,0"},
     };
     info.profiles = {
-            {"PROFILE_LIGHT_MODE", profile(0x40C00000, feature)},
-            {"DEFAULT", profile(0x40C04000, feature)},
+            {"PROFILE_LIGHT_MODE", {{0x40C00000, feature}}},
+            {"DEFAULT", {{0x40C04000, feature}}},
             {"PSM_OPT_RESOURCE", {{0x42C10000}}},
-            {"DYN_0_HIGH", profile(0x40800000, feature)},
-            {"DYN_1_MID", profile(0x40804000, feature)},
-            {"DYN_2_LOW", profile(0x40808000, feature)},
+            {"DYN_0_HIGH", {{0x40800000, feature}}},
+            {"DYN_1_MID", {{0x40804000, feature}}},
+            {"DYN_2_LOW", {{0x40808000, feature}}},
     };
     return info;
 }
@@ -132,42 +115,20 @@ void writeDevice(const pwr::test::DeviceTree& tree) {
     tree.mkdirs("/data/vendor/pwr");
 }
 
-AsyncTriggerPayload event(int32_t id, const std::string& app, uint32_t type = 0) {
-    AsyncTriggerPayload payload;
-    payload.hintId = id;
-    payload.hintType = type;
-    payload.appName = app;
-    return payload;
-}
-
 uint64_t ticks(const Timer_s* timer) {
     return timer != nullptr ? pwr::test::timerExpiries(timer->timerId) : 0;
 }
 
-// The profiles of one feature, as the lists the performance library receives.
-std::vector<std::vector<int>> profileLists(const PowerOptFeatureInfo& info) {
-    std::vector<std::vector<int>> lists;
-    for (const auto& [name, value] : info.profiles) {
-        if (name != "PSM_OPT_RESOURCE" && !value.empty()) lists.push_back(value[0]);
-    }
-    return lists;
-}
-
-// At most one of the feature's profiles is held, and it is the one the feature records.
-void expectOneProfileLock(PSMPowerOptFeature& feature, const PowerOptFeatureInfo& info,
-                          const std::string& which) {
+// At most one of the feature's profiles is held (their lists end in its number; a task boost's
+// value is a pid shifted by 8), and it is the one the feature records.
+void expectOneProfileLock(PSMPowerOptFeature& feature, int number) {
     const int handle = PSMPowerOptFeatureTestPeer(feature).profileLock().held();
-    const std::vector<std::vector<int>> lists = profileLists(info);
     std::vector<int> held;
     for (const auto& [h, list] : fakeperf::heldLocks()) {
-        if (std::find(lists.begin(), lists.end(), list) != lists.end()) held.push_back(h);
+        if (list.size() == 2 && list[1] == number) held.push_back(h);
     }
-    if (handle >= 1) {
-        EXPECT_EQ(held, std::vector<int>{handle}) << which << " holds exactly its recorded lock";
-    } else {
-        EXPECT_TRUE(held.empty()) << which << " leaked profile locks "
-                                  << ::testing::PrintToString(held);
-    }
+    EXPECT_EQ(held, handle >= 1 ? std::vector<int>{handle} : std::vector<int>{})
+            << "feature " << number << " holds exactly its recorded lock";
 }
 
 TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
@@ -182,15 +143,10 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
     fakeperf::setAppType("com.example.game", 2);
     fakeperf::setAppType("com.example.video", 5);
 
-    const PowerOptFeatureInfo gamingInfo = stressConfig("0", "1", 1);
-    const PowerOptFeatureInfo batteryInfo = stressConfig("3", "0", 2);
-    std::string error;
-    auto gamingFeature = pwr::host::PluginHost::create("PSMPowerOptFeature", gamingInfo, &error);
-    ASSERT_NE(gamingFeature, nullptr) << error;
-    auto batteryFeature = pwr::host::PluginHost::create("PSMPowerOptFeature", batteryInfo, &error);
-    ASSERT_NE(batteryFeature, nullptr) << error;
-    auto& gaming = static_cast<PSMPowerOptFeature&>(*gamingFeature);
-    auto& battery = static_cast<PSMPowerOptFeature&>(*batteryFeature);
+    pwr::test::FeatureHandle gamingFeature(stressConfig("0", "1", 1));
+    pwr::test::FeatureHandle batteryFeature(stressConfig("3", "0", 2));
+    PSMPowerOptFeature& gaming = *gamingFeature;
+    PSMPowerOptFeature& battery = *batteryFeature;
     PSMPowerOptFeatureTestPeer gamingPeer(gaming);
     PSMPowerOptFeatureTestPeer batteryPeer(battery);
     ASSERT_TRUE(gamingPeer.ready());
@@ -215,7 +171,7 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
     bool deepFired = false;
     bool deepPending = false;
     auto enterLowPower = [&] {
-        toGaming(event(kPowerModeHint, kGame, kHintLowPower));
+        toGaming(powerModeHint(3, kGame));
         deepPending = gamingPeer.deep().timers().first != nullptr;
     };
     auto deepTimerHasFired = [&] {
@@ -226,7 +182,7 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
         return !deepPending;
     };
 
-    toGaming(event(kPowerModeHint, kGame, kHintGaming));
+    toGaming(powerModeHint(2, kGame));
     enterLowPower();
     toBattery(event(kAppStart, kVideo));
     ASSERT_EQ(gamingPeer.psmMode(), 2);
@@ -237,25 +193,23 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
     // kQuietSessionEnds without a mode hint), and events that leave the battery timer running.
     const AsyncTriggerPayload gamingFillers[] = {
             event(kAppStartAlt, kGame),
-            event(kPowerModeHint, kGame, kHintNoAction),
+            event(pwr::codes::kUsablePowerModeHint, kGame, 0x02),  // no action
             event(kUnknownEvent, kGame),
-            event(kPowerModeHint, kGame, kHintIgnoredType),
+            powerModeHint(4, kGame),
     };
     const std::vector<std::vector<AsyncTriggerPayload>> sessionEnds = {
             {event(kAppStop, kGame)},
             {event(kGameOff, kGame)},
             {event(kAppStart, kMail)},
             {event(kAppStopOther, kMail)},
-            {event(kPowerModeHint, kMail, kHintLight), event(kAppStart, kGame),
-             event(kPowerModeHint, kMail, kHintGaming)},
-            {event(kPowerModeHint, kMail, kHintMode0), event(kAppStop, kGame),
-             event(kPowerModeHint, kMail, kHintGaming)},
+            {powerModeHint(1, kMail), event(kAppStart, kGame), powerModeHint(2, kMail)},
+            {powerModeHint(0, kMail), event(kAppStop, kGame), powerModeHint(2, kMail)},
     };
     constexpr size_t kQuietSessionEnds = 4;
     const AsyncTriggerPayload batteryFillers[] = {
             event(kAppStop, kMail),
             event(kGameOff, kVideo),
-            event(kPowerModeHint, kVideo, kHintGaming),
+            powerModeHint(2, kVideo),
             event(kUnknownEvent, kVideo),
     };
 
@@ -343,8 +297,8 @@ TEST(Stress, EventsWhileGameBatteryAndDeepTimersFire) {
     timer.Timer_disable(gamingPeer.deep().timers().first);
     ASSERT_TRUE(pwr::test::waitForTimerCallbacks(30s)) << "a timer callback did not return";
 
-    expectOneProfileLock(gaming, gamingInfo, "the gaming feature");
-    expectOneProfileLock(battery, batteryInfo, "the battery-watch feature");
+    expectOneProfileLock(gaming, 1);
+    expectOneProfileLock(battery, 2);
 
     gamingFeature.reset();
     batteryFeature.reset();
