@@ -29,14 +29,8 @@ inline PowerOptFeatureInfo minimalConfig(const std::string& psmState = "0") {
 // The state store's directory, part of the device's image: a fake tree must provide it.
 inline constexpr char kStoreDirectory[] = "/data/vendor/pwr";
 
-// Opcodes of the deep-mode configuration below, as the fake performance library receives them.
-inline constexpr int kDeepProfileOpcode = 0x40C10000;
+// The task-load boost opcode of the deep-mode configuration below.
 inline constexpr int kTaskBoostOpcode = 0x40C68000;
-
-// Property pairs carried by deepModeConfig() under "DEEP_PROPS", and the "PSM" entry that the
-// deep-mode set-up must skip.
-inline constexpr char kDeepProps[] = "vendor.pwr.wifi_scan,7,vendor.pwr.sync,8,vendor.pwr.anim,9";
-inline constexpr char kPsmEntry[] = "vendor.pwr.psm_only,6";
 
 // A configuration with deep mode on and every battery-monitor setting present: thresholds in mA
 // (game 700/100, browser 800/200, video 900/300), MAX_SAMPLE_NUM 5, a task-load scaling of -20.
@@ -58,27 +52,12 @@ inline PowerOptFeatureInfo deepModeConfig(const std::string& psmState = "0") {
     info.configs["SCALING_DOWN_TASK_LOAD_BOOST"] = "-20";
     info.configs["CPUNODE"] = "cpu0";
     info.configs["CPUPOLICY"] = "policy0";
-    info.configs["DEEP_PROPS"] = kDeepProps;
-    info.configs["PSM"] = kPsmEntry;
-    info.profiles["DEFAULT"] = {{kDeepProfileOpcode, 0x3, 0x40800000, 0x4B0}};
+    info.configs["DEEP_PROPS"] = "vendor.pwr.wifi_scan,7,vendor.pwr.sync,8,vendor.pwr.anim,9";
+    info.configs["PSM"] = "vendor.pwr.psm_only,6";  // not a property: the set-up skips it
+    info.profiles["DEFAULT"] = {{0x40C10000, 0x3, 0x40800000, 0x4B0}};
     info.profiles["PSM_OPT_RESOURCE"] = {{kTaskBoostOpcode}};
     info.appList = {"com.example.ignored"};
     return info;
-}
-
-// The comma-separated tokens of `text`, empty ones dropped.
-inline std::vector<std::string> splitTokens(const std::string& text) {
-    std::vector<std::string> tokens;
-    size_t start = 0;
-    while (start <= text.size()) {
-        const size_t end = text.find(',', start);
-        const std::string token =
-                text.substr(start, end == std::string::npos ? std::string::npos : end - start);
-        if (!token.empty()) tokens.push_back(token);
-        if (end == std::string::npos) break;
-        start = end + 1;
-    }
-    return tokens;
 }
 
 // The GPU stability monitor's settings and three dynamic profiles, which GPUMode 1 requires.
@@ -152,11 +131,7 @@ inline void setProperty(const std::string& name, const std::string& value) {
 
 // The usable power mode hint selecting PSM type `type` (action 1).
 inline AsyncTriggerPayload powerModeHint(int type, const std::string& app = "") {
-    AsyncTriggerPayload payload;
-    payload.hintId = 0x15E0;
-    payload.hintType = (1u << 7) | static_cast<uint32_t>(type);
-    payload.appName = app;
-    return payload;
+    return event(0x15E0, app, (1u << 7) | static_cast<uint32_t>(type));
 }
 
 }  // namespace pwr::test
