@@ -9,7 +9,6 @@
 
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -25,8 +24,7 @@
 #include "pmdb/PMDatabase.h"
 #include "pmdb/PSMReferenceOutput.h"
 #include "pmdb/Transaction.h"
-#include "tests/support/DeviceTree.h"
-#include "tests/support/LogCapture.h"
+#include "tests/support/FeatureTest.h"
 #include "tests/support/SqliteProbe.h"
 
 namespace {
@@ -35,6 +33,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using Store = PMDatabase<PSMReferenceOutput>;
 using Rows = std::vector<std::unique_ptr<PSMReferenceOutput>>;
+using pwr::test::line;
 using pwr::test::SqliteProbe;
 namespace site = pwr::site;
 
@@ -45,31 +44,19 @@ constexpr char kFile[] = "InputPMDB.db";
 std::unique_ptr<PSMReferenceOutput> makeRow(const std::string& appName, char blob,
                                             const std::string& rsvdName = "",
                                             int32_t intcol1 = kPmdbIntUnset) {
-    auto row = std::make_unique<PSMReferenceOutput>();
-    row->intcol1 = intcol1;
-    row->appName = appName;
-    row->rsvdName = rsvdName;
-    row->blob = blob;
-    return row;
+    return std::make_unique<PSMReferenceOutput>(
+            PSMReferenceOutput{0, intcol1, appName, rsvdName, blob});
 }
 
 PMDBDataRowKey keyOf(const std::string& appName, const std::string& rsvdName = "",
                      int32_t intcol1 = kPmdbIntUnset) {
-    PMDBDataRowKey key;
-    key.appName = appName;
-    key.rsvdName = rsvdName;
-    key.intcol1 = intcol1;
-    return key;
+    return {intcol1, appName, rsvdName};
 }
 
 std::string blobs(const Rows& rows) {
     std::string out;
     for (const auto& row : rows) out += row->blob;
     return out;
-}
-
-std::string line(const pwr::LogSite& at, const std::string& message) {
-    return pwr::linePrefix(at) + message;
 }
 
 class PMDatabaseTest : public ::testing::Test {
@@ -100,25 +87,6 @@ class PMDatabaseTest : public ::testing::Test {
     pwr::test::DeviceTree tree;
     pwr::test::LogCapture log;
 };
-
-TEST(PMDatabaseWhereClause, ListsTheSetPartsInFixedOrderUnescaped) {
-    const struct {
-        PMDBDataRowKey key;
-        const char* where;
-    } cases[] = {
-            {keyOf("PSM"), "WHERE (appName) = ('PSM') "},
-            {keyOf("a", "b", -3), "WHERE (appName,rsvdName,intcol1) = ('a','b',-3) "},
-            {keyOf("", "", 0), "WHERE (intcol1) = (0) "},
-            {keyOf("", "r"), "WHERE (rsvdName) = ('r') "},
-            {keyOf("it's"), "WHERE (appName) = ('it's') "},
-            {PMDBDataRowKey{}, ""},
-    };
-    for (const auto& c : cases) {
-        std::string query = "DELETE FROM T ";
-        Store::build_query_for_where_clause(c.key, query);
-        EXPECT_EQ(query, std::string("DELETE FROM T ") + c.where);
-    }
-}
 
 TEST_F(PMDatabaseTest, OpensTheFileInWalModeWithItsTableOrMemoryWithoutAName) {
     auto store = openStore();
@@ -240,79 +208,32 @@ TEST_F(PMDatabaseTest, RowsQueuedAtDestructionAreWrittenOrReportedWithoutAConnec
 }
 
 // Opening against what the device may hold instead of the store's file: the status of the open
-// and of the table's creation, the lines logged (a failed open forgets its connection, so
-// destruction adds none), and the path left as it was.
-struct OpenCase {
-    const char* name;
-    std::function<void(const pwr::test::DeviceTree&)> prepare;
-    pmdbError open;
-    pmdbError create;
-    std::function<std::vector<std::string>(const std::string& file)> lines;
-};
-
-class PMDatabaseOpen : public PMDatabaseTest, public ::testing::WithParamInterface<OpenCase> {};
-
-TEST_P(PMDatabaseOpen, FailsWithItsLines) {
-    const OpenCase& c = GetParam();
-    c.prepare(tree);
-    {
-        Store store(kTable, dir(), kFile);
-        EXPECT_EQ(store.openPMdb(), c.open);
-        EXPECT_EQ(store.isOpen(), c.open == kPmdbSuccess);
-        EXPECT_EQ(store.createPMdbTables(), c.create);
+// and of the table's creation, and the lines logged (a failed open forgets its connection, so
+// destruction adds none). SQLite reads lazily: a file that is not a database opens, and the first
+// statement finds the fault.
+TEST_F(PMDatabaseTest, AnUnusablePathFailsWithItsLines) {
+    const std::string notADatabase = " info=file is not a database\n";
+    for (const bool garbage : {false, true}) {
+        tree.remove(kDir);
+        if (garbage) tree.write(std::string(kDir) + kFile, "not a database\n");
+        log.clear();
+        {
+            Store store(kTable, dir(), kFile);
+            EXPECT_EQ(store.openPMdb(), garbage ? kPmdbSuccess : kPmdbFailure);
+            EXPECT_EQ(store.isOpen(), garbage);
+            EXPECT_EQ(store.createPMdbTables(), kPmdbFailure);
+        }
+        EXPECT_EQ(pmdbLines(),
+                  garbage ? pwr::test::lines(line(site::kDbJournalMode,
+                                                  "sql:ERROR:Dbt=" + file() + notADatabase),
+                                             line(site::kDbCreateTable,
+                                                  "ERROR:Dbt=PSMPOWEROPT" + notADatabase),
+                                             line(site::kDbFlushPrepare,
+                                                  "ERROR:Dbt=PSMPOWEROPT" + notADatabase))
+                          : pwr::test::lines(
+                                    line(site::kDbOpenFailed,
+                                         "ERROR:Db=" + file() + " sql open failed, err=14\n")));
     }
-    EXPECT_EQ(pmdbLines(), c.lines(file()));
-}
-
-const std::string kNotADatabase = "this is somebody else's file, leave it alone\n";
-
-INSTANTIATE_TEST_SUITE_P(
-        Paths, PMDatabaseOpen,
-        ::testing::Values(
-                OpenCase{"MissingDirectory",
-                         [](const pwr::test::DeviceTree& t) { t.remove("/data/vendor/pwr"); },
-                         kPmdbFailure, kPmdbFailure,
-                         [](const std::string& f) {
-                             return std::vector<std::string>{
-                                     line(site::kDbOpenFailed,
-                                          "ERROR:Db=" + f + " sql open failed, err=14\n")};
-                         }},
-                OpenCase{"DirectoryIsAFile",
-                         [](const pwr::test::DeviceTree& t) {
-                             t.remove("/data/vendor/pwr");
-                             t.write("/data/vendor/pwr", "not a directory\n");
-                         },
-                         kPmdbFailure, kPmdbFailure,
-                         [](const std::string& f) {
-                             return std::vector<std::string>{
-                                     line(site::kDbOpenFailed,
-                                          "ERROR:Db=" + f + " sql open failed, err=14\n")};
-                         }},
-                // SQLite reads lazily: the open works, the first statement finds the fault.
-                OpenCase{"FileIsNotADatabase",
-                         [](const pwr::test::DeviceTree& t) {
-                             t.write(std::string(kDir) + kFile, kNotADatabase);
-                         },
-                         kPmdbSuccess, kPmdbFailure,
-                         [](const std::string& f) {
-                             return std::vector<std::string>{
-                                     line(site::kDbJournalMode,
-                                          "sql:ERROR:Dbt=" + f + " info=file is not a database\n"),
-                                     line(site::kDbCreateTable,
-                                          "ERROR:Dbt=PSMPOWEROPT info=file is not a database\n"),
-                                     line(site::kDbFlushPrepare,
-                                          "ERROR:Dbt=PSMPOWEROPT info=file is not a database\n")};
-                         }}),
-        [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(PMDatabaseTest, AFileThatIsNotADatabaseIsKept) {
-    tree.write(std::string(kDir) + kFile, kNotADatabase);
-    {
-        Store store(kTable, dir(), kFile);
-        store.openPMdb();
-        store.createPMdbTables();
-    }
-    EXPECT_EQ(tree.read(std::string(kDir) + kFile), kNotADatabase);
 }
 
 TEST_F(PMDatabaseTest, AQuoteInAKeyBreaksItsReadsButTheRowIsWrittenAndTheStoreGoesOn) {
