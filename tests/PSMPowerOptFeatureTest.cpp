@@ -104,15 +104,9 @@ const ConfigCase kConfigCases[] = {
          {line(site::kNoLightProfile, "No  Default Profile specified\n"), kMissingConfigs}},
         without("DEEP_MODE", {kMissingConfigs}),
         without("VIDEO_SCALING_UP", {kMissingConfigs}),
-        without("GAME_SCALING_DOWN", {kMissingConfigs}),
-        without("MAX_SAMPLE_NUM", {kMissingConfigs}),
         without("SCALING_DOWN_TASK_LOAD_BOOST", {kMissingConfigs}),
-        without("CPUNODE", {kMissingConfigs}),
         without("CPUPOLICY", {kMissingConfigs}),
         missing("DEFAULT", site::kNoDeepProfile, "No Deep Profile specified\n"),
-        {"EmptyDeepProfile",
-         [](auto& i) { i.profiles["DEFAULT"] = {}; },
-         {line(site::kNoDeepProfile, "No Deep Profile specified\n"), kMissingConfigs}},
         missing("PSM_OPT_RESOURCE", site::kNoBoostOpcode, "No TASK_LOAD_BOOST opcode specified\n"),
         missing("GPUMode", site::kMissGpuMode, "miss GPUMode"),
         missing("GAME_TIMER", site::kMissGameTimer, "miss GAME_TIMER"),
@@ -169,17 +163,6 @@ TEST_F(PSMPowerOptFeatureTest, Configuration_DebugFlagIsCopiedFromTheTraceProper
     EXPECT_FALSE(PSMPowerOptFeatureTestPeer(*quiet).debugEnabled());
 }
 
-// The host's record is copied on the way in; the profile look-up enters an empty profile into
-// the copy it reads.
-TEST_F(PSMPowerOptFeatureTest, Configuration_TheLightProfileLookUpEntersAnEmptyProfile) {
-    auto feature = createFeature(minimalConfig());
-    PowerOptFeatureInfo copy = minimalConfig();
-    copy.profiles.erase("PROFILE_LIGHT_MODE");
-    EXPECT_FALSE(feature->initAnalyzeConfigs(copy));
-    ASSERT_EQ(copy.profiles.count("PROFILE_LIGHT_MODE"), 1u);
-    EXPECT_TRUE(copy.profiles["PROFILE_LIGHT_MODE"].empty());
-}
-
 // Timers created before configuration stops are kept until the feature goes (not ready) or
 // deleted as the constructor throws.
 TEST_F(PSMPowerOptFeatureTest, Configuration_TimersOfAFailedSetUpAreDeletedOnce) {
@@ -198,14 +181,6 @@ TEST_F(PSMPowerOptFeatureTest, Configuration_TimersOfAFailedSetUpAreDeletedOnce)
     EXPECT_THROW(createFeature(info), std::invalid_argument);
     EXPECT_EQ(TimerSyscalls::created().size(), 1u);
     EXPECT_EQ(TimerSyscalls::deleted(), TimerSyscalls::created());
-}
-
-TEST_F(PSMPowerOptFeatureTest, GetData_IsTheBaseDefault) {
-    std::unique_ptr<PowerOptFeature> feature = createFeature(minimalConfig());
-    featureData out;
-    out.status = 7;
-    EXPECT_EQ(feature->getData("any key", out, 0), 0);
-    EXPECT_EQ(out.status, -1);
 }
 
 void noop(void*) {}
