@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -107,10 +106,9 @@ using pwr::test::DeviceTree;
 constexpr auto kWait = 5s;
 constexpr ssize_t kRecordSize = sizeof(input_event);
 
-// Polls `predicate` until it holds or `timeout` passes; for states no condition variable
-// announces (a FIFO drained, an atomic flag set by the listener).
-bool waitUntil(const std::function<bool()>& predicate, std::chrono::milliseconds timeout = kWait) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
+// Polls `predicate` until it holds or kWait passes.
+bool waitUntil(const std::function<bool()>& predicate) {
+    const auto deadline = std::chrono::steady_clock::now() + kWait;
     while (!predicate()) {
         if (std::chrono::steady_clock::now() >= deadline) return false;
         std::this_thread::sleep_for(1ms);
@@ -150,24 +148,19 @@ bool listenerBlockedInPoll() {
 class CallLog {
   public:
     void add(const std::string& entry) {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            mCalls.push_back(entry);
-        }
-        mChanged.notify_all();
+        std::lock_guard<std::mutex> lock(mMutex);
+        mCalls.push_back(entry);
     }
     std::vector<std::string> calls() {
         std::lock_guard<std::mutex> lock(mMutex);
         return mCalls;
     }
     bool waitForCount(size_t count) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mChanged.wait_for(lock, kWait, [&] { return mCalls.size() >= count; });
+        return waitUntil([&] { return calls().size() >= count; });
     }
 
   private:
     std::mutex mMutex;
-    std::condition_variable mChanged;
     std::vector<std::string> mCalls;
 };
 
