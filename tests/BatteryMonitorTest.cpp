@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,7 +22,6 @@
 namespace {
 
 using fakeperf::CallKind;
-using pwr::test::FeatureHandle;
 using pwr::test::kTaskBoostOpcode;
 using pwr::test::line;
 using ::testing::ElementsAre;
@@ -40,10 +38,9 @@ std::string cmdline(int pid) {
 
 // A deep-mode feature in battery-watch mode (thresholds game 700/100, browser 800/200, video
 // 900/300, five samples, boosts scaled down by 20) with two foreground processes.
-class BatteryMonitor : public pwr::test::FeatureTest {
+class BatteryMonitor : public pwr::test::BuiltFeatureTest {
   protected:
     void SetUp() override {
-        tree.mkdirs(pwr::test::kStoreDirectory);
         fakeperf::setAppType("com.example.game", 2);
         fakeperf::setAppType("com.example.browser", 3);
         fakeperf::setAppType("com.example.video", 5);
@@ -51,12 +48,7 @@ class BatteryMonitor : public pwr::test::FeatureTest {
         tree.write(kProcs, "4100\n4200\n");
         tree.write(cmdline(4100), "com.example.game");
         tree.write(cmdline(4200), "com.example.game:render");
-        build(pwr::test::deepModeConfig("3"));
-    }
-    void build(const PowerOptFeatureInfo& info) {
-        peer.reset();
-        feature.emplace(info);
-        peer.emplace(**feature);
+        build(pwr::test::deepModeConfig("3"), false);
         ASSERT_TRUE(peer->ready());
         log.clear();
     }
@@ -79,9 +71,6 @@ class BatteryMonitor : public pwr::test::FeatureTest {
         mSeenAcquisitions = calls.size();
         return values;
     }
-
-    std::optional<FeatureHandle> feature;
-    std::optional<PSMPowerOptFeatureTestPeer> peer;
 
   private:
     size_t mSeenAcquisitions = 0;
@@ -175,7 +164,7 @@ TEST_F(BatteryMonitor, AMissingThresholdOfTheAppTypeDecidesNothing) {
     for (const char* key : {"VIDEO_SCALING_UP", "VIDEO_SCALING_DOWN"}) {
         PowerOptFeatureInfo info = pwr::test::deepModeConfig("3");
         info.configs[key] = "0";
-        build(info);
+        build(info, false);
         peer->setDebugEnabled(true);
         foreground("com.example.video");
         log.clear();
@@ -355,7 +344,7 @@ TEST_F(BatteryMonitor, UpdateTaskloadboost_FailurePaths) {
     ASSERT_EQ(fakeperf::calls().size(), 1u);
     EXPECT_THAT(fakeperf::calls()[0].list, ElementsAre(kTaskBoostOpcode, (55 << 8) | 0x81));
 
-    build(pwr::test::minimalConfig());  // no boost opcode: the release only, its handle kept
+    build(pwr::test::minimalConfig(), false);  // no boost opcode: the release only, its handle kept
     fakeperf::reset();
     (*feature)->updateTaskloadboost("1234", 2, -20);
     ASSERT_EQ(fakeperf::calls().size(), 1u);

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,7 +20,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using pwr::test::deepModeConfig;
-using pwr::test::FeatureHandle;
 using pwr::test::line;
 using pwr::test::powerModeHint;
 using pwr::test::propertyValue;
@@ -39,20 +37,7 @@ std::vector<std::pair<std::string, std::string>> pairsOf(const std::vector<std::
     return pairs;
 }
 
-class DeepMode : public pwr::test::FeatureTest {
-  protected:
-    void SetUp() override { tree.mkdirs(pwr::test::kStoreDirectory); }
-
-    void build(const PowerOptFeatureInfo& info = deepModeConfig()) {
-        peer.reset();
-        feature.emplace(info);
-        peer.emplace(**feature);
-        peer->setDebugEnabled(true);
-    }
-
-    std::optional<FeatureHandle> feature;
-    std::optional<PSMPowerOptFeatureTestPeer> peer;
-};
+using DeepMode = pwr::test::BuiltFeatureTest;
 
 TEST_F(DeepMode, Configure_ReadsEverySettingProfilesInNameOrderAndEveryValueButPsmAsProperties) {
     const PowerOptFeatureInfo info = deepModeConfig();
@@ -90,7 +75,7 @@ TEST_F(DeepMode, Configure_ReadsEverySettingProfilesInNameOrderAndEveryValueButP
 }
 
 TEST_F(DeepMode, DeepTimer_ReturnsTheLengthOfTheLastOldValue) {
-    build();
+    build(deepModeConfig());
     const auto pairs = pairsOf(peer->deep().propList());
     PSMPowerOptFeature::deeptimerCallBack(nullptr);
     EXPECT_THAT(fakeperf::calls(), IsEmpty());
@@ -104,7 +89,7 @@ TEST_F(DeepMode, DeepTimer_ReturnsTheLengthOfTheLastOldValue) {
 }
 
 TEST_F(DeepMode, Reset_ReleasesTheSavedValuesUnlessTheLastReadWasEmpty) {
-    build();
+    build(deepModeConfig());
     log.clear();
     const std::string name = peer->deep().propList()[0];
     setProperty(name, "1");
@@ -128,8 +113,7 @@ TEST_F(DeepMode, Reset_ReleasesTheSavedValuesUnlessTheLastReadWasEmpty) {
 class DeepModeCycle : public DeepMode {
   protected:
     void SetUp() override {
-        DeepMode::SetUp();
-        build();
+        build(deepModeConfig());
         ASSERT_TRUE(peer->ready());
         pairs = pairsOf(peer->deep().propList());
         ASSERT_GE(pairs.size(), 5u);
@@ -224,7 +208,7 @@ TEST_F(DeepModeCycle, LeavingBeforeTheLockIsGrantedStopsTheRetries) {
 // --- Low-power entry.
 
 TEST_F(DeepMode, LowPowerEntry_EachEntryReplacesTheDeepTimer) {
-    build();
+    build(deepModeConfig());
     const int before = pwr::test::liveTimers();
     (*feature)->sendEvents(powerModeHint(3));
     const auto first = peer->deep().timers();
@@ -239,7 +223,7 @@ TEST_F(DeepMode, LowPowerEntry_EachEntryReplacesTheDeepTimer) {
 }
 
 TEST_F(DeepMode, LowPowerEntry_RecordsTheSwitchUnderPsm) {
-    build();
+    build(deepModeConfig());
     ASSERT_NE(peer->store().database(), nullptr);
     (*feature)->sendEvents(powerModeHint(3));
     (*feature)->sendEvents(powerModeHint(3));
@@ -271,7 +255,7 @@ TEST_F(DeepMode, LowPowerEntry_DeepModeWithALowByteOfZeroRestoresOnlyAfterDeepMo
 // A feature with deep mode off has no state store: a '1' recorded by an earlier run with deep
 // mode on is neither consumed nor acted on, and nothing is written over it.
 TEST_F(DeepMode, LowPowerEntry_DeepModeOffTouchesNeitherTimerStoreNorProperties) {
-    build();
+    build(deepModeConfig());
     (*feature)->pmDbWrite("PSM", '1');
     (*feature)->pmDbWrite("vendor.pwr.sync", '0');
     setProperty("vendor.pwr.sync", "8");
@@ -281,7 +265,7 @@ TEST_F(DeepMode, LowPowerEntry_DeepModeOffTouchesNeitherTimerStoreNorProperties)
     EXPECT_EQ(peer->deep().timers().first, nullptr);
     EXPECT_EQ(log.countContaining("lowPowerInit()") + log.countContaining("releaseProp()"), 0);
     EXPECT_EQ(propertyValue("vendor.pwr.sync"), "8");
-    build();
+    build(deepModeConfig());
     EXPECT_EQ((*feature)->pmDbRead("PSM"), '1');
     EXPECT_EQ((*feature)->pmDbRead("vendor.pwr.sync"), '0');
 }

@@ -5,35 +5,29 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
-#include <optional>
 
 #include "tests/support/FeatureTest.h"
 
 namespace {
 
-using pwr::test::FeatureHandle;
 using pwr::test::line;
 using pwr::test::propertyValue;
 using pwr::test::setProperty;
 using ::testing::ElementsAre;
 namespace site = pwr::site;
 
-class PropertyApply : public pwr::test::FeatureTest {
+// Without deep mode the feature has no state store: nothing is saved, every read gives 0.
+class PropertyApply : public pwr::test::BuiltFeatureTest {
   protected:
-    void SetUp() override { tree.mkdirs(pwr::test::kStoreDirectory); }
-    // Without deep mode the feature has no state store: nothing is saved, every read gives 0.
-    PSMPowerOptFeature& build(const PowerOptFeatureInfo& info = pwr::test::minimalConfig()) {
-        feature.emplace(info);
-        PSMPowerOptFeatureTestPeer(**feature).setDebugEnabled(true);
+    PSMPowerOptFeature& built(const PowerOptFeatureInfo& info = pwr::test::minimalConfig()) {
+        build(info);
         log.clear();
         return **feature;
     }
-
-    std::optional<FeatureHandle> feature;
 };
 
 TEST_F(PropertyApply, SplitDropsEmptyTokensKeepsBlanksAndLeavesTheCallersText) {
-    PSMPowerOptFeature& f = build();
+    PSMPowerOptFeature& f = built();
     const char text[] = "a,,b , c,";
     std::vector<std::string> out = {"kept"};
     f.ConvertToStringArray(text, out);
@@ -49,7 +43,7 @@ TEST_F(PropertyApply, SplitDropsEmptyTokensKeepsBlanksAndLeavesTheCallersText) {
 // Only whole pairs within the count are set; the result is the length of the last old value read
 // (an unset one reads as "0"), -1 for fewer than two elements.
 TEST_F(PropertyApply, ApplySetsWholePairsOnly) {
-    PSMPowerOptFeature& f = build();
+    PSMPowerOptFeature& f = built();
     setProperty("vendor.pwr.a", "128");
     std::vector<std::string> list = {"vendor.pwr.a", "1", "vendor.pwr.b", "x", "vendor.pwr.c"};
     EXPECT_EQ(f.applyProp(list.data(), 1, 0), -1);
@@ -72,7 +66,7 @@ TEST_F(PropertyApply, ApplySetsWholePairsOnly) {
 // With the state store: each property comes back as the first character it had (an unset one as
 // "0"), once; a second release finds nothing saved and clears it.
 TEST_F(PropertyApply, ReleasePutsBackTheSavedFirstCharactersOnce) {
-    PSMPowerOptFeature& f = build(pwr::test::deepModeConfig());
+    PSMPowerOptFeature& f = built(pwr::test::deepModeConfig());
     setProperty("vendor.pwr.level", "128");
     setProperty("vendor.pwr.mode", "performance");
     const std::vector<std::string> list = {"vendor.pwr.level", "0", "vendor.pwr.mode",    "saving",
@@ -90,7 +84,7 @@ TEST_F(PropertyApply, ReleasePutsBackTheSavedFirstCharactersOnce) {
 // The store's own debug line is written once the row is on disk; at that moment the property
 // must still hold its old value.
 TEST_F(PropertyApply, TheOldCharacterIsSavedBeforeThePropertyChanges) {
-    PSMPowerOptFeature& f = build(pwr::test::deepModeConfig());
+    PSMPowerOptFeature& f = built(pwr::test::deepModeConfig());
     setProperty("vendor.pwr.x", "5");
     std::mutex mutex;
     std::vector<std::string> seen;  // "<name>=<value at the moment its row was written>"

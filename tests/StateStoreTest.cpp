@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <optional>
 #include <string>
 
 #include <android-base/strings.h>
@@ -27,18 +26,14 @@ namespace site = pwr::site;
 
 constexpr char kStoreFile[] = "/data/vendor/pwr/InputPMDB.db";
 
-class StateStoreTest : public pwr::test::FeatureTest {
+class StateStoreTest : public pwr::test::BuiltFeatureTest {
   protected:
-    void SetUp() override { tree.mkdirs("/data/vendor/pwr"); }
-
     // A ready feature whose store was opened (the constructor opens it only in deep mode).
-    PSMPowerOptFeature& open(bool debug = true) {
-        feature.emplace(pwr::test::minimalConfig());
-        PSMPowerOptFeatureTestPeer(**feature).setDebugEnabled(debug);
-        (*feature)->pmDbInit();
+    PSMPowerOptFeature& open() {
+        build(pwr::test::minimalConfig()).pmDbInit();
         return **feature;
     }
-    ::StateStore& part() { return PSMPowerOptFeatureTestPeer(**feature).store(); }
+    ::StateStore& part() { return peer->store(); }
     std::string rowCount() const {
         return pwr::test::SqliteProbe(tree.hostPath(kStoreFile))
                 .scalar("SELECT COUNT(*) FROM PSMPOWEROPT");
@@ -50,8 +45,6 @@ class StateStoreTest : public pwr::test::FeatureTest {
         }
         return out;
     }
-
-    std::optional<pwr::test::FeatureHandle> feature;
 };
 
 TEST_F(StateStoreTest, OpensTheDeviceFileOnceInWalMode) {

@@ -3,6 +3,7 @@
 // The base of the unit suites: every test starts with a fresh fake performance library, a fake
 // device tree made the device root, the log captured, and the process's timers on virtual time.
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,23 @@ class FeatureTest : public ::testing::Test {
     VirtualTime clock;
     DeviceTree tree;
     LogCapture log;
+};
+
+// A feature built through the host's registry, with the state store's directory in place, and
+// its peer; each build replaces both.
+class BuiltFeatureTest : public FeatureTest {
+  protected:
+    BuiltFeatureTest() { tree.mkdirs(kStoreDirectory); }
+    PSMPowerOptFeature& build(const PowerOptFeatureInfo& info, bool debug = true) {
+        peer.reset();
+        feature.emplace(info);
+        peer.emplace(**feature);
+        peer->setDebugEnabled(debug);
+        return **feature;
+    }
+
+    std::optional<FeatureHandle> feature;
+    std::optional<PSMPowerOptFeatureTestPeer> peer;
 };
 
 inline std::vector<std::string> prefixesOf(std::initializer_list<const LogSite*> sites) {
