@@ -29,27 +29,16 @@ constexpr char kBusy[] = "/sys/class/grax/grax-3d0/gpubusy";
 constexpr char kClock[] = "/sys/class/grax/grax-3d0/gpuclk";
 constexpr char kGame[] = "com.example.game";
 
-// The dynamic profiles, in key order: very high, moderate, low utilisation.
-const std::vector<int> kHigh = {0x40C00000, 0x3, 0x42804000, 0x7};
-const std::vector<int> kMid = {0x40C00000, 0x2, 0x42804000, 0x5};
-const std::vector<int> kLow = {0x40C00000, 0x1, 0x42804000, 0x3};
+// The dynamic profiles of gpuMonitorConfig(), in key order: very high, moderate, low utilisation.
+const std::vector<int> kHigh = {0x42804000, 0x3};
+const std::vector<int> kMid = {0x42804000, 0x2};
+const std::vector<int> kLow = {0x42804000, 0x1};
 using Lists = std::vector<std::vector<int>>;
 
 // Averages (MHz) that give each decision with the thresholds 300 and 600.
 constexpr unsigned long long H = 700;
 constexpr unsigned long long M = 450;
 constexpr unsigned long long L = 200;
-
-PowerOptFeatureInfo gpuConfig() {
-    PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2");
-    info.profiles.erase("DYN_GPU_0_HIGH");
-    info.profiles.erase("DYN_GPU_1_MID");
-    info.profiles.erase("DYN_GPU_2_LOW");
-    info.profiles["DYN_0_HIGH"] = {kHigh};
-    info.profiles["DYN_1_BALANCED"] = {kMid, {0x1, 0x1}};
-    info.profiles["DYN_2_LOW"] = {kLow};
-    return info;
-}
 
 // A ready feature in PSM mode 2 whose monitor reads a GraxInfo built on the fake tree: three
 // levels (100, 200, 300 MHz) whose clock statistics never move, so each tick takes the frequency
@@ -62,7 +51,7 @@ class GpuMonitor : public pwr::test::FeatureTest {
         setGpu(200, 50);
         grax = std::make_unique<GraxInfo>();
         ASSERT_EQ(grax->capacities().size(), 3u);
-        feature = makeFeature(gpuConfig());
+        feature = makeFeature(pwr::test::gpuMonitorConfig("2"));
         feature->initGpuSamples();  // as when a game has just come to the foreground
         gGpuProfileChangeCount = 0;
         log.clear();
@@ -92,7 +81,7 @@ class GpuMonitor : public pwr::test::FeatureTest {
 // --- Configuration
 
 TEST_F(GpuMonitor, Config_DynamicProfilesAreEveryKeyContainingTheMarkInKeyOrder) {
-    PowerOptFeatureInfo info = gpuConfig();
+    PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2");
     info.profiles.clear();
     info.profiles["PROFILE_LIGHT_MODE"] = {{0x40C00000, 0x1}};
     info.profiles["DYN_b"] = {{2}};
@@ -307,7 +296,7 @@ TEST_F(GpuMonitor, Decision_ThresholdsBoundTheModerateRangeInclusively) {
 }
 
 TEST_F(GpuMonitor, Decision_ThresholdsAreComparedSignExtended) {
-    PowerOptFeatureInfo info = gpuConfig();
+    PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2");
     info.configs["GPU_Freq_THRESHOLD_LOW"] = "-1";  // 2^64 - 1: every average is below it
     auto negative = makeFeature(info);
     log.clear();
@@ -358,8 +347,8 @@ TEST_F(GpuMonitor, Switch_LevelChangesEvenWhenTheLockIsRefused) {
 }
 
 TEST_F(GpuMonitor, Switch_ALevelWithoutAProfileOnlyReleases) {
-    PowerOptFeatureInfo info = gpuConfig();
-    info.profiles.erase("DYN_2_LOW");
+    PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2");
+    info.profiles.erase("DYN_GPU_2_LOW");
     auto two = makeFeature(info);
     for (unsigned long long avg : {M, M, M, L, L, L}) two->applyGpuProfile(avg);
     EXPECT_TRUE(log.contains(
@@ -373,7 +362,7 @@ TEST_F(GpuMonitor, Switch_ALevelWithoutAProfileOnlyReleases) {
 // stop disarms it and gives the profile back.
 TEST_F(GpuMonitor, GameTimer_SwitchesTheDynamicProfileAsTheGpuChanges) {
     fakeperf::setAppType(kGame, 2);
-    PowerOptFeatureInfo info = gpuConfig();
+    PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2");
     info.configs["GAME_TIMER"] = "10";
     info.configs["GPU_SAMPLE_COUNT"] = "3";
     info.configs["STABILITY_SAMPLE_COUNT"] = "2";
