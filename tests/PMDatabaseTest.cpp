@@ -97,17 +97,15 @@ TEST_F(PMDatabaseTest, OpensTheFileInWalModeWithItsTableOrMemoryWithoutAName) {
     EXPECT_EQ(probe.scalar("SELECT sql FROM sqlite_master WHERE name = 'PSMPOWEROPT'"),
               "CREATE TABLE PSMPOWEROPT(intcol1 INTEGER, appName TEXT NOT null, rsvdName TEXT, "
               "blob BLOB)");
-    store.reset();
-    std::filesystem::remove_all(dir());
-    tree.mkdirs(kDir);
-
-    Store memory(kTable, dir(), "");
+    const std::string empty = tree.hostPath("/data/vendor/empty/");
+    tree.mkdirs("/data/vendor/empty");
+    Store memory(kTable, empty, "");
     EXPECT_EQ(memory.path(), ":memory:");
     ASSERT_EQ(memory.openPMdb(), kPmdbSuccess);
     ASSERT_EQ(memory.createPMdbTables(), kPmdbSuccess);
     write(memory, makeRow("PSM", '1'));
     EXPECT_EQ(blobs(memory.readAllocateDR(keyOf("PSM"))), "1");
-    EXPECT_TRUE(std::filesystem::is_empty(dir()));
+    EXPECT_TRUE(std::filesystem::is_empty(empty));
     EXPECT_THAT(pmdbLines(), IsEmpty());
 }
 
