@@ -59,10 +59,8 @@ TEST_F(PolicyInfoTest, Construction_BuildsTheTablesOrStopsAtTheFirstFault) {
              U64{153, 512, 1024}},
             {kCapacity4, "512\n", U64{300000, 1000000, 2000000}, U64{4, 5, 6, 7},
              U64{76, 256, 512}},
-            {kCapacity4, "", U64{300000, 1000000, 2000000}, U64{4, 5, 6, 7}, U64{}},
             {kCapacity4, nullptr, U64{300000, 1000000, 2000000}, U64{4, 5, 6, 7}, U64{}},
             {kTimeInState, "300000\n", U64{300000, 1000000, 2000000}, U64{4, 5, 6, 7}, U64{}},
-            {kCpus, "\n", U64{300000, 1000000, 2000000}, U64{}, U64{}},
             {kCpus, nullptr, U64{300000, 1000000, 2000000}, U64{}, U64{}},
             {kFreqs, nullptr, U64{}, U64{}, U64{}},
     };

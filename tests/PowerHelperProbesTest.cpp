@@ -106,8 +106,6 @@ INSTANTIATE_TEST_SUITE_P(
                           DisplayCase{"WithoutLineFeed", "enabled", nullptr, nullptr, DISPLAY_DP,
                                       lines()},
                           DisplayCase{"TrailingBlank", "enabled \n", nullptr, nullptr, 0, lines()},
-                          DisplayCase{"LeadingBlank", " enabled\n", nullptr, nullptr, 0, lines()},
-                          DisplayCase{"Capitalised", "Enabled\n", nullptr, nullptr, 0, lines()},
                           DisplayCase{"EmptyFirstIsReadForEveryEntry", "", "enabled\n", nullptr, 0,
                                       lines(kDisplayEmpty, kDisplayEmpty, kDisplayEmpty)},
                           DisplayCase{"None", nullptr, nullptr, nullptr, 0,
@@ -152,13 +150,10 @@ INSTANTIATE_TEST_SUITE_P(
                           UsbCase{"Connected", "CONNECTED\n", nullptr, 1, lines()},
                           UsbCase{"ConfiguredDebug0", "CONFIGURED\n", "0", 1, lines()},
                           UsbCase{"ConfiguredDebug1", "CONFIGURED\n", "1", 0, lines()},
-                          UsbCase{"ConnectedDebug1", "CONNECTED\n", "1", 0, lines()},
                           UsbCase{"ConfiguredDebug2", "CONFIGURED\n", "2", 1, lines()},
                           UsbCase{"ConfiguredDebug1x", "CONFIGURED\n", "1x", 0, lines()},
-                          UsbCase{"ConfiguredDebugText", "CONFIGURED\n", "x", 1, lines()},
                           UsbCase{"Disconnected", "DISCONNECTED\n", nullptr, 0, lines()},
                           UsbCase{"TrailingBlank", "CONFIGURED \n", nullptr, 0, lines()},
-                          UsbCase{"LowerCase", "configured\n", nullptr, 0, lines()},
                           UsbCase{"Missing", nullptr, nullptr, 0, lines(kUsbOpenFailed)},
                           UsbCase{"Empty", "", nullptr, 0, lines(kUsbReadFailed, kUsbEmpty)},
                           UsbCase{"BlankFirstLine", "\nCONFIGURED\n", nullptr, 0,
@@ -168,10 +163,8 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(PowerHelperProbes, UsbState_EveryCallReopensTheNode) {
     PowerHelper helper;
     EXPECT_EQ(helper.getUSBstate(), 0);
-    for (const auto& [state, attached] : {std::pair{"CONFIGURED\n", 1},
-                                          {"DISCONNECTED\n", 0},
-                                          {"CONNECTED\n", 1},
-                                          {"CONNECTED\n", 1}}) {
+    for (const auto& [state, attached] :
+         {std::pair{"CONFIGURED\n", 1}, {"DISCONNECTED\n", 0}, {"CONNECTED\n", 1}}) {
         tree.write(kUsb, state);
         EXPECT_EQ(helper.getUSBstate(), attached) << state;
     }
@@ -298,7 +291,6 @@ TEST_F(PowerHelperProbes, PanelFps_OneSecondOverTheVsyncPeriodOfTheActiveConfigu
         std::vector<std::string> queries;
     } cases[] = {
             {L::kConnected, 2, 16666666, 60.0f, {"connect", "active 1", "vsync 1 2"}},
-            {L::kConnected, 2, 8333333, 120.0f, {"connect", "active 1", "vsync 1 2"}},
             {L::kConnected, 0, 11111111, 90.0f, {"connect", "active 1", "vsync 1 0"}},
             {L::kConnected, 1, 16000000, 62.0f, {"connect", "active 1", "vsync 1 1"}},
             {L::kConnected, 1, 1000000000, 1.0f, {"connect", "active 1", "vsync 1 1"}},

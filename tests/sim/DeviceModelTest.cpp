@@ -3,10 +3,6 @@
 
 #include "host/sim/DeviceModel.h"
 
-#include <stdlib.h>
-
-#include <filesystem>
-
 #include <android-base/file.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -41,13 +37,6 @@ constexpr char kModel[] = R"({
 
 class DeviceModelTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string templ = std::filesystem::temp_directory_path().string() + "/devmodel.XXXXXX";
-        ASSERT_NE(mkdtemp(templ.data()), nullptr);
-        mDir = templ;
-    }
-    void TearDown() override { std::filesystem::remove_all(mDir); }
-
     // Parses kModel with `from` replaced by `to` in it and `profileFrom` by `profileTo` in the
     // power profile.
     bool parse(const std::string& from, const std::string& to, std::string* error, DeviceModel* out,
@@ -65,7 +54,8 @@ class DeviceModelTest : public ::testing::Test {
         return DeviceModel::parseText(replaced(kModel, from, to), mDir + "/m.json", out, error);
     }
 
-    std::string mDir;
+    TemporaryDir mTemporary;
+    const std::string mDir = mTemporary.path;
 };
 
 TEST_F(DeviceModelTest, ReadsTheModelAndThePowerProfile) {

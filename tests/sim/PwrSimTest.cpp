@@ -34,13 +34,6 @@ bool emulated() {
 
 class PwrSimTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string templ = std::filesystem::temp_directory_path().string() + "/pwrsimtest.XXXXXX";
-        ASSERT_NE(mkdtemp(templ.data()), nullptr);
-        mDir = templ;
-    }
-    void TearDown() override { std::filesystem::remove_all(mDir); }
-
     ToolRun run(std::vector<std::string> args, const char* tool = PWR_SIM_PATH) {
         args.insert(args.begin(), tool);
         return pwr::test::runTool(args, mDir);
@@ -58,7 +51,8 @@ class PwrSimTest : public ::testing::Test {
         return text;
     }
 
-    std::string mDir;
+    TemporaryDir mTemporary;
+    const std::string mDir = mTemporary.path;
 };
 
 // A scenario whose output is kept as a golden file, and lines that output must hold whatever
@@ -70,6 +64,7 @@ struct GoldenRow {
     // Deep mode's property list follows the configuration map's iteration order, which a 32-bit
     // build's hash differs in: the golden is a 64-bit build's.
     bool mapOrder = false;
+    friend void PrintTo(const GoldenRow& row, std::ostream* os) { *os << row.name; }
 };
 
 class GoldenTest : public PwrSimTest, public ::testing::WithParamInterface<GoldenRow> {};
@@ -282,7 +277,6 @@ TEST_F(PwrSimTest, CommandLineErrorsAndHelp) {
     };
     const Row rows[] = {
             {PWR_SIM_PATH, {"--frobnicate"}, "pwr-sim: unknown option --frobnicate", true},
-            {PWR_SIM_PATH, {"a.json", "-x"}, "pwr-sim: unknown option -x", true},
             {PWR_SIM_PATH, {"--quiet=yes", "a.json"}, "pwr-sim: unknown option --quiet=yes", true},
             {PWR_SIM_PATH, {"a.json", "--out"}, "pwr-sim: --out needs a value", false},
             {PWR_SIM_PATH, {"--config", "", "a.json"}, "pwr-sim: --config needs a value", false},
@@ -293,10 +287,6 @@ TEST_F(PwrSimTest, CommandLineErrorsAndHelp) {
              {"--frobnicate", "a.xml", "b.events"},
              "pwr-replay: unknown option --frobnicate",
              true},
-            {PWR_REPLAY_PATH,
-             {"a.xml", "b.events", "--plugin"},
-             "pwr-replay: --plugin needs a value",
-             false},
             {PWR_REPLAY_PATH,
              {"--device-root", "", "a.xml", "b.events"},
              "pwr-replay: --device-root needs a directory",
@@ -343,11 +333,6 @@ TEST_F(PwrSimTest, CheckNamesEachProblemWithItsLine) {
              ":27: error: profile \"PROFILE_LIGHT_MODE\" has a first <PerfLock> of 3 numbers"},
             {"\"GPU_SAMPLE_COUNT\" value=\"5\"", "\"GPU_SAMPLE_COUNT\" value=\"0\"",
              ":18: error: config \"GPU_SAMPLE_COUNT\" = 0: the GPU monitor keeps at most"},
-            {"\"GPU_Freq_THRESHOLD_LOW\" value=\"300\"", "\"GPU_Freq_THRESHOLD_LOW\" value=\"-1\"",
-             ":21: error: config \"GPU_Freq_THRESHOLD_LOW\" = -1 MHz: the GPU monitor compares"},
-            {"\"GPU_BUSY_STABILITY_THRESHOLD\" value=\"10\"",
-             "\"GPU_BUSY_STABILITY_THRESHOLD\" value=\"-3\"",
-             ":20: error: config \"GPU_BUSY_STABILITY_THRESHOLD\" = -3: a busy range is never"},
             {"    </Configs>", "<Config name=\"MAX_SAMPLE_NUM\" value=\"5\"/></Configs>",
              ":23: warning: config \"MAX_SAMPLE_NUM\" is read only with \"DEEP_MODE\" on"},
     };

@@ -75,13 +75,10 @@ TEST(EventScript, ParseText_EveryLineKind) {
 TEST(EventScript, ParseText_ErrorsNameTheLine) {
     EXPECT_EQ(errorOf("0 start a\nsoon start a\n"),
               "ev:2: \"soon\" is neither \"app\" nor a time in milliseconds");
-    EXPECT_EQ(errorOf("-5 start a\n"),
-              "ev:1: \"-5\" is neither \"app\" nor a time in milliseconds");
     EXPECT_EQ(errorOf("\n\n7\n"), "ev:3: a time with no event after it");
     EXPECT_EQ(errorOf("0 strat a\n"),
               "ev:1: unknown event \"strat\"; expected start, stop, gameoff, hint, event or end");
     EXPECT_EQ(errorOf("0 start\n"), "ev:1: start takes one application name");
-    EXPECT_EQ(errorOf("0 stop a b\n"), "ev:1: stop takes one application name");
     EXPECT_EQ(errorOf("0 gameoff a b\n"), "ev:1: gameoff takes at most an application name");
     EXPECT_EQ(errorOf("0 hint 1\n"),
               "ev:1: hint takes <type> <action> and optionally an application");
@@ -91,9 +88,6 @@ TEST(EventScript, ParseText_ErrorsNameTheLine) {
               "ev:1: hintType \"-1\" is not an unsigned 32-bit number");
     EXPECT_EQ(errorOf("0 event 0x100000000 0\n"),
               "ev:1: hintId \"0x100000000\" is not a 32-bit number");
-    EXPECT_EQ(errorOf("10 start a\n5 stop a\n"),
-              "ev:2: time 5 ms is before the previous event's 10 ms (line 1); times must not "
-              "decrease");
     EXPECT_EQ(errorOf("10 start a\n9 stop a\n"),
               "ev:2: time 9 ms is before the previous event's 10 ms (line 1); times must not "
               "decrease");

@@ -32,11 +32,6 @@ PowerOptFeatureInfo gpuConfig() {
     return info;
 }
 
-TEST(FeatureKeys, Check_CompleteConfigurationsHaveNoProblem) {
-    EXPECT_TRUE(FeatureKeys::check(pwr::test::minimalConfig()).empty());
-    EXPECT_TRUE(FeatureKeys::check(gpuConfig()).empty());
-}
-
 TEST(FeatureKeys, Check_MissingKeysInTheFeaturesOrder) {
     PowerOptFeatureInfo info;
     info.configs["GAME_TIMER"] = "x";  // not read: GPUMode is absent
@@ -133,24 +128,6 @@ PowerOptFeatureInfo deepConfig() {
     info.profiles["DEFAULT"] = {{0x40C00000, 1}};
     info.profiles["PSM_OPT_RESOURCE"] = {{0x40C68000}};
     return info;
-}
-
-// Deep mode's list takes every config value but "PSM", in the map's own order, so each scalar
-// setting is a lone piece that pairs with whatever comes next.
-TEST(FeatureKeys, DeepModeProperties_TakesEveryConfigValueButPsmInMapOrder) {
-    const PowerOptFeatureInfo info = deepConfig();
-    std::vector<std::string> expected;
-    for (const auto& [key, value] : info.configs) {
-        if (key == "PSM") continue;
-        if (key == "DEEP_PROPS") {
-            for (const char* piece : {"vendor.a", "1", "vendor.b", "0"}) expected.push_back(piece);
-        } else {
-            expected.push_back(value);
-        }
-    }
-    // A copy, as the feature receives it, iterates alike.
-    const PowerOptFeatureInfo copy = info;
-    EXPECT_EQ(FeatureKeys::deepModeProperties(copy), expected);
 }
 
 TEST(FeatureKeys, Check_DeepModePropertyTextsMustHoldWholePairs) {

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "feature/LogSites.h"
-#include "host/tools/EventScript.h"
 #include "host/tools/FeatureConfigXml.h"
 #include "host/tools/FeatureKeys.h"
 #include "platform/hostshim/DeviceRoot.h"
@@ -273,8 +272,6 @@ TEST_F(ReplayTest, BundledGameFilesReplayCleanly) {
     std::string error;
     ASSERT_TRUE(pwr::tools::FeatureConfigXml::parseFile(config, &parsed, &error)) << error;
     EXPECT_THAT(pwr::tools::FeatureKeys::check(parsed.info), IsEmpty());
-    pwr::tools::EventScript script;
-    ASSERT_TRUE(pwr::tools::EventScript::parseFile(events, &script, &error)) << error;
 
     mOptions.configPath = config;
     mOptions.eventsPath = events;
