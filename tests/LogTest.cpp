@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstdarg>
 #include <iterator>
 #include <set>
 #include <string>
@@ -23,23 +22,13 @@ namespace {
 
 using pwr::test::LogCapture;
 
-// What vsnprintf makes of `format` and the arguments that follow.
-std::string printfText(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::string text;
-    android::base::StringAppendV(&text, format, args);
-    va_end(args);
-    return text;
-}
-
-// The line printf makes of the same call.
+// The line printf makes of the same call, cut at liblog's limit for one message.
 template <typename... Args>
 std::string printfLine(const char* module, const char* function, int line, const char* format,
                        Args... args) {
-    std::string full = android::base::StringPrintf("%s: %s() %d: ", module, function, line) +
-                       printfText(format, args...);
-    return full.substr(0, 1023);  // liblog's limit for one message
+    const std::string full = "%s: %s() %d: " + std::string(format);
+    return android::base::StringPrintf(full.c_str(), module, function, line, args...)
+            .substr(0, 1023);
 }
 
 // A null text the compiler cannot see through.

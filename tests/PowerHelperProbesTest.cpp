@@ -245,40 +245,27 @@ TEST_F(PowerHelperProbes, FpsNodes_EachSampleParsesTheLineAfresh) {
 
 // A display-configuration service with a chosen active configuration (negative: the call fails
 // and leaves the preset value) and vsync period, which records what it is asked.
-class StandInDisplayConfig : public pwr::DisplayConfigService, public pwr::DisplayConfigProvider {
-  public:
-    StandInDisplayConfig(pwr::DisplayConfigLookup outcome, int32_t activeConfig,
-                         int32_t vsyncPeriodNs)
-        : mOutcome(outcome), mActiveConfig(activeConfig), mVsyncPeriodNs(vsyncPeriodNs) {}
-
+struct StandInDisplayConfig : pwr::DisplayConfigService,
+                              pwr::DisplayConfigProvider,
+                              std::enable_shared_from_this<StandInDisplayConfig> {
     pwr::DisplayConfigLookup connect(std::shared_ptr<pwr::DisplayConfigService>* service) override {
         queries.push_back("connect");
-        if (mOutcome == pwr::DisplayConfigLookup::kConnected) *service = mSelf.lock();
-        return mOutcome;
+        if (outcome == pwr::DisplayConfigLookup::kConnected) *service = shared_from_this();
+        return outcome;
     }
     void getActiveConfig(int32_t display, int32_t* config) override {
         queries.push_back("active " + std::to_string(display));
-        if (mActiveConfig >= 0) *config = mActiveConfig;
+        if (activeConfig >= 0) *config = activeConfig;
     }
     void getVsyncPeriod(int32_t display, int32_t config, int32_t* vsyncPeriodNs) override {
         queries.push_back("vsync " + std::to_string(display) + " " + std::to_string(config));
-        *vsyncPeriodNs = mVsyncPeriodNs;
-    }
-    static std::shared_ptr<StandInDisplayConfig> install(pwr::DisplayConfigLookup outcome,
-                                                         int32_t activeConfig, int32_t vsyncNs) {
-        auto made = std::make_shared<StandInDisplayConfig>(outcome, activeConfig, vsyncNs);
-        made->mSelf = made;
-        pwr::setDisplayConfigProvider(made);
-        return made;
+        *vsyncPeriodNs = vsyncNs;
     }
 
+    pwr::DisplayConfigLookup outcome;
+    int32_t activeConfig;
+    int32_t vsyncNs;
     std::vector<std::string> queries;
-
-  private:
-    pwr::DisplayConfigLookup mOutcome;
-    int32_t mActiveConfig;
-    int32_t mVsyncPeriodNs;
-    std::weak_ptr<StandInDisplayConfig> mSelf;
 };
 
 TEST_F(PowerHelperProbes, PanelFps_OneSecondOverTheVsyncPeriodOfTheActiveConfiguration) {
@@ -300,7 +287,11 @@ TEST_F(PowerHelperProbes, PanelFps_OneSecondOverTheVsyncPeriodOfTheActiveConfigu
     };
     PowerHelper helper;
     for (const auto& c : cases) {
-        auto service = StandInDisplayConfig::install(c.outcome, c.config, c.vsyncNs);
+        auto service = std::make_shared<StandInDisplayConfig>();
+        service->outcome = c.outcome;
+        service->activeConfig = c.config;
+        service->vsyncNs = c.vsyncNs;
+        pwr::setDisplayConfigProvider(service);
         EXPECT_EQ(helper.getMaxPanelFps(), c.fps) << c.vsyncNs;
         EXPECT_EQ(service->queries, c.queries) << c.vsyncNs;
     }
