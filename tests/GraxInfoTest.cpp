@@ -29,14 +29,6 @@ class GraxInfoTest : public ::testing::Test {
         tree.write(kBusy, "250 1000\n");
         tree.write(kClock, "200000000\n");
     }
-    // Writes `text` to `node`, or removes the node for nullptr.
-    void set(const char* node, const char* text) {
-        if (text == nullptr) {
-            tree.remove(node);
-        } else {
-            tree.write(node, text);
-        }
-    }
 
     pwr::test::DeviceTree tree;
 };
@@ -69,8 +61,8 @@ TEST_F(GraxInfoTest, Construction_BuildsTheTablesOrStopsAtTheFirstFault) {
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.freqs ? c.freqs : "<none>") + " / " +
                      (c.stats ? c.stats : "<none>"));
-        set(kFreqs, c.freqs);
-        set(kClockStats, c.stats);
+        tree.set(kFreqs, c.freqs);
+        tree.set(kClockStats, c.stats);
         GraxInfo info;
         EXPECT_EQ(info.freqs(), c.freqTable);
         EXPECT_EQ(info.capacities(), c.capacities);
@@ -79,9 +71,9 @@ TEST_F(GraxInfoTest, Construction_BuildsTheTablesOrStopsAtTheFirstFault) {
         EXPECT_EQ(info.GetMaxCapacity(),
                   c.capacities.empty() ? 0 : static_cast<int>(c.capacities.back()));
     }
-    set(kFreqs, nullptr);
+    tree.set(kFreqs, nullptr);
     EXPECT_EQ(GraxInfo().InitFreqs(), -5);
-    set(kFreqs, "\n");
+    tree.set(kFreqs, "\n");
     EXPECT_EQ(GraxInfo().InitFreqs(), -22);
 }
 
@@ -99,7 +91,7 @@ TEST_F(GraxInfoTest, GetAvgUtil_BusyPercentOfTotalOrAnError) {
             {nullptr, -5},
     };
     for (const auto& [text, util] : cases) {
-        set(kBusy, text);
+        tree.set(kBusy, text);
         EXPECT_EQ(info.GetAvgUtil(), util) << (text ? text : "<none>");
     }
 }
@@ -140,10 +132,10 @@ TEST_F(GraxInfoTest, GetAvgCapacity_WeightsCapacityByTimeSinceTheLastRead) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        set(kClockStats, c.seed);
+        tree.set(kClockStats, c.seed);
         GraxInfo info;
         for (const auto& [stats, average] : c.reads) {
-            set(kClockStats, stats);
+            tree.set(kClockStats, stats);
             EXPECT_EQ(info.GetAvgCapacity(false), average) << (stats ? stats : "<none>");
         }
         EXPECT_EQ(info.GetAvgCapacity(true), c.cached);
@@ -164,7 +156,7 @@ TEST_F(GraxInfoTest, CurAndAverageFrequency) {
                                                        {"fast", static_cast<uint64_t>(-5)},
                                                        {nullptr, static_cast<uint64_t>(-5)}};
     for (const auto& [text, freq] : clocks) {
-        set(kClock, text);
+        tree.set(kClock, text);
         EXPECT_EQ(info.GetCurFreq(), freq);
     }
 }

@@ -60,7 +60,6 @@ TEST(Log, Message_FormattedLikePrintf) {
     EXPECT_LOGGED_AS_PRINTF("%d %d %d %d", 0, -1, INT_MAX, INT_MIN);
     EXPECT_LOGGED_AS_PRINTF("hex %x %x %x", 0x81u, 0u, 0xFFFFFFFFu);
     EXPECT_LOGGED_AS_PRINTF("%s|%s|", "", gNullText);
-    EXPECT_LOGGED_AS_PRINTF("%d%%%s", 5, "x");
     EXPECT_LOGGED_AS_PRINTF("Avg Current: %.2f", 12.345);
     EXPECT_LOGGED_AS_PRINTF("Prop size %lu, %5d, %-3s|", 7ul, 42, "a");
 }

@@ -34,13 +34,6 @@ class PolicyInfoTest : public ::testing::Test {
         tree.write(kCapacity4, "1024\n");
         tree.write("/sys/devices/system/cpu/cpu5/cpu_capacity", "1\n");
     }
-    void set(const char* node, const char* text) {
-        if (text == nullptr) {
-            tree.remove(node);
-        } else {
-            tree.write(node, text);
-        }
-    }
 
     pwr::test::DeviceTree tree;
 };
@@ -67,7 +60,7 @@ TEST_F(PolicyInfoTest, Construction_BuildsTheTablesOrStopsAtTheFirstFault) {
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.node) + " = " + (c.text ? c.text : "<none>"));
         SetUp();
-        set(c.node, c.text);
+        tree.set(c.node, c.text);
         PolicyInfo policy(kPolicy);
         EXPECT_EQ(policy.policyName(), kPolicy);
         EXPECT_EQ(policy.freqs(), c.freqs);
@@ -149,7 +142,7 @@ TEST_F(PolicyInfoTest, GetAvgCapacity_WeightsCapacityByTimeSinceTheLastRead) {
         SetUp();
         PolicyInfo policy(kPolicy);
         for (const auto& [text, average] : c.reads) {
-            set(kTimeInState, text);
+            tree.set(kTimeInState, text);
             EXPECT_EQ(policy.GetAvgCapacity(false), average) << c.name;
         }
         EXPECT_EQ(policy.GetAvgCapacity(true), c.cached) << c.name;
