@@ -82,7 +82,6 @@ TEST(Scenario, ParseText_SyntaxErrorsNameLineAndColumn) {
     EXPECT_THAT(errorOf("{\n  \"duration\": 5,\n  \"name\": \"x\"\n  \"debug\": true\n}"),
                 ::testing::StartsWith("dir/s.json:4:9: syntax error while parsing object - "
                                       "unexpected string literal"));
-    EXPECT_THAT(errorOf("{\"duration\": 5,"), ::testing::StartsWith("dir/s.json:1:16: "));
     EXPECT_THAT(errorOf(""), ::testing::StartsWith("dir/s.json:1:1: "));
     // A number beyond a double's range is reported where it stands, not thrown.
     EXPECT_EQ(errorOf("{\n  \"duration\": 1e400\n}"),
@@ -108,16 +107,11 @@ TEST(Scenario, ParseText_InvalidScenariosNameTheKey) {
             errorOf(R"({"duration": 5, "events": [{"t": 2, "note": "a"}, {"t": 1, "note": "b"}]})"),
             "dir/s.json: events[1].t: is before the previous point's time; times must not "
             "decrease");
-    EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 6, "note": "late"}]})"),
-              "dir/s.json: events[0].t: is after the scenario's duration");
     EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 1}]})"),
               "dir/s.json: events[0]: needs \"event\", \"note\" or both");
     EXPECT_EQ(errorOf(R"({"duration": 5, "events": [{"t": 1, "event": "end"}]})"),
               "dir/s.json: events[0].event: \"end\" is not an event here; the scenario's "
               "duration ends it");
-    EXPECT_EQ(errorOf(R"({"duration": 5, "gpu": {"frequencies_mhz": [100, 200],
-                          "trace": [{"t": 0, "freq_mhz": 250, "busy": 5}]}})"),
-              "dir/s.json: gpu.trace[0].freq_mhz: 250 is outside 100 to 200");
     EXPECT_EQ(errorOf(R"({"duration": 5, "gpu": {"frequencies_mhz": [100, 200],
                           "trace": [{"t": 0, "freq_mhz": 150, "busy": 5, "busy_swing": 3}]}})"),
               "dir/s.json: gpu.trace[0]: \"busy_swing\" and \"swing_period\" go together");

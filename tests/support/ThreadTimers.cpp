@@ -96,23 +96,17 @@ class TimerService {
         return find(id) != nullptr;
     }
 
-    int settime(timer_t id, const itimerspec& spec, itimerspec* old) {
+    // Hands back in `old` what the timer was set to, then sets it to `spec` (null: left alone).
+    int settime(timer_t id, const itimerspec* spec, itimerspec* old) {
         std::lock_guard<std::mutex> lock(mMutex);
         ThreadTimer* timer = find(id);
         if (timer == nullptr) return fail(EINVAL);
         if (old != nullptr) *old = current(*timer);
-        timer->armed = spec.it_value.tv_sec != 0 || spec.it_value.tv_nsec != 0;
-        timer->due = now() + scaled(toDuration(spec.it_value));
-        timer->period = scaled(toDuration(spec.it_interval));
+        if (spec == nullptr) return 0;
+        timer->armed = spec->it_value.tv_sec != 0 || spec->it_value.tv_nsec != 0;
+        timer->due = now() + scaled(toDuration(spec->it_value));
+        timer->period = scaled(toDuration(spec->it_interval));
         mWake.notify_one();
-        return 0;
-    }
-
-    int gettime(timer_t id, itimerspec* out) {
-        std::lock_guard<std::mutex> lock(mMutex);
-        ThreadTimer* timer = find(id);
-        if (timer == nullptr) return fail(EINVAL);
-        *out = current(*timer);
         return 0;
     }
 
@@ -353,7 +347,7 @@ extern "C" __attribute__((visibility("default"))) int timer_settime(timer_t id, 
     } else if (flags != 0 || !validTime(spec->it_value) || !validTime(spec->it_interval)) {
         result = fail(EINVAL);
     } else {
-        result = TimerService::instance().settime(id, *spec, old);
+        result = TimerService::instance().settime(id, spec, old);
     }
     const int error = result == 0 ? saved : errno;
     record(&CallRecord::settimes,
@@ -366,7 +360,7 @@ extern "C" __attribute__((visibility("default"))) int timer_gettime(timer_t id,
                                                                     itimerspec* out) noexcept {
     if (!TimerService::instance().owns(id))
         return libc<decltype(timer_gettime)>("timer_gettime", id, out);
-    return out == nullptr ? fail(EFAULT) : TimerService::instance().gettime(id, out);
+    return out == nullptr ? fail(EFAULT) : TimerService::instance().settime(id, nullptr, out);
 }
 
 extern "C" __attribute__((visibility("default"))) int timer_delete(timer_t id) noexcept {
