@@ -1,6 +1,5 @@
 #include "platform/GraxInfo.h"
 
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -165,39 +164,35 @@ TEST_F(GraxInfoTest, CurAndAverageFrequency) {
 // frequencies are searched from level 1 (level 0 only for a one-level table), the conversion from
 // level 0, and levels are clamped into the table.
 TEST_F(GraxInfoTest, LevelLookups) {
-    using Lookup = std::function<int64_t(GraxInfo&)>;
-    const struct {
-        const char* freqs;
-        const char* what;
-        Lookup lookup;
-        int64_t expected;
-    } cases[] = {
-            {nullptr, "freq 0", [](GraxInfo& g) { return g.GetLevelByFreq(0); }, 1},
-            {nullptr, "freq 200 MHz", [](GraxInfo& g) { return g.GetLevelByFreq(200000000); }, 1},
-            {nullptr, "freq above 200", [](GraxInfo& g) { return g.GetLevelByFreq(200000001); }, 2},
-            {nullptr, "cap -5", [](GraxInfo& g) { return g.GetLevelByCap(-5); }, 1},
-            {nullptr, "cap 682", [](GraxInfo& g) { return g.GetLevelByCap(682); }, 1},
-            {nullptr, "cap 683", [](GraxInfo& g) { return g.GetLevelByCap(683); }, 2},
-            {nullptr, "to freq 0", [](GraxInfo& g) { return g.ConvertCap2Freq(0); }, 100000000},
-            {nullptr, "to freq 341", [](GraxInfo& g) { return g.ConvertCap2Freq(341); }, 100000000},
-            {nullptr, "to freq 342", [](GraxInfo& g) { return g.ConvertCap2Freq(342); }, 200000000},
-            {nullptr, "freq of -1", [](GraxInfo& g) { return g.GetFreqByLevel(-1); }, 100000000},
-            {nullptr, "freq of 1", [](GraxInfo& g) { return g.GetFreqByLevel(1); }, 200000000},
-            {nullptr, "freq of 99", [](GraxInfo& g) { return g.GetFreqByLevel(99); }, 300000000},
-            {nullptr, "cap of -7", [](GraxInfo& g) { return g.GetCapByLevel(-7); }, 341},
-            {nullptr, "cap of 3", [](GraxInfo& g) { return g.GetCapByLevel(3); }, 1024},
-            {"500", "one level: freq", [](GraxInfo& g) { return g.GetLevelByFreq(1); }, 0},
-            {"500", "one level: cap", [](GraxInfo& g) { return g.GetLevelByCap(99999); }, 0},
-            {"", "no level: freq", [](GraxInfo& g) { return g.GetLevelByFreq(1); }, 0},
-            {"", "no level: cap", [](GraxInfo& g) { return g.GetLevelByCap(1); }, 0},
-            {"", "no level: to freq", [](GraxInfo& g) { return g.ConvertCap2Freq(1); }, 0},
-            {"", "no level: freq of", [](GraxInfo& g) { return g.GetFreqByLevel(0); }, 0},
-            {"", "no level: cap of", [](GraxInfo& g) { return g.GetCapByLevel(0); }, 0},
+    GraxInfo info;
+    const std::pair<int64_t, int64_t> threeLevels[] = {
+            {info.GetLevelByFreq(0), 1},
+            {info.GetLevelByFreq(200000000), 1},
+            {info.GetLevelByFreq(200000001), 2},
+            {info.GetLevelByCap(-5), 1},
+            {info.GetLevelByCap(682), 1},
+            {info.GetLevelByCap(683), 2},
+            {info.ConvertCap2Freq(0), 100000000},
+            {info.ConvertCap2Freq(341), 100000000},
+            {info.ConvertCap2Freq(342), 200000000},
+            {info.GetFreqByLevel(-1), 100000000},
+            {info.GetFreqByLevel(1), 200000000},
+            {info.GetFreqByLevel(99), 300000000},
+            {info.GetCapByLevel(-7), 341},
+            {info.GetCapByLevel(3), 1024},
     };
-    for (const auto& c : cases) {
-        if (c.freqs != nullptr) tree.write(kFreqs, c.freqs);
-        GraxInfo info;
-        EXPECT_EQ(c.lookup(info), c.expected) << c.what;
+    for (size_t i = 0; i < std::size(threeLevels); ++i) {
+        EXPECT_EQ(threeLevels[i].first, threeLevels[i].second) << "look-up " << i;
+    }
+    tree.write(kFreqs, "500");
+    GraxInfo one;
+    EXPECT_EQ(one.GetLevelByFreq(1), 0);
+    EXPECT_EQ(one.GetLevelByCap(99999), 0);
+    tree.write(kFreqs, "");
+    GraxInfo none;
+    for (int64_t level : {int64_t{none.GetLevelByFreq(1)}, int64_t{none.GetLevelByCap(1)},
+                          none.ConvertCap2Freq(1), none.GetFreqByLevel(0), none.GetCapByLevel(0)}) {
+        EXPECT_EQ(level, 0);
     }
 }
 

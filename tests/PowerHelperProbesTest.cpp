@@ -68,50 +68,41 @@ TEST_F(PowerHelperProbes, SelectFilePath_TheFirstThatExistsElseTheFallback) {
 
 // The DisplayPort, virtual and DSI-2 nodes (nullptr: missing) and what isDisplayConnected makes
 // of them. One stream serves every entry: the first node it opens is read for each of them.
-struct DisplayCase {
-    const char* name;
-    const char* dp;
-    const char* virt;
-    const char* dsi2;
-    int connected;
-    std::vector<std::string> lines;
-};
-
-class DisplayNodes : public PowerHelperProbes, public ::testing::WithParamInterface<DisplayCase> {};
-
-TEST_P(DisplayNodes, Connected) {
-    const DisplayCase& c = GetParam();
-    for (const auto& [node, text] : {std::pair{kDp, c.dp}, {kVirtual, c.virt}, {kDsi2, c.dsi2}}) {
-        if (text != nullptr) tree.write(node, text);
+TEST_F(PowerHelperProbes, DisplayConnected_TheFirstNodeOpenedAnswersForEveryEntry) {
+    const struct {
+        const char* name;
+        const char *dp, *virt, *dsi2;
+        int connected;
+        std::vector<std::string> lines;
+    } cases[] = {
+            {"FirstEnabledWins", "enabled\n", "disabled\n", "enabled\n", DISPLAY_DP, lines()},
+            {"FirstOpenedIsReadForEveryEntry", "disabled\n", "enabled\n", "enabled\n", 0, lines()},
+            {"MissingFirstFallsToNext", nullptr, "enabled\n", "enabled\n", DISPLAY_VIRTUAL,
+             lines(displayOpenFailed(kDp))},
+            {"SecondDisabledHidesThird", nullptr, "disabled\n", "enabled\n", 0,
+             lines(displayOpenFailed(kDp))},
+            {"OnlyTheLast", nullptr, nullptr, "enabled\n", DISPLAY_DSI2,
+             lines(displayOpenFailed(kDp), displayOpenFailed(kVirtual))},
+            {"WithoutLineFeed", "enabled", nullptr, nullptr, DISPLAY_DP, lines()},
+            {"TrailingBlank", "enabled \n", nullptr, nullptr, 0, lines()},
+            {"EmptyFirstIsReadForEveryEntry", "", "enabled\n", nullptr, 0,
+             lines(kDisplayEmpty, kDisplayEmpty, kDisplayEmpty)},
+            {"None", nullptr, nullptr, nullptr, 0,
+             lines(displayOpenFailed(kDp), displayOpenFailed(kVirtual), displayOpenFailed(kDsi2))},
+    };
+    for (const auto& c : cases) {
+        for (const auto& [node, text] :
+             {std::pair{kDp, c.dp}, {kVirtual, c.virt}, {kDsi2, c.dsi2}}) {
+            tree.set(node, text);
+        }
+        log.clear();
+        PowerHelper helper;
+        helper.connectedDisplay = 7;
+        EXPECT_EQ(helper.isDisplayConnected(), c.connected) << c.name;
+        EXPECT_EQ(helper.connectedDisplay, c.connected) << c.name;
+        EXPECT_EQ(log.messages(), c.lines) << c.name;
     }
-    PowerHelper helper;
-    helper.connectedDisplay = 7;
-    EXPECT_EQ(helper.isDisplayConnected(), c.connected);
-    EXPECT_EQ(helper.connectedDisplay, c.connected);
-    EXPECT_EQ(log.messages(), c.lines);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-        Nodes, DisplayNodes,
-        ::testing::Values(DisplayCase{"FirstEnabledWins", "enabled\n", "disabled\n", "enabled\n",
-                                      DISPLAY_DP, lines()},
-                          DisplayCase{"FirstOpenedIsReadForEveryEntry", "disabled\n", "enabled\n",
-                                      "enabled\n", 0, lines()},
-                          DisplayCase{"MissingFirstFallsToNext", nullptr, "enabled\n", "enabled\n",
-                                      DISPLAY_VIRTUAL, lines(displayOpenFailed(kDp))},
-                          DisplayCase{"SecondDisabledHidesThird", nullptr, "disabled\n",
-                                      "enabled\n", 0, lines(displayOpenFailed(kDp))},
-                          DisplayCase{"OnlyTheLast", nullptr, nullptr, "enabled\n", DISPLAY_DSI2,
-                                      lines(displayOpenFailed(kDp), displayOpenFailed(kVirtual))},
-                          DisplayCase{"WithoutLineFeed", "enabled", nullptr, nullptr, DISPLAY_DP,
-                                      lines()},
-                          DisplayCase{"TrailingBlank", "enabled \n", nullptr, nullptr, 0, lines()},
-                          DisplayCase{"EmptyFirstIsReadForEveryEntry", "", "enabled\n", nullptr, 0,
-                                      lines(kDisplayEmpty, kDisplayEmpty, kDisplayEmpty)},
-                          DisplayCase{"None", nullptr, nullptr, nullptr, 0,
-                                      lines(displayOpenFailed(kDp), displayOpenFailed(kVirtual),
-                                            displayOpenFailed(kDsi2))}),
-        [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(PowerHelperProbes, DisplayConnected_EachCallReadsAfresh) {
     tree.write(kDp, "disabled\n");
