@@ -112,44 +112,41 @@ TEST_F(PowerHelperProbes, DisplayConnected_EachCallReadsAfresh) {
     EXPECT_EQ(helper.isDisplayConnected(), DISPLAY_DP);
 }
 
-// The USB state node and the debug property, and whether a device counts as attached.
-struct UsbCase {
-    const char* name;
-    const char* state;          // nullptr: the node is missing
-    const char* debugProperty;  // nullptr: unset
-    int attached;
-    std::vector<std::string> lines;
-};
-
-class UsbState : public PowerHelperProbes, public ::testing::WithParamInterface<UsbCase> {};
-
-TEST_P(UsbState, AttachedAndTheStreamClosed) {
-    const UsbCase& c = GetParam();
-    if (c.state != nullptr) tree.write(kUsb, c.state);
-    if (c.debugProperty != nullptr)
-        pwr::test::setProperty("vendor.poweropt.debug", c.debugProperty);
-    PowerHelper helper;
-    EXPECT_EQ(usbStreamOpen(helper), c.state != nullptr);
-    EXPECT_EQ(helper.getUSBstate(), c.attached);
-    EXPECT_FALSE(usbStreamOpen(helper));
-    EXPECT_EQ(log.messages(), c.lines);
+// The USB state node and the debug property, and whether a device counts as attached; the
+// stream is closed after each read.
+TEST_F(PowerHelperProbes, UsbState_AttachedAndTheStreamClosed) {
+    const struct {
+        const char* state;          // nullptr: the node is missing
+        const char* debugProperty;  // nullptr: unset (the rows that set it come last)
+        int attached;
+        std::vector<std::string> lines;
+    } cases[] = {
+            {"CONFIGURED\n", nullptr, 1, lines()},
+            {"CONNECTED\n", nullptr, 1, lines()},
+            {"DISCONNECTED\n", nullptr, 0, lines()},
+            {"CONFIGURED \n", nullptr, 0, lines()},
+            {nullptr, nullptr, 0, lines(kUsbOpenFailed)},
+            {"", nullptr, 0, lines(kUsbReadFailed, kUsbEmpty)},
+            {"\nCONFIGURED\n", nullptr, 0, lines(kUsbEmpty)},
+            {"CONFIGURED\n", "0", 1, lines()},
+            {"CONFIGURED\n", "1", 0, lines()},
+            {"CONFIGURED\n", "2", 1, lines()},
+            {"CONFIGURED\n", "1x", 0, lines()},
+    };
+    for (const auto& c : cases) {
+        const std::string row = ::testing::PrintToString(c.state ? c.state : "<none>") + " debug " +
+                                (c.debugProperty ? c.debugProperty : "<unset>");
+        tree.set(kUsb, c.state);
+        if (c.debugProperty != nullptr)
+            pwr::test::setProperty("vendor.poweropt.debug", c.debugProperty);
+        log.clear();
+        PowerHelper helper;
+        EXPECT_EQ(usbStreamOpen(helper), c.state != nullptr) << row;
+        EXPECT_EQ(helper.getUSBstate(), c.attached) << row;
+        EXPECT_FALSE(usbStreamOpen(helper)) << row;
+        EXPECT_EQ(log.messages(), c.lines) << row;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-        States, UsbState,
-        ::testing::Values(UsbCase{"Configured", "CONFIGURED\n", nullptr, 1, lines()},
-                          UsbCase{"Connected", "CONNECTED\n", nullptr, 1, lines()},
-                          UsbCase{"ConfiguredDebug0", "CONFIGURED\n", "0", 1, lines()},
-                          UsbCase{"ConfiguredDebug1", "CONFIGURED\n", "1", 0, lines()},
-                          UsbCase{"ConfiguredDebug2", "CONFIGURED\n", "2", 1, lines()},
-                          UsbCase{"ConfiguredDebug1x", "CONFIGURED\n", "1x", 0, lines()},
-                          UsbCase{"Disconnected", "DISCONNECTED\n", nullptr, 0, lines()},
-                          UsbCase{"TrailingBlank", "CONFIGURED \n", nullptr, 0, lines()},
-                          UsbCase{"Missing", nullptr, nullptr, 0, lines(kUsbOpenFailed)},
-                          UsbCase{"Empty", "", nullptr, 0, lines(kUsbReadFailed, kUsbEmpty)},
-                          UsbCase{"BlankFirstLine", "\nCONFIGURED\n", nullptr, 0,
-                                  lines(kUsbEmpty)}),
-        [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(PowerHelperProbes, UsbState_EveryCallReopensTheNode) {
     PowerHelper helper;
