@@ -57,15 +57,6 @@ class PowerHelperProbes : public pwr::test::FeatureTest {
     }
 };
 
-TEST_F(PowerHelperProbes, SelectFilePath_TheFirstThatExistsElseTheFallback) {
-    EXPECT_EQ(selectFilePath({}, "/fallback"), "/fallback");
-    EXPECT_EQ(selectFilePath({"/a", "/b"}, "/fallback"), "/fallback");
-    tree.write("/b", "");
-    EXPECT_EQ(selectFilePath({"/a", "/b"}, "/fallback"), "/b");
-    tree.write("/a", "");
-    EXPECT_EQ(selectFilePath({"/a", "/b"}, "/fallback"), "/a");
-}
-
 // The DisplayPort, virtual and DSI-2 nodes (nullptr: missing) and what isDisplayConnected makes
 // of them. One stream serves every entry: the first node it opens is read for each of them.
 TEST_F(PowerHelperProbes, DisplayConnected_TheFirstNodeOpenedAnswersForEveryEntry) {

@@ -108,8 +108,7 @@ TEST(PosixTimer, OneShot_RunsOnceOnAnotherThreadThenDisarms) {
     Probe& probe = keepProbe();
     NotifyTimer timer(probe);
     ASSERT_TRUE(timer.created) << strerror(timer.error);
-    EXPECT_EQ(timer.get().it_value.tv_sec, 0);
-    EXPECT_EQ(timer.get().it_value.tv_nsec, 0) << "a new timer is disarmed";
+    EXPECT_EQ(toNanos(timer.get().it_value), 0ns) << "a new timer is disarmed";
 
     ASSERT_EQ(timer.set(spec(20ms)), 0) << strerror(errno);
     ASSERT_TRUE(waitFor(probe, [](Probe& p) { return p.calls == 1 && p.running == 0; }));

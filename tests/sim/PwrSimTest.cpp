@@ -405,23 +405,16 @@ TEST_F(PwrSimTest, Sweep_WritesARowPerRunAndChecksKeysFirst) {
     // kernel cannot run the cross-built program by itself.
     if (emulated()) GTEST_SKIP() << "runs start pwr-sim natively";
     const std::string out = mDir + "/sweep";
-    const std::vector<std::string> common = {"sweep",
-                                             "--config",
-                                             kSource + "configs/game.xml",
-                                             "--device",
-                                             kSource + "configs/sim/phone.json",
-                                             "--out",
-                                             out};
-    std::vector<std::string> bad = common;
-    bad.insert(bad.end(), {"--set", "GPU_THRESHOLD=1,2", kSource + "configs/sim/game-climb.json"});
-    const ToolRun refused = run(bad);
+    auto sweep = [&](const std::string& set) {
+        return run({"sweep", "--config", kSource + "configs/game.xml", "--device",
+                    kSource + "configs/sim/phone.json", "--out", out, "--set", set,
+                    kSource + "configs/sim/game-climb.json"});
+    };
+    const ToolRun refused = sweep("GPU_THRESHOLD=1,2");
     EXPECT_EQ(refused.status, 1);
     EXPECT_THAT(refused.err, HasSubstr("game.xml: no <Config name=\"GPU_THRESHOLD\"> to sweep"));
 
-    std::vector<std::string> args = common;
-    args.insert(args.end(), {"--set", "GPU_Freq_THRESHOLD_LOW=250,300",
-                             kSource + "configs/sim/game-climb.json"});
-    const ToolRun done = run(args);
+    const ToolRun done = sweep("GPU_Freq_THRESHOLD_LOW=250,300");
     ASSERT_EQ(done.status, 0) << done.err;
     std::vector<std::string> rows;
     std::istringstream in(read(out + "/sweep.csv"));

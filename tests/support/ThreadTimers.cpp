@@ -223,16 +223,13 @@ class TimerService {
     void run() {
         std::unique_lock<std::mutex> lock(mMutex);
         for (;;) {
-            if (mVirtual) {
-                mWake.wait(lock);
-                continue;
-            }
             const Clock::time_point now = Clock::now();
-            Clock::time_point next = Clock::time_point::max();
+            Clock::time_point next = Clock::time_point::max();  // in virtual time: none
             std::vector<std::pair<Notify, sigval>> due;
             for (auto& entry : mTimers) {
                 ThreadTimer& timer = *entry.second;
-                if (timer.armed && timer.due <= now) due.push_back(expire(timer, now));
+                if (mVirtual || !timer.armed) continue;
+                if (timer.due <= now) due.push_back(expire(timer, now));
                 if (timer.armed) next = std::min(next, timer.due);
             }
             if (!due.empty()) {
