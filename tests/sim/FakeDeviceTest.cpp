@@ -24,7 +24,7 @@ Scenario gpuScenario() {
     return s;
 }
 
-TEST(FakeDevice, Create_WritesTheGpuNodesAsTheDriverDoes) {
+TEST(FakeDevice, WritesTheGpuNodesAsTheDriverDoesAndAdvancesThemWithSimulatedTime) {
     pwr::test::DeviceTree tree;
     const Scenario scenario = gpuScenario();
     FakeDevice device(scenario);
@@ -39,16 +39,9 @@ TEST(FakeDevice, Create_WritesTheGpuNodesAsTheDriverDoes) {
     // No battery or foreground trace: no such nodes.
     EXPECT_FALSE(
             std::filesystem::exists(tree.hostPath("/sys/class/power_supply/battery/current_now")));
-}
 
-// The clock statistics advance with simulated time, split as the trace says, so that the
-// average the feature computes from them is the trace's frequency.
-TEST(FakeDevice, Update_AdvancesClockStatisticsWithSimulatedTime) {
-    pwr::test::DeviceTree tree;
-    const Scenario scenario = gpuScenario();
-    FakeDevice device(scenario);
-    std::string error;
-    ASSERT_TRUE(device.create(&error)) << error;
+    // The clock statistics advance with simulated time, split as the trace says, so that the
+    // average the feature computes from them is the trace's frequency.
     GraxInfo grax;  // reads the tree just made: counters seeded at 0
     ASSERT_EQ(grax.freqs().size(), 3u);
 

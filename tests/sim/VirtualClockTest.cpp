@@ -128,9 +128,7 @@ TEST_F(VirtualClockTest, OneShotAbsoluteAndRearmedTimers) {
     EXPECT_THAT(relative(oneShot.times), ElementsAre(250 * kMs, 3 * kSecond));
 
     // An absolute expiry already past fires at the next advance, at the current time.
-    itimerspec past{};
-    past.it_value.tv_sec = 0;
-    past.it_value.tv_nsec = 1;
+    itimerspec past = spec(0, 1);
     ASSERT_EQ(timer_settime(single, TIMER_ABSTIME, &past, nullptr), 0);
     advance(3 * kSecond);
     EXPECT_THAT(relative(oneShot.times), ElementsAre(250 * kMs, 3 * kSecond, 3 * kSecond));
