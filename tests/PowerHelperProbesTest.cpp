@@ -30,9 +30,8 @@ constexpr char kCard0Fps[] = "/sys/class/drm/card0-mxp-crtc-0/measured_fps";
 constexpr char kPeriodicity[] = "/sys/class/drm/mxp-crtc-0/fps_periodicity_ms";
 constexpr char kCard0Periodicity[] = "/sys/class/drm/card0-mxp-crtc-0/fps_periodicity_ms";
 
-const std::string kUsbOpenFailed = line(site::kUsbOpenFailed, std::string("Failed to open USB "
-                                                                          "file ") +
-                                                                      kUsb);
+const std::string kUsbOpenFailed =
+        line(site::kUsbOpenFailed, std::string("Failed to open USB file ") + kUsb);
 const std::string kUsbReadFailed =
         line(site::kUsbReadFailed, std::string("Failed to read from USB file ") + kUsb);
 const std::string kUsbEmpty = line(site::kUsbEmpty, "Unexpected Null in str");

@@ -6,22 +6,11 @@
 
 #include "host/fakeperf/FakePerf.h"
 #include "platform/PowerHelper.h"
-#include "tests/support/LogCapture.h"
 
 namespace {
 
 using fakeperf::CallKind;
 using ::testing::IsEmpty;
-
-TEST(PowerHelper, Construct_BindsEveryEntryPointQuietly) {
-    pwr::test::LogCapture log;
-    PowerHelper helper;
-    EXPECT_NE(PowerHelper::perf_handle, nullptr);
-    EXPECT_NE(PowerHelper::perflock_acq, nullptr);
-    EXPECT_NE(PowerHelper::perflock_rel, nullptr);
-    EXPECT_NE(PowerHelper::perflock_hint, nullptr);
-    EXPECT_THAT(log.messages(), IsEmpty());
-}
 
 TEST(PowerHelper, Acquire_AlwaysRequestsNewLockAndReleaseSkipsMinusOne) {
     fakeperf::reset();

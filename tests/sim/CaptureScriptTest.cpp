@@ -162,10 +162,7 @@ TEST_P(TraceRoundTrip, ImportedTraceReplaysToTheSameDeviceCounters) {
     Scenario scenario;
     std::string error;
     ASSERT_TRUE(Scenario::parseFile(source(GetParam()), &scenario, &error)) << error;
-    std::string table;
-    for (uint64_t mhz : scenario.gpuFrequenciesMhz)
-        table += (table.empty() ? "" : ",") + std::to_string(mhz);
-
+    const std::string table = android::base::Join(scenario.gpuFrequenciesMhz, ',');
     pwr::test::ToolRun r =
             runTool({PWR_SIM_PATH, source(GetParam()), "--quiet", "--out", dir + "/first"}, dir);
     ASSERT_EQ(r.status, 0) << r.err;
