@@ -112,11 +112,9 @@ TEST(PosixTimer, OneShot_RunsOnceOnAnotherThreadThenDisarms) {
 
     ASSERT_EQ(timer.set(spec(20ms)), 0) << strerror(errno);
     ASSERT_TRUE(waitFor(probe, [](Probe& p) { return p.calls == 1 && p.running == 0; }));
-    const itimerspec after = timer.get();
-    EXPECT_EQ(toNanos(after.it_value), 0ns) << "a one-shot timer disarms when it expires";
+    EXPECT_EQ(toNanos(timer.get().it_value), 0ns) << "a one-shot timer disarms when it expires";
     std::lock_guard<std::mutex> lock(probe.mutex);
-    EXPECT_EQ(probe.calls, 1);
-    ASSERT_EQ(probe.threads.size(), 1u);
+    ASSERT_EQ(probe.threads.size(), 1u) << "one call";
     EXPECT_NE(probe.threads[0], std::this_thread::get_id());
 }
 

@@ -42,12 +42,9 @@ class DeviceModelTest : public ::testing::Test {
     bool parse(const std::string& from, const std::string& to, std::string* error, DeviceModel* out,
                const std::string& profileFrom = "", const std::string& profileTo = "") {
         auto replaced = [](std::string text, const std::string& a, const std::string& b) {
-            if (!a.empty()) {
-                const size_t at = text.find(a);
-                EXPECT_NE(at, std::string::npos) << a;
-                if (at != std::string::npos) text.replace(at, a.size(), b);
-            }
-            return text;
+            const size_t at = a.empty() ? std::string::npos : text.find(a);
+            EXPECT_TRUE(a.empty() || at != std::string::npos) << a;
+            return at == std::string::npos ? text : text.replace(at, a.size(), b);
         };
         EXPECT_TRUE(android::base::WriteStringToFile(replaced(kProfile, profileFrom, profileTo),
                                                      mDir + "/pp.xml"));

@@ -33,6 +33,16 @@ constexpr char kValid[] = R"({
     ]
 })";
 
+// kValid's events, each as describe() gives it.
+const char* const kValidEvents[] = {"1 hint type 2 action 1 (0x15E0, hintType 0x82) / ",
+                                    "5000 start com.example.game/.Main (0x1001) / a game",
+                                    "9000 / only a note"};
+
+// An event as one text: its time, what it does and its note.
+std::string describe(const pwr::sim::ScenarioEvent& e) {
+    return std::to_string(e.timeMs) + (e.hasEvent ? " " + e.event.describe() : "") + " / " + e.note;
+}
+
 bool parse(const std::string& text, Scenario* out, std::string* error) {
     return Scenario::parseText(text, "dir/s.json", out, error);
 }
@@ -70,14 +80,8 @@ TEST(Scenario, ParseText_ReadsEverySection) {
     EXPECT_EQ(s.foreground[0].processes[1].pid, 7);
     EXPECT_EQ(s.foreground[0].processes[1].cmdline, "");
     std::vector<std::string> events;
-    for (const auto& e : s.events) {
-        events.push_back(std::to_string(e.timeMs) + (e.hasEvent ? " " + e.event.describe() : "") +
-                         " / " + e.note);
-    }
-    EXPECT_THAT(events,
-                ::testing::ElementsAre("1 hint type 2 action 1 (0x15E0, hintType 0x82) / ",
-                                       "5000 start com.example.game/.Main (0x1001) / a game",
-                                       "9000 / only a note"));
+    for (const auto& e : s.events) events.push_back(describe(e));
+    EXPECT_THAT(events, ::testing::ElementsAreArray(kValidEvents));
 }
 
 TEST(Scenario, ParseText_SyntaxErrorsNameLineAndColumn) {
@@ -145,19 +149,14 @@ TEST(Scenario, ForEachEvent_ReadsAgainWhatWasNotKept) {
     EXPECT_TRUE(streamed.events.empty());
     EXPECT_EQ(streamed.eventCount, kept.events.size());
     std::vector<std::string> seen;
-    ASSERT_TRUE(streamed.forEachEvent(
-                        [&](const pwr::sim::ScenarioEvent& e) {
-                            seen.push_back(std::to_string(e.timeMs) + " " + e.event.describe() +
-                                           " " + e.note);
-                            return seen.size() < 2;  // stops after the second
-                        },
-                        &error) == false);
+    ASSERT_FALSE(streamed.forEachEvent(
+            [&](const pwr::sim::ScenarioEvent& e) {
+                seen.push_back(describe(e));
+                return seen.size() < 2;  // stops after the second
+            },
+            &error));
     EXPECT_EQ(error, "");
-    ASSERT_EQ(seen.size(), 2u);
-    for (size_t i = 0; i < seen.size(); ++i) {
-        const pwr::sim::ScenarioEvent& e = kept.events[i];
-        EXPECT_EQ(seen[i], std::to_string(e.timeMs) + " " + e.event.describe() + " " + e.note);
-    }
+    EXPECT_THAT(seen, ::testing::ElementsAre(kValidEvents[0], kValidEvents[1]));
 }
 
 TEST(Scenario, ParseFile_UnreadableFileIsNamed) {
