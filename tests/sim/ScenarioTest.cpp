@@ -6,7 +6,6 @@
 namespace {
 
 using pwr::sim::Scenario;
-using ::testing::HasSubstr;
 
 constexpr char kValid[] = R"({
     "name": "mixed",
@@ -157,13 +156,6 @@ TEST(Scenario, ForEachEvent_ReadsAgainWhatWasNotKept) {
             &error));
     EXPECT_EQ(error, "");
     EXPECT_THAT(seen, ::testing::ElementsAre(kValidEvents[0], kValidEvents[1]));
-}
-
-TEST(Scenario, ParseFile_UnreadableFileIsNamed) {
-    Scenario scenario;
-    std::string error;
-    EXPECT_FALSE(Scenario::parseFile("/nonexistent/s.json", &scenario, &error));
-    EXPECT_THAT(error, HasSubstr("/nonexistent/s.json: cannot read: "));
 }
 
 }  // namespace

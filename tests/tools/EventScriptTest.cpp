@@ -95,11 +95,4 @@ TEST(EventScript, ParseText_AHashInsideAWordIsPartOfIt) {
     EXPECT_EQ(script.events[1].payload.appName, "a");
 }
 
-TEST(EventScript, ParseFile_NamesAnUnreadableFile) {
-    EventScript script;
-    std::string error;
-    EXPECT_FALSE(EventScript::parseFile("/nonexistent/dir/x.events", &script, &error));
-    EXPECT_EQ(error, "/nonexistent/dir/x.events: cannot read: No such file or directory");
-}
-
 }  // namespace
