@@ -12,6 +12,7 @@
 
 #include <android-base/file.h>
 #include <android-base/stringprintf.h>
+#include <android-base/strings.h>
 
 #include "feature/LogSites.h"
 #include "platform/Log.h"
@@ -91,12 +92,8 @@ TEST(LogSites, MatchTheGoldenLists) {
                 std::string(PWR_SOURCE_DIR) + "/tests/golden/" + list.golden, &golden));
         std::string written;
         for (const pwr::LogSite* site : list.sites) {
-            std::string format = site->format;
-            for (size_t at = format.find('\n'); at != std::string::npos;
-                 at = format.find('\n', at)) {
-                format.replace(at, 1, "\\n");
-            }
-            written += pwr::linePrefix(*site) + format + "\n";
+            written += pwr::linePrefix(*site) +
+                       android::base::StringReplace(site->format, "\n", "\\n", true) + "\n";
             EXPECT_TRUE(places.emplace(site->module, site->function, site->line).second)
                     << site->function << " " << site->line;
         }

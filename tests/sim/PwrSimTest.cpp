@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <android-base/file.h>
+#include <android-base/strings.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -152,13 +153,11 @@ TEST_F(PwrSimTest, OutFilesAndTheReportInABrowser) {
 
     const char* chromium = "/usr/bin/chromium";
     if (access(chromium, X_OK) != 0) GTEST_SKIP() << "no " << chromium << " (CI installs it)";
-    std::string timeline = read(out + "/timeline.txt");
     int expected = 0;
-    for (std::istringstream in(timeline); std::getline(in, timeline);) {
-        expected += timeline.find("  why ") != std::string::npos ||
-                                    timeline.find("  lock ") != std::string::npos
-                            ? 1
-                            : 0;
+    for (const std::string& line : android::base::Split(read(out + "/timeline.txt"), "\n")) {
+        if (line.find("  why ") != std::string::npos || line.find("  lock ") != std::string::npos) {
+            ++expected;
+        }
     }
     const ToolRun dom = pwr::test::runTool(
             {chromium, "--headless", "--no-sandbox", "--disable-gpu", "--no-first-run",
