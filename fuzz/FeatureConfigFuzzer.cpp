@@ -14,28 +14,19 @@
 #include <string>
 #include <vector>
 
+#include <android-base/strings.h>
+
 #include "feature/PSMPowerOptFeature.h"
 #include "fuzz/FuzzSupport.h"
 #include "tests/support/FeaturePeer.h"
 
 namespace {
 
-std::vector<std::string> split(const std::string& text, char delimiter) {
-    std::vector<std::string> pieces;
-    size_t start = 0;
-    for (;;) {
-        const size_t end = text.find(delimiter, start);
-        pieces.push_back(text.substr(start, end - start));
-        if (end == std::string::npos) return pieces;
-        start = end + 1;
-    }
-}
-
 std::vector<std::vector<int>> parseProfile(const std::string& text) {
     std::vector<std::vector<int>> profile;
-    for (const std::string& list : split(text, ';')) {
+    for (const std::string& list : android::base::Split(text, ";")) {
         std::vector<int> values;
-        for (const std::string& piece : split(list, ',')) {
+        for (const std::string& piece : android::base::Split(list, ",")) {
             char* end = nullptr;
             const long value = strtol(piece.c_str(), &end, 0);
             if (end != piece.c_str()) values.push_back(static_cast<int>(value));
@@ -49,7 +40,7 @@ PowerOptFeatureInfo decode(const uint8_t* data, size_t size) {
     PowerOptFeatureInfo info;
     info.featureName = "PSMPowerOptFeature";
     for (const std::string& line :
-         split(std::string(reinterpret_cast<const char*>(data), size), '\n')) {
+         android::base::Split(std::string(reinterpret_cast<const char*>(data), size), "\n")) {
         if (line.empty() || line[0] == '#') continue;
         if (line[0] == '+') {
             info.appList.push_back(line.substr(1));

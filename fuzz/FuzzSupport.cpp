@@ -21,10 +21,10 @@ void check(bool ok, const char* what) {
 
 const std::string& deviceRoot() {
     static const std::string root = [] {
-        const char* base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : nullptr;
-        std::string dir = (base != nullptr ? std::string(base)
-                                           : std::filesystem::temp_directory_path().string()) +
-                          "/pwrfuzz.XXXXXX";
+        std::string dir =
+                (access("/dev/shm", W_OK) == 0 ? std::string("/dev/shm")
+                                               : std::filesystem::temp_directory_path().string()) +
+                "/pwrfuzz.XXXXXX";
         check(mkdtemp(dir.data()) != nullptr, "mkdtemp for the fake device root");
         std::filesystem::create_directories(dir + "/data/vendor/pwr");
         host::setDeviceRoot(dir);

@@ -6,29 +6,14 @@
 #include <string>
 #include <vector>
 
+#include <android-base/strings.h>
+
 #include "feature/PSMPowerOptFeature.h"
 #include "fuzz/FuzzSupport.h"
 #include "tests/support/FeaturePeer.h"
 
 namespace {
-
 PSMPowerOptFeature* gFeature = nullptr;
-
-std::vector<std::string> expectedTokens(const char* text) {
-    std::vector<std::string> tokens;
-    std::string current;
-    for (const char* p = text; *p != '\0'; ++p) {
-        if (*p == ',') {
-            if (!current.empty()) tokens.push_back(current);
-            current.clear();
-        } else {
-            current += *p;
-        }
-    }
-    if (!current.empty()) tokens.push_back(current);
-    return tokens;
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
@@ -49,7 +34,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     gFeature->ConvertToStringArray(text.c_str(), list);
 
     std::vector<std::string> expected = {"before"};
-    for (std::string& token : expectedTokens(text.c_str())) expected.push_back(std::move(token));
+    for (std::string& token : android::base::Split(text.c_str(), ",")) {
+        if (!token.empty()) expected.push_back(std::move(token));
+    }
     pwr::fuzz::check(list == expected, "tokens are the non-empty comma-separated pieces");
 
     std::vector<std::string> none;

@@ -5,6 +5,7 @@
 // the feature ends ready. The feature is built through the registry, as the tool and the host
 // build it.
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -36,16 +37,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     const std::vector<KeyProblem> problems = FeatureKeys::check(config.info);
-    const KeyProblem* decisive = nullptr;
-    for (const KeyProblem& problem : problems) {
-        // Values the feature accepts but misreads, and too few dynamic profiles (a later tick
-        // indexes past them), both leave the feature ready.
-        if (problem.effect != KeyProblem::Effect::Misbehaves &&
-            problem.effect != KeyProblem::Effect::Undefined) {
-            decisive = &problem;
-            break;
-        }
-    }
+    // Values the feature accepts but misreads, and too few dynamic profiles (a later tick indexes
+    // past them), both leave the feature ready.
+    const auto found = std::find_if(problems.begin(), problems.end(), [](const KeyProblem& p) {
+        return p.effect != KeyProblem::Effect::Misbehaves &&
+               p.effect != KeyProblem::Effect::Undefined;
+    });
+    const KeyProblem* decisive = found != problems.end() ? &*found : nullptr;
 
     pwr::fuzz::Built built = pwr::fuzz::buildFeature(config.info);
     const bool predictsThrow =

@@ -1,9 +1,7 @@
 #include "platform/GraxInfo.h"
 
-#include <functional>
 #include <map>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -29,14 +27,6 @@ class GraxInfoTest : public ::testing::Test {
         tree.write(kClockStats, "0 0 0\n");
         tree.write(kBusy, "250 1000\n");
         tree.write(kClock, "200000000\n");
-    }
-    // Writes `text` to `node`, or removes the node for nullptr.
-    void set(const char* node, const char* text) {
-        if (text == nullptr) {
-            tree.remove(node);
-        } else {
-            tree.write(node, text);
-        }
     }
 
     pwr::test::DeviceTree tree;
@@ -70,8 +60,8 @@ TEST_F(GraxInfoTest, Construction_BuildsTheTablesOrStopsAtTheFirstFault) {
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.freqs ? c.freqs : "<none>") + " / " +
                      (c.stats ? c.stats : "<none>"));
-        set(kFreqs, c.freqs);
-        set(kClockStats, c.stats);
+        tree.set(kFreqs, c.freqs);
+        tree.set(kClockStats, c.stats);
         GraxInfo info;
         EXPECT_EQ(info.freqs(), c.freqTable);
         EXPECT_EQ(info.capacities(), c.capacities);
@@ -80,9 +70,9 @@ TEST_F(GraxInfoTest, Construction_BuildsTheTablesOrStopsAtTheFirstFault) {
         EXPECT_EQ(info.GetMaxCapacity(),
                   c.capacities.empty() ? 0 : static_cast<int>(c.capacities.back()));
     }
-    set(kFreqs, nullptr);
+    tree.set(kFreqs, nullptr);
     EXPECT_EQ(GraxInfo().InitFreqs(), -5);
-    set(kFreqs, "\n");
+    tree.set(kFreqs, "\n");
     EXPECT_EQ(GraxInfo().InitFreqs(), -22);
 }
 
@@ -100,7 +90,7 @@ TEST_F(GraxInfoTest, GetAvgUtil_BusyPercentOfTotalOrAnError) {
             {nullptr, -5},
     };
     for (const auto& [text, util] : cases) {
-        set(kBusy, text);
+        tree.set(kBusy, text);
         EXPECT_EQ(info.GetAvgUtil(), util) << (text ? text : "<none>");
     }
 }
@@ -141,10 +131,10 @@ TEST_F(GraxInfoTest, GetAvgCapacity_WeightsCapacityByTimeSinceTheLastRead) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        set(kClockStats, c.seed);
+        tree.set(kClockStats, c.seed);
         GraxInfo info;
         for (const auto& [stats, average] : c.reads) {
-            set(kClockStats, stats);
+            tree.set(kClockStats, stats);
             EXPECT_EQ(info.GetAvgCapacity(false), average) << (stats ? stats : "<none>");
         }
         EXPECT_EQ(info.GetAvgCapacity(true), c.cached);
@@ -165,7 +155,7 @@ TEST_F(GraxInfoTest, CurAndAverageFrequency) {
                                                        {"fast", static_cast<uint64_t>(-5)},
                                                        {nullptr, static_cast<uint64_t>(-5)}};
     for (const auto& [text, freq] : clocks) {
-        set(kClock, text);
+        tree.set(kClock, text);
         EXPECT_EQ(info.GetCurFreq(), freq);
     }
 }
@@ -174,44 +164,35 @@ TEST_F(GraxInfoTest, CurAndAverageFrequency) {
 // frequencies are searched from level 1 (level 0 only for a one-level table), the conversion from
 // level 0, and levels are clamped into the table.
 TEST_F(GraxInfoTest, LevelLookups) {
-    using Lookup = std::function<int64_t(GraxInfo&)>;
-    const struct {
-        const char* freqs;
-        const char* what;
-        Lookup lookup;
-        int64_t expected;
-    } cases[] = {
-            {nullptr, "freq 100 MHz", [](GraxInfo& g) { return g.GetLevelByFreq(100000000); }, 1},
-            {nullptr, "freq 0", [](GraxInfo& g) { return g.GetLevelByFreq(0); }, 1},
-            {nullptr, "freq 200 MHz", [](GraxInfo& g) { return g.GetLevelByFreq(200000000); }, 1},
-            {nullptr, "freq above 200", [](GraxInfo& g) { return g.GetLevelByFreq(200000001); }, 2},
-            {nullptr, "freq above all", [](GraxInfo& g) { return g.GetLevelByFreq(999999999); }, 2},
-            {nullptr, "cap -5", [](GraxInfo& g) { return g.GetLevelByCap(-5); }, 1},
-            {nullptr, "cap 682", [](GraxInfo& g) { return g.GetLevelByCap(682); }, 1},
-            {nullptr, "cap 683", [](GraxInfo& g) { return g.GetLevelByCap(683); }, 2},
-            {nullptr, "cap 4096", [](GraxInfo& g) { return g.GetLevelByCap(4096); }, 2},
-            {nullptr, "to freq 0", [](GraxInfo& g) { return g.ConvertCap2Freq(0); }, 100000000},
-            {nullptr, "to freq 341", [](GraxInfo& g) { return g.ConvertCap2Freq(341); }, 100000000},
-            {nullptr, "to freq 342", [](GraxInfo& g) { return g.ConvertCap2Freq(342); }, 200000000},
-            {nullptr, "to freq 5000", [](GraxInfo& g) { return g.ConvertCap2Freq(5000); },
-             300000000},
-            {nullptr, "freq of -1", [](GraxInfo& g) { return g.GetFreqByLevel(-1); }, 100000000},
-            {nullptr, "freq of 1", [](GraxInfo& g) { return g.GetFreqByLevel(1); }, 200000000},
-            {nullptr, "freq of 99", [](GraxInfo& g) { return g.GetFreqByLevel(99); }, 300000000},
-            {nullptr, "cap of -7", [](GraxInfo& g) { return g.GetCapByLevel(-7); }, 341},
-            {nullptr, "cap of 3", [](GraxInfo& g) { return g.GetCapByLevel(3); }, 1024},
-            {"500", "one level: freq", [](GraxInfo& g) { return g.GetLevelByFreq(1); }, 0},
-            {"500", "one level: cap", [](GraxInfo& g) { return g.GetLevelByCap(99999); }, 0},
-            {"", "no level: freq", [](GraxInfo& g) { return g.GetLevelByFreq(1); }, 0},
-            {"", "no level: cap", [](GraxInfo& g) { return g.GetLevelByCap(1); }, 0},
-            {"", "no level: to freq", [](GraxInfo& g) { return g.ConvertCap2Freq(1); }, 0},
-            {"", "no level: freq of", [](GraxInfo& g) { return g.GetFreqByLevel(0); }, 0},
-            {"", "no level: cap of", [](GraxInfo& g) { return g.GetCapByLevel(0); }, 0},
+    GraxInfo info;
+    const std::pair<int64_t, int64_t> threeLevels[] = {
+            {info.GetLevelByFreq(0), 1},
+            {info.GetLevelByFreq(200000000), 1},
+            {info.GetLevelByFreq(200000001), 2},
+            {info.GetLevelByCap(-5), 1},
+            {info.GetLevelByCap(682), 1},
+            {info.GetLevelByCap(683), 2},
+            {info.ConvertCap2Freq(0), 100000000},
+            {info.ConvertCap2Freq(341), 100000000},
+            {info.ConvertCap2Freq(342), 200000000},
+            {info.GetFreqByLevel(-1), 100000000},
+            {info.GetFreqByLevel(1), 200000000},
+            {info.GetFreqByLevel(99), 300000000},
+            {info.GetCapByLevel(-7), 341},
+            {info.GetCapByLevel(3), 1024},
     };
-    for (const auto& c : cases) {
-        if (c.freqs != nullptr) tree.write(kFreqs, c.freqs);
-        GraxInfo info;
-        EXPECT_EQ(c.lookup(info), c.expected) << c.what;
+    for (size_t i = 0; i < std::size(threeLevels); ++i) {
+        EXPECT_EQ(threeLevels[i].first, threeLevels[i].second) << "look-up " << i;
+    }
+    tree.write(kFreqs, "500");
+    GraxInfo one;
+    EXPECT_EQ(one.GetLevelByFreq(1), 0);
+    EXPECT_EQ(one.GetLevelByCap(99999), 0);
+    tree.write(kFreqs, "");
+    GraxInfo none;
+    for (int64_t level : {int64_t{none.GetLevelByFreq(1)}, int64_t{none.GetLevelByCap(1)},
+                          none.ConvertCap2Freq(1), none.GetFreqByLevel(0), none.GetCapByLevel(0)}) {
+        EXPECT_EQ(level, 0);
     }
 }
 
@@ -227,15 +208,6 @@ TEST_F(GraxInfoTest, LimitsAreSetOnlyForExactlyMaxOrMin) {
     EXPECT_TRUE(info.minLimitEnable());
     EXPECT_EQ(info.minLimitPerfCode(), 0x40800000);
     EXPECT_EQ(info.maxLimitPerfCode(), 0);
-}
-
-TEST(GraxInfo, GetInstance_OneInstanceForAllThreads) {
-    GraxInfo* fromThread = nullptr;
-    std::thread other([&] { fromThread = GraxInfo::getInstance(); });
-    GraxInfo* here = GraxInfo::getInstance();
-    other.join();
-    EXPECT_NE(here, nullptr);
-    EXPECT_EQ(here, fromThread);
 }
 
 }  // namespace

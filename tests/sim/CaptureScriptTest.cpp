@@ -2,13 +2,13 @@
 // host's shells, imports what it wrote and compares the scenario with the one that drove the
 // phone; and checks that a pwr-sim trace.json imported and replayed gives its device counters back.
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <map>
 
 #include <android-base/file.h>
+#include <android-base/stringprintf.h>
 #include <android-base/strings.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,22 +27,6 @@ std::string source(const std::string& path) {
     return std::string(PWR_SOURCE_DIR) + "/" + path;
 }
 
-class TempDir {
-  public:
-    TempDir() {
-        std::string templ = std::filesystem::temp_directory_path().string() + "/pwrcapture.XXXXXX";
-        if (mkdtemp(templ.data()) != nullptr) mPath = templ;
-    }
-    ~TempDir() {
-        std::error_code ec;
-        if (!mPath.empty()) std::filesystem::remove_all(mPath, ec);
-    }
-    const std::string& path() const { return mPath; }
-
-  private:
-    std::string mPath;
-};
-
 struct Shell {
     const char* name;
     std::vector<std::string> command;
@@ -58,11 +42,11 @@ class CaptureScript : public ::testing::TestWithParam<Shell> {};
 // The fake phone interrupts the script when its scenario ends, as Ctrl-C would.
 TEST_P(CaptureScript, WritesTheBundledCaptureOfTheScenario) {
     const Shell& shell = GetParam();
-    TempDir dir;
-    ASSERT_FALSE(dir.path().empty());
+    TemporaryDir tmp;
+    const std::string dir = tmp.path;
     std::string tools;
     if (shell.busyboxTools) {
-        tools = dir.path() + "/bin";
+        tools = dir + "/bin";
         std::filesystem::create_directories(tools);
         for (const char* applet : {"tr", "sed", "cat"}) {
             ASSERT_EQ(symlink("/bin/busybox", (tools + "/" + applet).c_str()), 0) << applet;
@@ -78,7 +62,7 @@ TEST_P(CaptureScript, WritesTheBundledCaptureOfTheScenario) {
     // its scalar settings by the configuration map's iteration order, which differs between the
     // 64-bit host and a 32-bit build, and the capture must be the same on both.
     for (const char* name : {"vendor.display.lpm", "vendor.pwr.bg_limit"}) args.push_back(name);
-    const pwr::test::ToolRun capture = runTool(args, dir.path(), tools);
+    const pwr::test::ToolRun capture = runTool(args, dir, tools);
     ASSERT_EQ(capture.status, 0) << capture.err;
     EXPECT_THAT(capture.err, HasSubstr("# pwr-capture: 241 samples"));
     std::string bundled;
@@ -93,16 +77,44 @@ INSTANTIATE_TEST_SUITE_P(Shells, CaptureScript,
                                            Shell{"mksh", {"mksh"}, false}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// A scenario's applications, trace points and events, one text each; frequencies and shares
+// rounded to what whole-second samples resolve.
+std::vector<std::string> points(const Scenario& s) {
+    using android::base::StringPrintf;
+    std::vector<std::string> out;
+    for (const auto& a : s.apps) out.push_back(a.package + " " + std::to_string(a.type));
+    for (const auto& g : s.gpu) {
+        out.push_back(StringPrintf("gpu %lld %.1f %f", static_cast<long long>(g.timeMs), g.freqMhz,
+                                   g.busy));
+        for (const auto& [mhz, share] : g.residency) {
+            if (share >= 5e-4) out.back() += StringPrintf(" %d:%.2f", static_cast<int>(mhz), share);
+        }
+    }
+    for (const auto& b : s.battery) {
+        out.push_back(StringPrintf("battery %lld %f", static_cast<long long>(b.timeMs), b.drainMa));
+    }
+    for (const auto& f : s.foreground) {
+        out.push_back("foreground " + std::to_string(f.timeMs));
+        for (const auto& p : f.processes)
+            out.back() += " " + std::to_string(p.pid) + ":" + p.cmdline;
+    }
+    for (const auto& e : s.events) {
+        if (e.hasEvent) out.push_back(std::to_string(e.timeMs) + " " + e.event.describe());
+    }
+    return out;
+}
+
 // The bundled capture imported gives back the scenario that drove the phone: its samples fall on
 // whole seconds and the scenario changes only on multiples of the activity's five seconds.
 TEST(CaptureImportRun, BundledCaptureGivesBackTheScenarioThatDroveThePhone) {
-    TempDir dir;
-    const std::string out = dir.path() + "/imported.json";
+    TemporaryDir tmp;
+    const std::string dir = tmp.path;
+    const std::string out = dir + "/imported.json";
     const pwr::test::ToolRun r =
             runTool({PWR_SIM_PATH, "import", source("configs/sim/capture/phone-session.txt"),
                      "--catalogue", source("configs/sim/capture/apps.catalogue"), "--config",
                      source("configs/sim/video-battery.xml"), "-o", out},
-                    dir.path());
+                    dir);
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_THAT(r.err, HasSubstr("does not cover com.android.launcher3"));
     Scenario imported;
@@ -116,47 +128,12 @@ TEST(CaptureImportRun, BundledCaptureGivesBackTheScenarioThatDroveThePhone) {
     EXPECT_EQ(std::filesystem::path(imported.configPath),
               std::filesystem::path(original.configPath));
     EXPECT_EQ(imported.properties, original.properties);
-    ASSERT_EQ(imported.apps.size(), original.apps.size());
-    for (size_t i = 0; i < original.apps.size(); ++i) {
-        EXPECT_EQ(imported.apps[i].package, original.apps[i].package);
-        EXPECT_EQ(imported.apps[i].type, original.apps[i].type);
-    }
     EXPECT_EQ(imported.gpuFrequenciesMhz, original.gpuFrequenciesMhz);
-    ASSERT_EQ(imported.gpu.size(), original.gpu.size());
-    for (size_t i = 0; i < original.gpu.size(); ++i) {
-        const auto& want = original.gpu[i];
-        const auto& got = imported.gpu[i];
-        EXPECT_EQ(got.timeMs, want.timeMs) << i;
-        EXPECT_NEAR(got.freqMhz, want.freqMhz, 0.01) << i;
-        EXPECT_EQ(got.busy, want.busy) << i;
-        for (const auto& [mhz, share] : want.residency) {
-            EXPECT_NEAR(got.residency.count(mhz) ? got.residency.at(mhz) : -1, share, 1e-3) << i;
-        }
+    // Where the scenario leaves the split of the time to the simulator, any split is its own.
+    for (size_t i = 0; i < std::min(imported.gpu.size(), original.gpu.size()); ++i) {
+        if (original.gpu[i].residency.empty()) imported.gpu[i].residency.clear();
     }
-    ASSERT_EQ(imported.battery.size(), original.battery.size());
-    for (size_t i = 0; i < original.battery.size(); ++i) {
-        EXPECT_EQ(imported.battery[i].timeMs, original.battery[i].timeMs) << i;
-        EXPECT_EQ(imported.battery[i].drainMa, original.battery[i].drainMa) << i;
-    }
-    ASSERT_EQ(imported.foreground.size(), original.foreground.size());
-    for (size_t i = 0; i < original.foreground.size(); ++i) {
-        EXPECT_EQ(imported.foreground[i].timeMs, original.foreground[i].timeMs) << i;
-        const auto& got = imported.foreground[i].processes;
-        const auto& want = original.foreground[i].processes;
-        ASSERT_EQ(got.size(), want.size()) << i;
-        for (size_t j = 0; j < want.size(); ++j) {
-            EXPECT_EQ(got[j].pid, want[j].pid);
-            EXPECT_EQ(got[j].cmdline, want[j].cmdline);
-        }
-    }
-    auto appEvents = [](const Scenario& s) {
-        std::vector<std::string> out;
-        for (const auto& e : s.events) {
-            if (e.hasEvent) out.push_back(std::to_string(e.timeMs) + " " + e.event.describe());
-        }
-        return out;
-    };
-    EXPECT_EQ(appEvents(imported), appEvents(original));
+    EXPECT_EQ(points(imported), points(original));
 }
 
 // The device's counters of a trace.json: GPU clock, busy and battery drain, by track.
@@ -180,31 +157,26 @@ std::map<std::string, std::vector<std::pair<double, double>>> deviceCounters(
 class TraceRoundTrip : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(TraceRoundTrip, ImportedTraceReplaysToTheSameDeviceCounters) {
-    TempDir dir;
+    TemporaryDir tmp;
+    const std::string dir = tmp.path;
     Scenario scenario;
     std::string error;
     ASSERT_TRUE(Scenario::parseFile(source(GetParam()), &scenario, &error)) << error;
-    std::string table;
-    for (uint64_t mhz : scenario.gpuFrequenciesMhz)
-        table += (table.empty() ? "" : ",") + std::to_string(mhz);
-
+    const std::string table = android::base::Join(scenario.gpuFrequenciesMhz, ',');
     pwr::test::ToolRun r =
-            runTool({PWR_SIM_PATH, source(GetParam()), "--quiet", "--out", dir.path() + "/first"},
-                    dir.path());
+            runTool({PWR_SIM_PATH, source(GetParam()), "--quiet", "--out", dir + "/first"}, dir);
     ASSERT_EQ(r.status, 0) << r.err;
     std::vector<std::string> import = {
-            PWR_SIM_PATH,        "import", dir.path() + "/first/trace.json", "--config",
-            scenario.configPath, "-o",     dir.path() + "/imported.json"};
+            PWR_SIM_PATH,        "import", dir + "/first/trace.json", "--config",
+            scenario.configPath, "-o",     dir + "/imported.json"};
     if (!table.empty()) import.insert(import.end(), {"--gpu-table", table});
-    r = runTool(import, dir.path());
+    r = runTool(import, dir);
     ASSERT_EQ(r.status, 0) << r.err;
-    r = runTool({PWR_SIM_PATH, dir.path() + "/imported.json", "--quiet", "--out",
-                 dir.path() + "/second"},
-                dir.path());
+    r = runTool({PWR_SIM_PATH, dir + "/imported.json", "--quiet", "--out", dir + "/second"}, dir);
     ASSERT_EQ(r.status, 0) << r.err;
 
-    const auto first = deviceCounters(dir.path() + "/first/trace.json");
-    const auto second = deviceCounters(dir.path() + "/second/trace.json");
+    const auto first = deviceCounters(dir + "/first/trace.json");
+    const auto second = deviceCounters(dir + "/second/trace.json");
     EXPECT_FALSE(first.empty());
     EXPECT_EQ(first, second);
 }

@@ -43,14 +43,9 @@ DeviceModel model() {
     m.gpu = {{100, 50, 10}, {200, 150, 30}};
     m.targetBusy = 100;
     m.governorPeriodMs = 20;
-    DeviceModel::CpuCluster cluster;
-    cluster.cores = 2;
-    cluster.speedsMhz = {1000, 2000};
-    cluster.coreMa = {100, 300};
-    cluster.clusterMa = 10;
-    cluster.loadMhz = 2000;
-    cluster.busyCores = 1;
-    m.clusters = {cluster};
+    // Two cores at 1000 and 2000 MHz (100 and 300 mA each, 10 mA the cluster); one core busy at
+    // 2000 MHz.
+    m.clusters = {{2, {1000, 2000}, {100, 300}, 10, 2000, 1}};
     m.cpuActiveMa = 20;
     m.boostMaPerPoint = 0.5;
     return m;

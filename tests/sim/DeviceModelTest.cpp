@@ -3,10 +3,6 @@
 
 #include "host/sim/DeviceModel.h"
 
-#include <stdlib.h>
-
-#include <filesystem>
-
 #include <android-base/file.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -41,31 +37,22 @@ constexpr char kModel[] = R"({
 
 class DeviceModelTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string templ = std::filesystem::temp_directory_path().string() + "/devmodel.XXXXXX";
-        ASSERT_NE(mkdtemp(templ.data()), nullptr);
-        mDir = templ;
-    }
-    void TearDown() override { std::filesystem::remove_all(mDir); }
-
     // Parses kModel with `from` replaced by `to` in it and `profileFrom` by `profileTo` in the
     // power profile.
     bool parse(const std::string& from, const std::string& to, std::string* error, DeviceModel* out,
                const std::string& profileFrom = "", const std::string& profileTo = "") {
         auto replaced = [](std::string text, const std::string& a, const std::string& b) {
-            if (!a.empty()) {
-                const size_t at = text.find(a);
-                EXPECT_NE(at, std::string::npos) << a;
-                if (at != std::string::npos) text.replace(at, a.size(), b);
-            }
-            return text;
+            const size_t at = a.empty() ? std::string::npos : text.find(a);
+            EXPECT_TRUE(a.empty() || at != std::string::npos) << a;
+            return at == std::string::npos ? text : text.replace(at, a.size(), b);
         };
         EXPECT_TRUE(android::base::WriteStringToFile(replaced(kProfile, profileFrom, profileTo),
                                                      mDir + "/pp.xml"));
         return DeviceModel::parseText(replaced(kModel, from, to), mDir + "/m.json", out, error);
     }
 
-    std::string mDir;
+    TemporaryDir mTemporary;
+    const std::string mDir = mTemporary.path;
 };
 
 TEST_F(DeviceModelTest, ReadsTheModelAndThePowerProfile) {

@@ -19,19 +19,12 @@ Scenario gpuScenario() {
     Scenario s;
     s.durationMs = 60000;
     s.gpuFrequenciesMhz = {100, 200, 400};
-    pwr::sim::GpuPoint first;
-    first.timeMs = 0;
-    first.freqMhz = 200;
-    first.busy = 30;
-    pwr::sim::GpuPoint second;
-    second.timeMs = 1000;
-    second.freqMhz = 300;  // halfway between 200 and 400: half the time at each
-    second.busy = 75;
-    s.gpu = {first, second};
+    // From 1 s on 300 MHz, halfway between 200 and 400: half the time at each.
+    s.gpu = {{0, 200, 30, {}}, {1000, 300, 75, {}}};
     return s;
 }
 
-TEST(FakeDevice, Create_WritesTheGpuNodesAsTheDriverDoes) {
+TEST(FakeDevice, WritesTheGpuNodesAsTheDriverDoesAndAdvancesThemWithSimulatedTime) {
     pwr::test::DeviceTree tree;
     const Scenario scenario = gpuScenario();
     FakeDevice device(scenario);
@@ -46,16 +39,9 @@ TEST(FakeDevice, Create_WritesTheGpuNodesAsTheDriverDoes) {
     // No battery or foreground trace: no such nodes.
     EXPECT_FALSE(
             std::filesystem::exists(tree.hostPath("/sys/class/power_supply/battery/current_now")));
-}
 
-// The clock statistics advance with simulated time, split as the trace says, so that the
-// average the feature computes from them is the trace's frequency.
-TEST(FakeDevice, Update_AdvancesClockStatisticsWithSimulatedTime) {
-    pwr::test::DeviceTree tree;
-    const Scenario scenario = gpuScenario();
-    FakeDevice device(scenario);
-    std::string error;
-    ASSERT_TRUE(device.create(&error)) << error;
+    // The clock statistics advance with simulated time, split as the trace says, so that the
+    // average the feature computes from them is the trace's frequency.
     GraxInfo grax;  // reads the tree just made: counters seeded at 0
     ASSERT_EQ(grax.freqs().size(), 3u);
 
@@ -87,16 +73,8 @@ TEST(FakeDevice, Update_WritesBatteryAndForegroundNodes) {
     pwr::test::DeviceTree tree;
     Scenario s;
     s.durationMs = 10000;
-    pwr::sim::BatteryPoint drain;
-    drain.drainMa = 450.5;
-    pwr::sim::BatteryPoint charging;
-    charging.timeMs = 2000;
-    charging.drainMa = -100;
-    s.battery = {drain, charging};
-    pwr::sim::ForegroundPoint front;
-    front.timeMs = 1000;
-    front.processes = {{1234, "com.example.video"}, {15, ""}};
-    s.foreground = {front};
+    s.battery = {{0, 450.5}, {2000, -100}};
+    s.foreground = {{1000, {{1234, "com.example.video"}, {15, ""}}}};
     FakeDevice device(s);
     std::string error;
     ASSERT_TRUE(device.create(&error)) << error;

@@ -39,6 +39,10 @@ void DeviceTree::write(const std::string& devicePath, const std::string& content
     }
 }
 
+void DeviceTree::set(const std::string& devicePath, const char* content) const {
+    content != nullptr ? write(devicePath, content) : remove(devicePath);
+}
+
 std::string DeviceTree::read(const std::string& devicePath) const {
     std::string content;
     android::base::ReadFileToString(hostPath(devicePath), &content);

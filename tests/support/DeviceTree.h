@@ -19,6 +19,8 @@ class DeviceTree {
     std::string hostPath(const std::string& devicePath) const { return mRoot + devicePath; }
     // Writes `content` to the node, creating its directories; replaces it atomically.
     void write(const std::string& devicePath, const std::string& content) const;
+    // Writes `content`, or removes the node for nullptr.
+    void set(const std::string& devicePath, const char* content) const;
     std::string read(const std::string& devicePath) const;
     void mkdirs(const std::string& devicePath) const;
     void remove(const std::string& devicePath) const;

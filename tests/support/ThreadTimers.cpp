@@ -29,8 +29,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Notify = void (*)(sigval);
 
-constexpr long kNanosPerSecond = 1000000000L;
-
 struct ThreadTimer {
     Notify notify;
     sigval value;
@@ -41,18 +39,17 @@ struct ThreadTimer {
 };
 
 bool validTime(const timespec& t) {
-    return t.tv_sec >= 0 && t.tv_nsec >= 0 && t.tv_nsec < kNanosPerSecond;
+    return t.tv_sec >= 0 && t.tv_nsec >= 0 && t.tv_nsec < 1000000000L;
 }
 
 Clock::duration toDuration(const timespec& t) {
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::seconds(t.tv_sec) +
-                                                       std::chrono::nanoseconds(t.tv_nsec));
+    return std::chrono::seconds(t.tv_sec) + std::chrono::nanoseconds(t.tv_nsec);
 }
 
 timespec toTimespec(Clock::duration d) {
-    const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(d).count();
-    return timespec{static_cast<time_t>(ns / kNanosPerSecond),
-                    static_cast<long>(ns % kNanosPerSecond)};
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(d);
+    return timespec{static_cast<time_t>(seconds.count()),
+                    static_cast<long>(std::chrono::nanoseconds(d - seconds).count())};
 }
 
 int fail(int error) {
@@ -60,9 +57,11 @@ int fail(int error) {
     return -1;
 }
 
-template <typename Fn>
-Fn libcFunction(const char* name) {
-    return reinterpret_cast<Fn>(dlsym(RTLD_NEXT, name));
+// Hands a call this file does not answer to the C library's function `name`.
+template <typename Fn, typename... Args>
+int libc(const char* name, Args... args) {
+    const auto fn = reinterpret_cast<Fn*>(dlsym(RTLD_NEXT, name));
+    return fn != nullptr ? fn(args...) : fail(ENOSYS);
 }
 
 class TimerService {
@@ -97,27 +96,17 @@ class TimerService {
         return find(id) != nullptr;
     }
 
-    int settime(timer_t id, const itimerspec& spec, itimerspec* old) {
+    // Hands back in `old` what the timer was set to, then sets it to `spec` (null: left alone).
+    int settime(timer_t id, const itimerspec* spec, itimerspec* old) {
         std::lock_guard<std::mutex> lock(mMutex);
         ThreadTimer* timer = find(id);
         if (timer == nullptr) return fail(EINVAL);
         if (old != nullptr) *old = current(*timer);
-        if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0) {
-            timer->armed = false;
-            return 0;
-        }
-        timer->due = now() + scaled(toDuration(spec.it_value));
-        timer->period = scaled(toDuration(spec.it_interval));
-        timer->armed = true;
+        if (spec == nullptr) return 0;
+        timer->armed = spec->it_value.tv_sec != 0 || spec->it_value.tv_nsec != 0;
+        timer->due = now() + scaled(toDuration(spec->it_value));
+        timer->period = scaled(toDuration(spec->it_interval));
         mWake.notify_one();
-        return 0;
-    }
-
-    int gettime(timer_t id, itimerspec* out) {
-        std::lock_guard<std::mutex> lock(mMutex);
-        ThreadTimer* timer = find(id);
-        if (timer == nullptr) return fail(EINVAL);
-        *out = current(*timer);
         return 0;
     }
 
@@ -234,16 +223,13 @@ class TimerService {
     void run() {
         std::unique_lock<std::mutex> lock(mMutex);
         for (;;) {
-            if (mVirtual) {
-                mWake.wait(lock);
-                continue;
-            }
             const Clock::time_point now = Clock::now();
-            Clock::time_point next = Clock::time_point::max();
+            Clock::time_point next = Clock::time_point::max();  // in virtual time: none
             std::vector<std::pair<Notify, sigval>> due;
             for (auto& entry : mTimers) {
                 ThreadTimer& timer = *entry.second;
-                if (timer.armed && timer.due <= now) due.push_back(expire(timer, now));
+                if (mVirtual || !timer.armed) continue;
+                if (timer.due <= now) due.push_back(expire(timer, now));
                 if (timer.armed) next = std::min(next, timer.due);
             }
             if (!due.empty()) {
@@ -300,23 +286,25 @@ struct CallRecord {
     std::deque<timer_t> created;
     std::deque<timer_t> deleted;
     std::deque<pwr::test::SettimeCall> settimes;
-
-    template <typename T>
-    void add(std::deque<T>& list, const T& entry) {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (list.size() == kMaxRecorded) list.pop_front();
-        list.push_back(entry);
-    }
-    template <typename T>
-    std::vector<T> get(const std::deque<T>& list) {
-        std::lock_guard<std::mutex> lock(mutex);
-        return {list.begin(), list.end()};
-    }
 };
 
 CallRecord& callRecord() {
     static auto* record = new CallRecord();  // never destroyed: late callbacks may still call
     return *record;
+}
+
+template <typename T>
+void record(std::deque<T> CallRecord::*list, const T& entry) {
+    std::lock_guard<std::mutex> lock(callRecord().mutex);
+    std::deque<T>& calls = callRecord().*list;
+    if (calls.size() == kMaxRecorded) calls.pop_front();
+    calls.push_back(entry);
+}
+
+template <typename T>
+std::vector<T> recorded(std::deque<T> CallRecord::*list) {
+    std::lock_guard<std::mutex> lock(callRecord().mutex);
+    return {(callRecord().*list).begin(), (callRecord().*list).end()};
 }
 
 }  // namespace
@@ -330,9 +318,7 @@ extern "C" __attribute__((visibility("default"))) int timer_create(clockid_t clo
     int result;
     if (event == nullptr || event->sigev_notify != SIGEV_THREAD ||
         (clock != CLOCK_REALTIME && clock != CLOCK_MONOTONIC && clock != CLOCK_BOOTTIME)) {
-        static const auto libc =
-                libcFunction<int (*)(clockid_t, sigevent*, timer_t*)>("timer_create");
-        result = libc != nullptr ? libc(clock, event, id) : fail(ENOSYS);
+        result = libc<decltype(timer_create)>("timer_create", clock, event, id);
     } else if (id == nullptr) {
         result = fail(EINVAL);
     } else {
@@ -342,7 +328,7 @@ extern "C" __attribute__((visibility("default"))) int timer_create(clockid_t clo
             result = fail(EAGAIN);
         }
     }
-    if (result == 0) callRecord().add(callRecord().created, *id);
+    if (result == 0) record(&CallRecord::created, *id);
     return result;
 }
 
@@ -352,40 +338,31 @@ extern "C" __attribute__((visibility("default"))) int timer_settime(timer_t id, 
     const int saved = errno;
     int result;
     if (!TimerService::instance().owns(id)) {
-        static const auto libc =
-                libcFunction<int (*)(timer_t, int, const itimerspec*, itimerspec*)>(
-                        "timer_settime");
-        result = libc != nullptr ? libc(id, flags, spec, old) : fail(ENOSYS);
+        result = libc<decltype(timer_settime)>("timer_settime", id, flags, spec, old);
     } else if (spec == nullptr) {
         result = fail(EFAULT);
     } else if (flags != 0 || !validTime(spec->it_value) || !validTime(spec->it_interval)) {
         result = fail(EINVAL);
     } else {
-        result = TimerService::instance().settime(id, *spec, old);
+        result = TimerService::instance().settime(id, spec, old);
     }
     const int error = result == 0 ? saved : errno;
-    callRecord().add(
-            callRecord().settimes,
-            pwr::test::SettimeCall{id, flags, spec != nullptr ? *spec : itimerspec{}, result});
+    record(&CallRecord::settimes,
+           pwr::test::SettimeCall{id, flags, spec != nullptr ? *spec : itimerspec{}, result});
     errno = error;
     return result;
 }
 
 extern "C" __attribute__((visibility("default"))) int timer_gettime(timer_t id,
                                                                     itimerspec* out) noexcept {
-    if (!TimerService::instance().owns(id)) {
-        static const auto libc = libcFunction<int (*)(timer_t, itimerspec*)>("timer_gettime");
-        return libc != nullptr ? libc(id, out) : fail(ENOSYS);
-    }
-    return out == nullptr ? fail(EFAULT) : TimerService::instance().gettime(id, out);
+    if (!TimerService::instance().owns(id))
+        return libc<decltype(timer_gettime)>("timer_gettime", id, out);
+    return out == nullptr ? fail(EFAULT) : TimerService::instance().settime(id, nullptr, out);
 }
 
 extern "C" __attribute__((visibility("default"))) int timer_delete(timer_t id) noexcept {
-    callRecord().add(callRecord().deleted, id);
-    if (!TimerService::instance().owns(id)) {
-        static const auto libc = libcFunction<int (*)(timer_t)>("timer_delete");
-        return libc != nullptr ? libc(id) : fail(ENOSYS);
-    }
+    record(&CallRecord::deleted, id);
+    if (!TimerService::instance().owns(id)) return libc<decltype(timer_delete)>("timer_delete", id);
     return TimerService::instance().remove(id);
 }
 
@@ -432,15 +409,15 @@ void TimerSyscalls::reset() {
 }
 
 std::vector<timer_t> TimerSyscalls::created() {
-    return callRecord().get(callRecord().created);
+    return recorded(&CallRecord::created);
 }
 
 std::vector<timer_t> TimerSyscalls::deleted() {
-    return callRecord().get(callRecord().deleted);
+    return recorded(&CallRecord::deleted);
 }
 
 std::vector<SettimeCall> TimerSyscalls::settimes() {
-    return callRecord().get(callRecord().settimes);
+    return recorded(&CallRecord::settimes);
 }
 
 std::vector<SettimeCall> TimerSyscalls::settimesOf(timer_t id) {

@@ -14,9 +14,8 @@ struct SettimeCall {
     int result;
 };
 
-// Read-back of the POSIX timer calls made by the process. A program that links this file
-// interposes timer_create, timer_settime and timer_delete (the plug-in resolves them through the
-// executable first) and forwards every call to the C library unchanged.
+// Read-back of the POSIX timer calls made by the process, as the test timers (ThreadTimers.h)
+// received them.
 class TimerSyscalls {
   public:
     // Forgets everything recorded so far.

