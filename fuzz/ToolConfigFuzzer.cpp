@@ -38,10 +38,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<KeyProblem> problems = FeatureKeys::check(config.info);
     const KeyProblem* decisive = nullptr;
     for (const KeyProblem& problem : problems) {
-        // Values the feature accepts but misreads, and too few dynamic profiles (a later tick
-        // indexes past them), both leave the feature ready.
-        if (problem.effect != KeyProblem::Effect::Misbehaves &&
-            problem.effect != KeyProblem::Effect::Undefined) {
+        // Only these stop the set-up; values the feature misreads or a part cannot work with,
+        // and too few dynamic profiles (a later tick indexes past them), leave the feature ready.
+        if (problem.effect == KeyProblem::Effect::NotReady ||
+            problem.effect == KeyProblem::Effect::Throws) {
             decisive = &problem;
             break;
         }
