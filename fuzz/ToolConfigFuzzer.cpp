@@ -37,11 +37,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     const std::vector<KeyProblem> problems = FeatureKeys::check(config.info);
-    // Values the feature accepts but misreads, and too few dynamic profiles (a later tick indexes
-    // past them), both leave the feature ready.
+    // Only these stop the set-up; values the feature misreads or a part cannot work with, and
+    // too few dynamic profiles (a later tick indexes past them), leave the feature ready.
     const auto found = std::find_if(problems.begin(), problems.end(), [](const KeyProblem& p) {
-        return p.effect != KeyProblem::Effect::Misbehaves &&
-               p.effect != KeyProblem::Effect::Undefined;
+        return p.effect == KeyProblem::Effect::NotReady || p.effect == KeyProblem::Effect::Throws;
     });
     const KeyProblem* decisive = found != problems.end() ? &*found : nullptr;
 

@@ -1,5 +1,7 @@
 #include "host/fakeperf/FakePerf.h"
 
+#include "platform/PowerOptClassifier.h"
+
 #include <algorithm>
 #include <cstdint>
 #include <map>
@@ -206,7 +208,7 @@ extern "C" int perf_get_feedback(int request, const char* app) {
     std::unique_lock<std::mutex> lock(s.mutex);
     const std::string name = app != nullptr ? app : "";
     int result = -1;
-    if (request == 0x1601) {
+    if (request == PowerOptClassifier::kAppTypeRequest) {
         auto it = s.appTypes.find(name);
         result = it != s.appTypes.end() ? it->second : s.defaultAppType;
     }

@@ -29,7 +29,7 @@ struct Call {
 // Forgets every call, answer and held lock; handles start again at 1.
 void reset();
 
-// The type "perf_get_feedback" answers for the application query (0x1601) on `app`;
+// The type "perf_get_feedback" answers for the application-type query on `app`;
 // applications without an entry get the default (0 unless set).
 void setAppType(const std::string& app, int type);
 void setDefaultAppType(int type);
