@@ -17,6 +17,7 @@
 #include "host/sim/SummaryJson.h"
 #include "host/sim/TempDir.h"
 #include "host/tools/FeatureConfigXml.h"
+#include "host/tools/ToolOptions.h"
 
 namespace pwr::sim {
 namespace {
@@ -24,8 +25,8 @@ namespace {
 using android::base::StringPrintf;
 
 constexpr char kTool[] = "pwr-sim compare";
-constexpr int kUsageError = 2;
-constexpr int kInterrupted = 130;
+using pwr::tools::kInterrupted;
+using pwr::tools::kUsageError;
 
 void usage(std::ostream& out) {
     out << "usage: pwr-sim compare [options] SCENARIO.json CONFIG.xml CONFIG.xml...\n"

@@ -26,6 +26,7 @@
 #include "host/tools/FeatureConfigXml.h"
 #include "host/tools/FeatureKeys.h"
 #include "host/tools/InputFile.h"
+#include "host/tools/ToolOptions.h"
 
 namespace pwr::sim {
 namespace {
@@ -33,7 +34,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kTool[] = "pwr-sim import";
-constexpr int kUsageError = 2;
+using pwr::tools::kUsageError;
 // What pwr-capture.sh accepts as a property name (and a shell passes through unquoted).
 constexpr char kPropertyNameCharacters[] =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.:@-";

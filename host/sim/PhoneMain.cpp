@@ -7,11 +7,12 @@
 
 #include "host/sim/FakePhone.h"
 #include "host/sim/Subcommands.h"
+#include "host/tools/ToolOptions.h"
 
 namespace pwr::sim {
 namespace {
 
-constexpr int kUsageError = 2;
+using pwr::tools::kUsageError;
 
 void usage(std::ostream& out) {
     out << "usage: pwr-sim phone [--device-root DIR] SCENARIO.json [--] COMMAND [ARG...]\n"

@@ -33,7 +33,7 @@
 
 namespace {
 
-constexpr int kUsageError = 2;
+using pwr::tools::kUsageError;
 
 void usage(std::ostream& out) {
     out << "usage: pwr-sim [options] SCENARIO.json\n"

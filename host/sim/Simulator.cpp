@@ -29,6 +29,7 @@
 #include "host/tools/FeatureConfigXml.h"
 #include "host/tools/FeatureLauncher.h"
 #include "host/tools/TimelineText.h"
+#include "host/tools/ToolOptions.h"
 #include "host/tools/VirtualClock.h"
 #include "platform/Mutex.h"
 #include "platform/Properties.h"
@@ -781,7 +782,7 @@ class Simulation {
             feature.reset();
             if (mInterrupted) {
                 mLauncher.fail("interrupted; the run was stopped");
-                return kSimInterrupted;
+                return tools::kInterrupted;
             }
             return mLauncher.fail(error);
         }

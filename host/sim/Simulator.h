@@ -19,12 +19,9 @@ struct SimOptions {
     std::string deviceModelPath;
     // Called as the simulated time advances (reached, duration), for a progress line.
     std::function<void(int64_t, int64_t)> progress;
-    // Asked between steps; true stops the run (Ctrl-C), which then returns kSimInterrupted.
+    // Asked between steps; true stops the run (Ctrl-C), which then returns tools::kInterrupted.
     std::function<bool()> stopRequested;
 };
-
-// runSimulation's status after stopRequested answered true.
-inline constexpr int kSimInterrupted = 130;
 
 // Runs a scenario against a plug-in exactly as the power service drives it, on simulated time:
 // builds the fake device tree, loads the library, builds the feature from the XML configuration

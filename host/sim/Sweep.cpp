@@ -21,6 +21,7 @@
 #include "host/tools/FeatureConfigEdit.h"
 #include "host/tools/FeatureConfigXml.h"
 #include "host/tools/InputFile.h"
+#include "host/tools/ToolOptions.h"
 
 namespace pwr::sim {
 namespace {
@@ -29,8 +30,8 @@ using android::base::StringPrintf;
 using nlohmann::json;
 
 constexpr char kTool[] = "pwr-sim sweep";
-constexpr int kUsageError = 2;
-constexpr int kInterrupted = 130;
+using pwr::tools::kInterrupted;
+using pwr::tools::kUsageError;
 constexpr size_t kMaxRuns = 10000;
 
 void usage(std::ostream& out) {

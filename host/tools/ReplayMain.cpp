@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int kUsageError = 2;
+using pwr::tools::kUsageError;
 
 void usage(std::ostream& out) {
     out << "usage: pwr-replay [options] CONFIG.xml EVENTS\n"

@@ -10,6 +10,11 @@
 
 namespace pwr::tools {
 
+// Exit statuses every host tool shares: a command line it cannot use, and a run stopped by
+// Ctrl-C or SIGTERM (128 + SIGINT, as a shell reports it).
+inline constexpr int kUsageError = 2;
+inline constexpr int kInterrupted = 130;
+
 // "--name" of the long option whose value is `val`; empty when there is none.
 inline std::string optionName(const option* options, int val) {
     for (const option* o = options; o->name != nullptr; ++o) {
