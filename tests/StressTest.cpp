@@ -62,42 +62,20 @@ const char kMail[] = "com.example.mail/.Inbox";
 constexpr char kGpuDir[] = "/sys/class/grax/grax-3d0/";
 
 // Every setting of the feature core, the GPU monitor, the battery monitor and deep mode, with
-// short periods; one entry carries the deep-mode properties as name,value pairs. Profiles carry
-// the feature's number, so that the two features' locks can be told apart.
+// short periods and a battery threshold the video's drain crosses. Profiles carry the feature's
+// number, so that the two features' locks can be told apart.
 PowerOptFeatureInfo stressConfig(const std::string& psmState, const std::string& gpuMode,
                                  int feature) {
-    PowerOptFeatureInfo info;
-    info.featureName = "PSMPowerOptFeature";
-    info.configs = {
-            {"PSM_STATE", psmState},
-            {"DEEP_MODE", "1"},
-            {"GPUMode", gpuMode},
-            {"GAME_TIMER", "2"},
-            {"GPU_SAMPLE_COUNT", "3"},
-            {"STABILITY_SAMPLE_COUNT", "2"},
-            {"GPU_BUSY_STABILITY_THRESHOLD", "10"},
-            {"GPU_Freq_THRESHOLD_LOW", "300"},
-            {"GPU_Freq_THRESHOLD_HIGH", "600"},
-            {"VIDEO_SCALING_UP", "400"},
-            {"BROWSER_SCALING_UP", "400"},
-            {"GAME_SCALING_UP", "400"},
-            {"VIDEO_SCALING_DOWN", "100"},
-            {"BROWSER_SCALING_DOWN", "100"},
-            {"GAME_SCALING_DOWN", "100"},
-            {"MAX_SAMPLE_NUM", "2"},
-            {"SCALING_DOWN_TASK_LOAD_BOOST", "-20"},
-            {"CPUNODE", "cpu0"},
-            {"CPUPOLICY", "policy0"},
-            {"DEEP_PROPS", "vendor.pwr.stress.a,1,vendor.pwr.stress.b,0"},
-    };
-    info.profiles = {
-            {"PROFILE_LIGHT_MODE", {{0x40C00000, feature}}},
-            {"DEFAULT", {{0x40C04000, feature}}},
-            {"PSM_OPT_RESOURCE", {{0x42C10000}}},
-            {"DYN_0_HIGH", {{0x40800000, feature}}},
-            {"DYN_1_MID", {{0x40804000, feature}}},
-            {"DYN_2_LOW", {{0x40808000, feature}}},
-    };
+    PowerOptFeatureInfo info = pwr::test::deepModeConfig(psmState);
+    pwr::test::addGpuMonitorSettings(info, "2");
+    info.configs["GPUMode"] = gpuMode;
+    info.configs["GPU_SAMPLE_COUNT"] = "3";
+    info.configs["STABILITY_SAMPLE_COUNT"] = "2";
+    info.configs["VIDEO_SCALING_UP"] = "400";
+    info.configs["MAX_SAMPLE_NUM"] = "2";
+    for (auto& [name, profile] : info.profiles) {
+        if (name != "PSM_OPT_RESOURCE") profile = {{profile[0][0], feature}};
+    }
     return info;
 }
 

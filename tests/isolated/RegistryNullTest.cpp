@@ -8,6 +8,7 @@
 #include "feature/PowerOptFeature.h"
 #include "host/PluginHost.h"
 #include "host/fakeperf/FakePerf.h"
+#include "tests/support/TestConfig.h"
 
 namespace {
 
@@ -25,19 +26,11 @@ TEST(PluginRegistration, NullRegistry_LoadCreatesItWithOneEntry) {
 
     // The registered factory builds the feature; the host drives it through the base class.
     fakeperf::reset();
-    PowerOptFeatureInfo info;
-    info.featureName = "PSMPowerOptFeature";
-    info.configs = {{"PSM_STATE", "0"}, {"DEEP_MODE", "0"}, {"GPUMode", "0"}};
-    info.profiles["PROFILE_LIGHT_MODE"] = {{0x40C00000, 1}};
     std::unique_ptr<PowerOptFeature> feature =
-            pwr::host::PluginHost::create("PSMPowerOptFeature", info, &error);
+            pwr::host::PluginHost::create("PSMPowerOptFeature", pwr::test::minimalConfig(), &error);
     ASSERT_NE(feature, nullptr) << error;
     EXPECT_EQ(feature->name, "PSMPowerOptFeature");
-    AsyncTriggerPayload hint;
-    hint.hintId = 0x15E0;
-    hint.hintType = 0x81;  // light mode: takes the light profile's lock
-    hint.appName = "com.example.app";
-    feature->sendEvents(hint);
+    feature->sendEvents(pwr::test::powerModeHint(1));  // light mode takes the light profile's lock
     EXPECT_EQ(fakeperf::heldLocks().size(), 1u);
     featureData out;
     EXPECT_EQ(feature->getData("key", out, 0), 0);

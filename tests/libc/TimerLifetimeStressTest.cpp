@@ -29,6 +29,7 @@
 #include "host/fakeperf/FakePerf.h"
 #include "tests/support/DeviceTree.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TestConfig.h"
 
 namespace {
 
@@ -43,29 +44,6 @@ constexpr char kGpuDir[] = "/sys/class/grax/grax-3d0/";
 // The busy node's answer; a tick that has read the first part waits in its read for the rest.
 constexpr char kBusyAnswer[] = "50 100\n";
 constexpr ssize_t kHeldPart = 2;
-
-PowerOptFeatureInfo gamingConfig() {
-    PowerOptFeatureInfo info;
-    info.featureName = "PSMPowerOptFeature";
-    info.configs = {
-            {"PSM_STATE", "2"},
-            {"DEEP_MODE", "0"},
-            {"GPUMode", "1"},
-            {"GAME_TIMER", "1"},
-            {"GPU_SAMPLE_COUNT", "3"},
-            {"STABILITY_SAMPLE_COUNT", "2"},
-            {"GPU_BUSY_STABILITY_THRESHOLD", "10"},
-            {"GPU_Freq_THRESHOLD_LOW", "300"},
-            {"GPU_Freq_THRESHOLD_HIGH", "600"},
-    };
-    info.profiles = {
-            {"PROFILE_LIGHT_MODE", {{0x40C00000, 1}}},
-            {"DYN_0_HIGH", {{0x40800000, 3}}},
-            {"DYN_1_MID", {{0x40800000, 2}}},
-            {"DYN_2_LOW", {{0x40800000, 1}}},
-    };
-    return info;
-}
 
 // Answers every reader of the FIFO. The first reader of a cycle is held until the cycle's
 // deletion has begun; any other (a tick queued behind it) is answered at once.
@@ -162,10 +140,8 @@ TEST(TimerLifetimeStress, DeletionWaitsForTheTickItInterrupts) {
     fakeperf::setAppType("com.example.game", 2);
 
     BusyNodeWriter writer(fifo);
-    const PowerOptFeatureInfo info = gamingConfig();
-    AsyncTriggerPayload start;
-    start.hintId = 0x1001;
-    start.appName = "com.example.game/.Main";
+    const PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2", "1");
+    const AsyncTriggerPayload start = pwr::test::event(0x1001, "com.example.game/.Main");
 
     int outlived = 0;
     for (int cycle = 0; cycle < kCycles; ++cycle) {

@@ -17,19 +17,6 @@ std::vector<std::string> keysOf(const std::vector<KeyProblem>& problems) {
     return keys;
 }
 
-PowerOptFeatureInfo gpuConfig() {
-    PowerOptFeatureInfo info = pwr::test::minimalConfig("2");
-    info.configs["GPUMode"] = "1";  // replaces the minimal configuration's 0
-    info.configs.insert({{"GAME_TIMER", "1000"},
-                         {"GPU_SAMPLE_COUNT", "5"},
-                         {"STABILITY_SAMPLE_COUNT", "3"},
-                         {"GPU_BUSY_STABILITY_THRESHOLD", "10"},
-                         {"GPU_Freq_THRESHOLD_LOW", "300"},
-                         {"GPU_Freq_THRESHOLD_HIGH", "600"}});
-    info.profiles.insert({{"DYN_0", {{1, 2}}}, {"DYN_1", {{3, 4}}}, {"DYN_2", {{5, 6}}}});
-    return info;
-}
-
 TEST(FeatureKeys, Check_MissingKeysInTheFeaturesOrder) {
     PowerOptFeatureInfo info;
     info.configs["GAME_TIMER"] = "x";  // not read: GPUMode is absent
@@ -44,7 +31,7 @@ TEST(FeatureKeys, Check_MissingKeysInTheFeaturesOrder) {
 }
 
 TEST(FeatureKeys, Check_ConversionsThatThrowAsTheFeaturesDo) {
-    PowerOptFeatureInfo info = gpuConfig();
+    PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2");
     info.configs["GPU_SAMPLE_COUNT"] = "five";
     info.configs["DEEP_MODE"] = "99999999999";
     const auto problems = FeatureKeys::check(info);
@@ -64,11 +51,11 @@ TEST(FeatureKeys, Check_ConversionsThatThrowAsTheFeaturesDo) {
 }
 
 TEST(FeatureKeys, Check_AcceptedValuesThatMisbehave) {
-    PowerOptFeatureInfo info = gpuConfig();
+    PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2");
     info.configs["PSM_STATE"] = "2.9";  // truncated to 2, as the feature does: no problem
     info.configs["GAME_TIMER"] = "5OO";
     info.configs["GPU_Freq_THRESHOLD_LOW"] = "1e30";
-    info.profiles.erase("DYN_2");
+    info.profiles.erase("DYN_GPU_2_LOW");
     const auto problems = FeatureKeys::check(info);
     ASSERT_EQ(problems.size(), 3u);
     EXPECT_EQ(problems[0].message,
@@ -108,27 +95,8 @@ TEST(FeatureKeys, Check_DeepModeKeysOnlyWhenDeepModeIsOn) {
     EXPECT_EQ(problems[6].effect, Effect::Throws);
 }
 
-PowerOptFeatureInfo deepConfig() {
-    PowerOptFeatureInfo info = pwr::test::minimalConfig();
-    info.configs["DEEP_MODE"] = "1";
-    for (const char* key : {"VIDEO_SCALING_UP", "BROWSER_SCALING_UP", "GAME_SCALING_UP"}) {
-        info.configs[key] = "400";
-    }
-    for (const char* key : {"VIDEO_SCALING_DOWN", "BROWSER_SCALING_DOWN", "GAME_SCALING_DOWN"}) {
-        info.configs[key] = "250";
-    }
-    info.configs.insert({{"MAX_SAMPLE_NUM", "5"},
-                         {"SCALING_DOWN_TASK_LOAD_BOOST", "-20"},
-                         {"CPUNODE", "cpu4"},
-                         {"CPUPOLICY", "policy4"},
-                         {"PSM", "ignored,entry,left"},
-                         {"DEEP_PROPS", "vendor.a,1,,vendor.b,0,"}});
-    info.profiles.insert({{"DEFAULT", {{0x40C00000, 1}}}, {"PSM_OPT_RESOURCE", {{0x40C68000}}}});
-    return info;
-}
-
 TEST(FeatureKeys, Check_DeepModePropertyTextsMustHoldWholePairs) {
-    PowerOptFeatureInfo info = deepConfig();
+    PowerOptFeatureInfo info = pwr::test::deepModeConfig();
     // Only the property entry is left among the texts: the scalars are what breaks the pairs.
     std::vector<std::string> lone;
     for (const auto& [key, value] : info.configs) {
@@ -162,20 +130,20 @@ TEST(FeatureKeys, Check_DeepModePropertyTextsMustHoldWholePairs) {
 }
 
 TEST(FeatureKeys, Check_ValuesTheMonitorsCannotWorkWith) {
-    PowerOptFeatureInfo info = gpuConfig();
+    PowerOptFeatureInfo info = pwr::test::gpuMonitorConfig("2");
     info.configs["GAME_TIMER"] = "0";
     info.configs["GPU_SAMPLE_COUNT"] = "-1";
     info.configs["GPU_Freq_THRESHOLD_LOW"] = "700";
-    info.profiles["DYN_1"] = {{}};
+    info.profiles["DYN_GPU_1_MID"] = {{}};
     // The group's keys in the feature's order first, then the values it cannot work with.
     EXPECT_THAT(keysOf(FeatureKeys::check(info)),
-                ::testing::ElementsAre("DYN_1", "GAME_TIMER", "GPU_SAMPLE_COUNT",
+                ::testing::ElementsAre("DYN_GPU_1_MID", "GAME_TIMER", "GPU_SAMPLE_COUNT",
                                        "GPU_Freq_THRESHOLD_LOW"));
-    PowerOptFeatureInfo equal = gpuConfig();
+    PowerOptFeatureInfo equal = pwr::test::gpuMonitorConfig("2");
     equal.configs["GPU_Freq_THRESHOLD_LOW"] = "600";  // the balanced profile covers 600 MHz
     EXPECT_TRUE(FeatureKeys::check(equal).empty());
 
-    PowerOptFeatureInfo deep = deepConfig();
+    PowerOptFeatureInfo deep = pwr::test::deepModeConfig();
     deep.configs["MAX_SAMPLE_NUM"] = "0";
     deep.configs["SCALING_DOWN_TASK_LOAD_BOOST"] = "0";
     deep.configs["VIDEO_SCALING_UP"] = "0";
@@ -193,7 +161,7 @@ TEST(FeatureKeys, Check_ValuesTheMonitorsCannotWorkWith) {
 // A property name takes at most 91 characters.
 TEST(FeatureKeys, Check_DeepModePropertyNamesMustFit) {
     for (const size_t length : {91u, 92u}) {
-        PowerOptFeatureInfo info = deepConfig();
+        PowerOptFeatureInfo info = pwr::test::deepModeConfig();
         info.configs["DEEP_PROPS"] = std::string(length, 'p') + ",1";
         int invalid = 0;
         for (const KeyProblem& p : FeatureKeys::check(info)) {
