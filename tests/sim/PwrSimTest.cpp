@@ -185,9 +185,6 @@ TEST_F(PwrSimTest, BadInputGetsOneErrorNamingFileAndPlace) {
     };
     const Row rows[] = {
             {"{\n  \"duration\": 10,\n  \"apps\": {,}\n}\n", {}, ":3:12: syntax error"},
-            {R"({"duration": 10, "gpu": {"trace": []}})",
-             {"--config", config},
-             ": gpu: \"frequencies_mhz\" is missing"},
             {R"({"duration": 10, "events": [{"t": 1, "event": "start a\u0000b"}]})",
              {"--config", config},
              ": events[0].event: holds a NUL character"},
@@ -360,22 +357,10 @@ TEST_F(PwrSimTest, CheckNamesEachProblemWithItsLine) {
 // Closed loop: a profile whose GPU cap lies under the frequency the device runs at lowers that
 // frequency from the feature's next tick (500 ms) on, and the feature sees what it caused.
 TEST_F(PwrSimTest, ClosedLoop_LockTakenAtATickLimitsTheGpuFromTheNextTick) {
-    const std::string config = write("capping.xml", R"(<Feature name="PSMPowerOptFeature"><Configs>
-        <Config name="PSM_STATE" value="0"/><Config name="DEEP_MODE" value="0"/>
-        <Config name="GPUMode" value="1"/><Config name="GAME_TIMER" value="500"/>
-        <Config name="GPU_SAMPLE_COUNT" value="3"/><Config name="STABILITY_SAMPLE_COUNT" value="2"/>
-        <Config name="GPU_BUSY_STABILITY_THRESHOLD" value="10"/>
-        <Config name="GPU_Freq_THRESHOLD_LOW" value="300"/>
-        <Config name="GPU_Freq_THRESHOLD_HIGH" value="600"/></Configs><Profiles>
-        <Profile name="PROFILE_LIGHT_MODE"><PerfLock>0x40C00000, 1</PerfLock></Profile>
-        <Profile name="DYN_GPU_0"><PerfLock>0x42804000, 900</PerfLock></Profile>
-        <Profile name="DYN_GPU_1"><PerfLock>0x42804000, 267</PerfLock></Profile>
-        <Profile name="DYN_GPU_2"><PerfLock>0x42804000, 180</PerfLock></Profile>
-        </Profiles></Feature>)");
-    // 350 MHz of work: 430 MHz serves it within the model's 90% target.
-    const std::string scenario = write("s.json", R"({"duration": 30, "apps": {"g": "game"},
-        "gpu": {"frequencies_mhz": [180, 850], "trace": [{"t": 0, "freq_mhz": 350, "busy": 100}]},
-        "events": [{"t": 1, "event": "hint 2 1"}, {"t": 2, "event": "start g/.Main"}]})");
+    // tests/sim/data/gpu-capping.*: 350 MHz of work, which 430 MHz serves within the model's 90%
+    // target, and dynamic profiles capping the GPU at 900, 267 and 180 MHz.
+    const std::string config = kSource + "tests/sim/data/gpu-capping.xml";
+    const std::string scenario = kSource + "tests/sim/data/gpu-capping.json";
     const std::string recordingPath = mDir + "/recording.json";
     const ToolRun run =
             this->run({scenario, "--config", config, "--device", kSource + "configs/sim/phone.json",
