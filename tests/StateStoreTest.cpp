@@ -1,9 +1,6 @@
 // The feature's power-saving state store: pmDbInit, pmDbWrite and pmDbRead over the device's
 // database file in a temporary fake device root.
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -111,27 +108,6 @@ TEST_F(StateStoreTest, WithoutAUsableFileTheFeatureRunsWithoutAStore) {
     f.pmDbInit();
     EXPECT_NE(part().database(), nullptr);
     EXPECT_EQ(part().status(), 0);
-}
-
-// The value must be on disk when pmDbWrite returns: the child ends abruptly, without running the
-// feature's destructor, and this process reads it back.
-TEST_F(StateStoreTest, AValueWrittenInOneProcessIsReadInAnother) {
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0) << strerror(errno);
-    if (pid == 0) {
-        pwr::test::installNullLogger();
-        PSMPowerOptFeature& f = open();
-        if (part().database() == nullptr) _exit(3);
-        f.pmDbWrite("PSM", '1');
-        f.pmDbWrite("vendor.restart", '9');
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-    PSMPowerOptFeature& f = open();
-    EXPECT_EQ(f.pmDbRead("vendor.restart"), '9');
-    EXPECT_EQ(f.pmDbRead("PSM"), '1');
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 // snapshot the tools read); the peer itself holds only what belongs to the feature core.
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "feature/FeatureSnapshot.h"
@@ -20,7 +19,6 @@ class PSMPowerOptFeatureTestPeer {
         return s;
     }
     const FeatureSettings& settings() const { return f.mSettings; }
-    PsmModeState& modes() { return f.mModeState; }
     ProfileLock& profileLock() { return f.mProfileLock; }
     StateStore& store() { return f.mStateStore; }
     GpuStabilityMonitor& gpu() { return f.mGpuMonitor; }
@@ -36,11 +34,6 @@ class PSMPowerOptFeatureTestPeer {
     int ignoredIndex() const { return f.mIgnoredIndex; }
     std::vector<std::string>& ignoredApps() { return f.mIgnoredApps; }
 
-    // The battery thresholds chosen at the last evaluation: upper, lower.
-    std::pair<int, int> activeThresholds() const {
-        const PSMFeatureSnapshot s = snapshot();
-        return {s.activeScalingUp, s.activeScalingDown};
-    }
     // Upper and lower thresholds of the game, browser and video pairs, in that order.
     std::vector<int> scalingThresholds() const {
         const FeatureSettings& s = f.mSettings;

@@ -185,14 +185,6 @@ TEST_F(ReplayTest, UnparsableNumberIsReportedWithFileLineKeyAndValue) {
                             "std::invalid_argument); the feature's constructor threw, no feature "
                             "was built\n");
     EXPECT_EQ(countStarting("event "), 0) << output();
-
-    write(gameConfig("0", "99999999999"), kEvents);
-    EXPECT_EQ(run(), 1);
-    EXPECT_EQ(mErr,
-              "pwr-replay: error: " + mOptions.configPath +
-                      ":11: config \"DEEP_MODE\" = \"99999999999\" is out of range (std::stoi "
-                      "throws std::out_of_range); the feature's constructor threw, no "
-                      "feature was built\n");
 }
 
 TEST_F(ReplayTest, NotReadyFeatureIsReportedAndNoEventReplayed) {
@@ -211,14 +203,6 @@ TEST_F(ReplayTest, NotReadyFeatureIsReportedAndNoEventReplayed) {
                             "every event, so none was replayed; its log lines above say why\n"
                             "pwr-replay: note: " +
                             mOptions.configPath + ": config \"DEEP_MODE\" is missing\n");
-
-    // A missing key the feature names itself.
-    write(gameConfig(""), kEvents);
-    EXPECT_EQ(run(), 1);
-    EXPECT_EQ(missingInOrder({logLine(site::kMissPsmState, "miss PSM_STATE")}), "") << output();
-    EXPECT_THAT(mErr, HasSubstr("note: " + mOptions.configPath +
-                                ": config \"PSM_STATE\" is "
-                                "missing"));
 }
 
 TEST_F(ReplayTest, InvalidInputStopsBeforeLoading) {
