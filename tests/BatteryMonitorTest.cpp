@@ -92,6 +92,7 @@ struct Step {
 struct EvaluationCase {
     const char* name;
     std::vector<Step> steps;
+    friend void PrintTo(const EvaluationCase& row, std::ostream* os) { *os << row.name; }
 };
 
 class BatteryEvaluation : public BatteryMonitor,

@@ -76,6 +76,7 @@ struct DispatchCase {
     bool gameTimerArmed;
     bool batteryTimerArmed;
     std::vector<std::string> sites;  // where the event logs, in order
+    friend void PrintTo(const DispatchCase& row, std::ostream* os) { *os << row.name; }
 };
 
 DispatchCase row(const char* name, Config config, const char* psmState,

@@ -104,6 +104,7 @@ struct TickCase {
     bool sampled;
     uint64_t freq;
     int64_t busyPercent;
+    friend void PrintTo(const TickCase& row, std::ostream* os) { *os << row.name; }
 };
 
 class GpuTick : public GpuMonitor, public ::testing::WithParamInterface<TickCase> {};
@@ -312,6 +313,7 @@ struct SwitchCase {
     Lists acquired;
     int level;
     int changeCount;
+    friend void PrintTo(const SwitchCase& row, std::ostream* os) { *os << row.name; }
 };
 
 class GpuSwitch : public GpuMonitor, public ::testing::WithParamInterface<SwitchCase> {};

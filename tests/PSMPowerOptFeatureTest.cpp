@@ -41,6 +41,7 @@ struct ConfigCase {
     const char* name;
     std::function<void(PowerOptFeatureInfo&)> edit;
     std::vector<std::string> lines;  // empty: ready
+    friend void PrintTo(const ConfigCase& row, std::ostream* os) { *os << row.name; }
 };
 
 ConfigCase without(const char* key, std::vector<std::string> lines) {

@@ -33,6 +33,7 @@ struct Shell {
     // Tools the script runs (tr, sed) taken from busybox too, as a stand-in for the phone's
     // toybox, so that an option only the host's tools know shows up.
     bool busyboxTools;
+    friend void PrintTo(const Shell& row, std::ostream* os) { *os << row.name; }
 };
 
 class CaptureScript : public ::testing::TestWithParam<Shell> {};
