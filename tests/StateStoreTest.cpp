@@ -1,8 +1,6 @@
 // The feature's power-saving state store: pmDbInit, pmDbWrite and pmDbRead over the device's
 // database file in a temporary fake device root.
 
-#include <filesystem>
-#include <memory>
 #include <string>
 
 #include <android-base/strings.h>
